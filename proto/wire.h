@@ -234,6 +234,14 @@ constexpr const OpCodeInfo *find_op_code(uint16_t code) {
     return nullptr;
 }
 
+// Listed in the supported-functions answer (0xA5): every row but four.
+constexpr bool is_advertised(uint16_t code) {
+    if (find_op_code(code) == nullptr) return false;
+    for (uint16_t c : kNotAdvertised)
+        if (c == code) return false;
+    return true;
+}
+
 // ---- result codes ---------------------------------------------------------
 
 enum Result : uint16_t {
@@ -241,6 +249,15 @@ enum Result : uint16_t {
     kResultAuthFailed = 0x0040,
     kResultRefused = 0xFFFD,
     kResultRefusedHigh = 0xFFFF,
+    // Codes of single handlers (meanings in proto/tags.h, kHandlerResults).
+    kResultRadiusAddress = 2,       // 0x2005
+    kResultNtpLoopback = 105,       // 0xE5
+    kResultWirelessMode = 204,      // 0x2007
+    kResultAuthCode = 206,          // 0x2005
+    kResultCountry = 218,           // 0x2007
+    kResultBadNewUserName = 1001,   // 0xA4
+    kResultBadNewPassword = 1011,   // 0xA4
+    kResultSnmpPartial = 2002,      // 0xD4
 };
 
 struct ResultInfo {
