@@ -1,0 +1,507 @@
+// xmldb: substitute configuration database server. One thread, one epoll
+// loop, non-blocking sockets; each connection carries one command and is
+// closed after its reply. A client that stalls is dropped at its deadline so
+// it never holds up the others.
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "store.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr auto kDeadline = std::chrono::seconds(2);
+constexpr std::size_t kHeader = 16;
+constexpr std::size_t kMaxReply = 1u << 20;  // cap of an expanded ephp reply
+
+enum Command : uint16_t {
+    GET = 1, SET = 2, DEL = 3, RELOAD = 4, DUMP = 5,
+    PATCH = 6, PATCH_BUFFER = 7, SET_NOTIFY = 8, EPHP = 10,
+};
+
+struct Options {
+    std::string sock = "/var/run/xmldb_sock";
+    std::string profile;
+    std::string state;
+};
+
+struct Conn {
+    std::string in;   // request bytes so far, when they came in pieces
+    std::string out;  // reply bytes not yet written
+    std::size_t out_off = 0;
+    bool registered = false;
+};
+
+uint16_t get16(const char *p)
+{
+    uint16_t v;
+    std::memcpy(&v, p, sizeof(v));
+    return v;
+}
+
+class Server {
+public:
+    explicit Server(Options opt) : opt_(std::move(opt)) {}
+    int run();
+
+private:
+    bool load_initial();
+    bool open_listener();
+    void accept_all();
+    void on_readable(int fd);
+    void on_writable(int fd);
+    // Handles the bytes of a request once it is whole; false while not.
+    bool try_request(int fd, const char *data, std::size_t len);
+    void reply(int fd, std::string bytes);
+    void drop(int fd);
+    void expire();
+    int timeout_ms() const;
+    std::string run_command(uint16_t cmd, uint64_t flags, std::string_view arg, bool &known);
+    std::string status_reply(uint16_t cmd, uint64_t flags, int32_t status);
+    std::string patch(std::string_view text);
+    const std::string &state_or(std::string_view arg, std::string &tmp) const;
+
+    Options opt_;
+    xmldb::Store store_;
+    int lfd_ = -1, efd_ = -1, sfd_ = -1, spare_ = -1;
+    ino_t sock_ino_ = 0;
+    std::vector<std::unique_ptr<Conn>> conns_;
+    std::vector<uint32_t> gens_;
+    struct Due {
+        Clock::time_point at;
+        int fd;
+        uint32_t gen;
+    };
+    std::deque<Due> due_;  // accept order == deadline order
+    char rbuf_[kHeader + 65536];
+};
+
+bool Server::load_initial()
+{
+    std::string err;
+    xmldb::Map map;
+    if (!opt_.state.empty() && access(opt_.state.c_str(), F_OK) == 0) {
+        if (!xmldb::load_file(opt_.state, map, err)) {
+            std::fprintf(stderr, "xmldb: cannot load state file %s\n", err.c_str());
+            return false;
+        }
+    } else if (!opt_.profile.empty()) {
+        if (!xmldb::load_file(opt_.profile, map, err)) {
+            std::fprintf(stderr, "xmldb: cannot load profile %s\n", err.c_str());
+            return false;
+        }
+    }
+    store_.replace(std::move(map));
+    return true;
+}
+
+bool Server::open_listener()
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (opt_.sock.empty() || opt_.sock.size() >= sizeof(addr.sun_path)) {
+        std::fprintf(stderr, "xmldb: socket path must be 1 to %zu characters\n",
+                     sizeof(addr.sun_path) - 1);
+        return false;
+    }
+    std::memcpy(addr.sun_path, opt_.sock.c_str(), opt_.sock.size() + 1);
+
+    struct stat st;
+    if (lstat(opt_.sock.c_str(), &st) == 0) {
+        if (!S_ISSOCK(st.st_mode)) {
+            std::fprintf(stderr, "xmldb: %s exists and is not a socket\n", opt_.sock.c_str());
+            return false;
+        }
+        int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        bool live = probe >= 0 &&
+                    connect(probe, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0;
+        if (probe >= 0)
+            close(probe);
+        if (live) {
+            std::fprintf(stderr, "xmldb: another server is listening on %s\n", opt_.sock.c_str());
+            return false;
+        }
+        unlink(opt_.sock.c_str());  // left over from a server that died
+    }
+
+    lfd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (lfd_ < 0 || bind(lfd_, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) < 0 ||
+        listen(lfd_, SOMAXCONN) < 0) {
+        std::fprintf(stderr, "xmldb: cannot listen on %s: %s\n", opt_.sock.c_str(),
+                     std::strerror(errno));
+        return false;
+    }
+    if (stat(opt_.sock.c_str(), &st) == 0)
+        sock_ino_ = st.st_ino;
+    return true;
+}
+
+int Server::run()
+{
+    if (!load_initial())
+        return 1;
+
+    // More descriptors than the default soft limit: many clients at once.
+    rlimit rl;
+    if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+        rl.rlim_cur = rl.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &rl);
+    }
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGINT);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+
+    if (!open_listener())
+        return 1;
+    sfd_ = signalfd(-1, &mask, SFD_NONBLOCK | SFD_CLOEXEC);
+    efd_ = epoll_create1(EPOLL_CLOEXEC);
+    // Held in reserve so that accept can still take and shed a client when
+    // the descriptors run out, instead of spinning on a full backlog.
+    spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (sfd_ < 0 || efd_ < 0) {
+        std::perror("xmldb");
+        return 1;
+    }
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = lfd_;
+    epoll_ctl(efd_, EPOLL_CTL_ADD, lfd_, &ev);
+    ev.data.fd = sfd_;
+    epoll_ctl(efd_, EPOLL_CTL_ADD, sfd_, &ev);
+
+    epoll_event events[64];
+    bool stop = false;
+    while (!stop) {
+        int n = epoll_wait(efd_, events, 64, timeout_ms());
+        if (n < 0 && errno != EINTR) {
+            std::perror("xmldb: epoll_wait");
+            break;
+        }
+        for (int i = 0; i < n; i++) {
+            int fd = events[i].data.fd;
+            if (fd == lfd_) {
+                accept_all();
+            } else if (fd == sfd_) {
+                stop = true;
+            } else if (fd < static_cast<int>(conns_.size()) && conns_[fd]) {
+                if (!conns_[fd]->out.empty())
+                    on_writable(fd);
+                else
+                    on_readable(fd);
+            }
+        }
+        expire();
+    }
+
+    for (std::size_t fd = 0; fd < conns_.size(); fd++)
+        if (conns_[fd])
+            close(static_cast<int>(fd));
+    struct stat st;
+    if (stat(opt_.sock.c_str(), &st) == 0 && st.st_ino == sock_ino_)
+        unlink(opt_.sock.c_str());
+    close(lfd_);
+    return 0;
+}
+
+void Server::accept_all()
+{
+    for (;;) {
+        int fd = accept4(lfd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if ((errno == EMFILE || errno == ENFILE) && spare_ >= 0) {
+                close(spare_);
+                int shed = accept(lfd_, nullptr, nullptr);
+                if (shed >= 0)
+                    close(shed);
+                spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+                continue;
+            }
+            if (errno == EINTR || errno == ECONNABORTED)
+                continue;
+            return;  // EAGAIN: backlog drained
+        }
+        if (fd >= static_cast<int>(conns_.size())) {
+            conns_.resize(fd + 1);
+            gens_.resize(fd + 1, 0);
+        }
+        conns_[fd] = std::make_unique<Conn>();
+        // The request is usually there already: serve it without a trip
+        // through epoll.
+        on_readable(fd);
+    }
+}
+
+void Server::on_readable(int fd)
+{
+    Conn *c = conns_[fd].get();
+    for (;;) {
+        ssize_t n = read(fd, rbuf_, sizeof(rbuf_));
+        if (n > 0) {
+            std::size_t len = static_cast<std::size_t>(n);
+            if (c->in.empty()) {
+                if (try_request(fd, rbuf_, len))
+                    return;
+            } else {
+                c->in.append(rbuf_, len);
+                if (try_request(fd, c->in.data(), c->in.size()))
+                    return;
+            }
+            if (c->in.empty())
+                c->in.assign(rbuf_, len);
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (!c->registered) {
+                epoll_event ev{};
+                ev.events = EPOLLIN;
+                ev.data.fd = fd;
+                if (epoll_ctl(efd_, EPOLL_CTL_ADD, fd, &ev) < 0) {
+                    drop(fd);
+                    return;
+                }
+                c->registered = true;
+                due_.push_back({Clock::now() + kDeadline, fd, gens_[fd]});
+            }
+            return;
+        }
+        drop(fd);  // closed before the request was whole, or an error
+        return;
+    }
+}
+
+bool Server::try_request(int fd, const char *data, std::size_t len)
+{
+    if (len < kHeader)
+        return false;
+    std::size_t need = kHeader + get16(data + 2);
+    if (len < need)
+        return false;
+    uint16_t cmd = get16(data);
+    uint64_t flags;
+    std::memcpy(&flags, data + 4, sizeof(flags));
+    std::string_view payload(data + kHeader, need - kHeader);
+    // The argument is text: up to its NUL, or all of it when there is none.
+    std::string_view arg = payload.substr(0, payload.find('\0'));
+    bool known = true;
+    std::string out = run_command(cmd, flags, arg, known);
+    if (!known)
+        drop(fd);
+    else
+        reply(fd, std::move(out));
+    return true;
+}
+
+void Server::reply(int fd, std::string bytes)
+{
+    Conn *c = conns_[fd].get();
+    // Whole reply in one write: a typed read takes only what one read returns.
+    ssize_t n = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n == static_cast<ssize_t>(bytes.size()) || (n < 0 && errno != EAGAIN)) {
+        drop(fd);  // done, or the client went away: either way finished
+        return;
+    }
+    c->out = std::move(bytes);
+    c->out_off = n > 0 ? static_cast<std::size_t>(n) : 0;
+    c->in.clear();
+    epoll_event ev{};
+    ev.events = EPOLLOUT;
+    ev.data.fd = fd;
+    int op = c->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+    if (epoll_ctl(efd_, op, fd, &ev) < 0) {
+        drop(fd);
+        return;
+    }
+    if (!c->registered)
+        due_.push_back({Clock::now() + kDeadline, fd, gens_[fd]});
+    c->registered = true;
+}
+
+void Server::on_writable(int fd)
+{
+    Conn *c = conns_[fd].get();
+    std::size_t left = c->out.size() - c->out_off;
+    ssize_t n = send(fd, c->out.data() + c->out_off, left, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0)
+        c->out_off += static_cast<std::size_t>(n);
+    if (c->out_off == c->out.size() || (n < 0 && errno != EAGAIN && errno != EINTR))
+        drop(fd);
+}
+
+void Server::drop(int fd)
+{
+    close(fd);  // also leaves the epoll set
+    conns_[fd].reset();
+    gens_[fd]++;
+}
+
+void Server::expire()
+{
+    auto now = Clock::now();
+    while (!due_.empty() && due_.front().at <= now) {
+        Due d = due_.front();
+        due_.pop_front();
+        if (d.fd < static_cast<int>(conns_.size()) && conns_[d.fd] && gens_[d.fd] == d.gen)
+            drop(d.fd);
+    }
+    // Entries of connections that finished early only wait for their time.
+}
+
+int Server::timeout_ms() const
+{
+    if (due_.empty())
+        return -1;
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(due_.front().at - Clock::now());
+    return left.count() < 0 ? 0 : static_cast<int>(left.count()) + 1;
+}
+
+std::string Server::status_reply(uint16_t cmd, uint64_t flags, int32_t status)
+{
+    char raw[kHeader] = {};
+    std::memcpy(raw, &cmd, 2);
+    std::memcpy(raw + 4, &flags, 8);
+    std::memcpy(raw + 12, &status, 4);
+    return std::string(raw, sizeof(raw));
+}
+
+const std::string &Server::state_or(std::string_view arg, std::string &tmp) const
+{
+    if (arg.empty())
+        return opt_.state;
+    tmp.assign(arg);
+    return tmp;
+}
+
+std::string Server::patch(std::string_view text)
+{
+    xmldb::Entries entries;
+    std::string err;
+    if (!xmldb::parse_profile(text, entries, err))
+        return "ERROR " + err;
+    store_.apply(entries);
+    return "OK " + std::to_string(entries.size());
+}
+
+std::string Server::run_command(uint16_t cmd, uint64_t flags, std::string_view arg, bool &known)
+{
+    std::string tmp, err;
+    switch (cmd) {
+    case GET: {
+        std::string_view v = store_.get(arg);
+        std::string out;
+        out.reserve(v.size() + 1);
+        out.append(v);
+        out += '\0';
+        return out;
+    }
+    case SET:
+    case SET_NOTIFY: {
+        // Key up to the first space; the value is the rest, spaces and all.
+        std::size_t sp = arg.find(' ');
+        std::string_view key = arg.substr(0, sp);
+        std::string_view value = sp == std::string_view::npos ? std::string_view() : arg.substr(sp + 1);
+        return status_reply(cmd, flags, store_.set(key, value) ? 0 : -1);
+    }
+    case DEL:
+        store_.erase_subtree(arg);
+        return status_reply(cmd, flags, arg.empty() ? -1 : 0);
+    case RELOAD: {
+        const std::string &path = state_or(arg, tmp);
+        xmldb::Map map;
+        if (path.empty() || !xmldb::load_file(path, map, err)) {
+            if (!err.empty())
+                std::fprintf(stderr, "xmldb: reload: %s\n", err.c_str());
+            return status_reply(cmd, flags, -1);
+        }
+        store_.replace(std::move(map));
+        return status_reply(cmd, flags, 0);
+    }
+    case DUMP: {
+        const std::string &path = state_or(arg, tmp);
+        if (path.empty() || !xmldb::dump_file(path, store_.map(), err)) {
+            if (!err.empty())
+                std::fprintf(stderr, "xmldb: dump: %s\n", err.c_str());
+            return status_reply(cmd, flags, -1);
+        }
+        return status_reply(cmd, flags, 0);
+    }
+    case PATCH: {
+        std::string text;
+        std::string out = xmldb::read_file(std::string(arg), text, err) ? patch(text) : "ERROR " + err;
+        out += '\0';
+        return out;
+    }
+    case PATCH_BUFFER: {
+        std::string out = patch(arg);
+        out += '\0';
+        return out;
+    }
+    case EPHP: {
+        std::string out = store_.expand(arg, kMaxReply);
+        out += '\0';
+        return out;
+    }
+    default:
+        known = false;
+        return {};
+    }
+}
+
+void usage(FILE *to)
+{
+    std::fputs(
+        "usage: xmldb [-s SOCKET] [-f PROFILE] [-p STATEFILE]\n"
+        "Substitute configuration database server.\n"
+        "  -s SOCKET     Unix socket to listen on (default /var/run/xmldb_sock)\n"
+        "  -f PROFILE    load this profile at start\n"
+        "  -p STATEFILE  state file: loaded at start when present (preferred over -f),\n"
+        "                written by a dump with an empty argument\n"
+        "  --help        show this help\n"
+        "Stops on SIGTERM or SIGINT and removes its socket.\n",
+        to);
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    Options opt;
+    for (int i = 1; i < argc; i++) {
+        std::string_view a = argv[i];
+        if (a == "--help" || a == "-h") {
+            usage(stdout);
+            return 0;
+        }
+        std::string *target = a == "-s" ? &opt.sock : a == "-f" ? &opt.profile : a == "-p" ? &opt.state : nullptr;
+        if (!target || i + 1 >= argc) {
+            std::fprintf(stderr, "xmldb: %s %s\n", target ? "missing value for" : "unknown option", argv[i]);
+            usage(stderr);
+            return 1;
+        }
+        *target = argv[++i];
+    }
+    auto server = std::make_unique<Server>(std::move(opt));
+    return server->run();
+}

@@ -1,0 +1,264 @@
+#include "store.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace xmldb {
+
+bool valid_key(std::string_view key)
+{
+    if (key.empty() || key.front() == '#')
+        return false;
+    for (unsigned char c : key)
+        if (c < 0x20 || c == 0x7f || c == ' ')
+            return false;
+    return true;
+}
+
+static bool unescape(std::string_view in, std::string &out)
+{
+    out.clear();
+    out.reserve(in.size());
+    for (std::size_t i = 0; i < in.size(); i++) {
+        char c = in[i];
+        if (c != '\\') {
+            out += c;
+            continue;
+        }
+        if (++i == in.size())
+            return false;
+        switch (in[i]) {
+        case '\\': out += '\\'; break;
+        case 'n': out += '\n'; break;
+        case 'r': out += '\r'; break;
+        case 't': out += '\t'; break;
+        default: return false;
+        }
+    }
+    return true;
+}
+
+bool parse_profile(std::string_view text, Entries &out, std::string &err)
+{
+    out.clear();
+    std::size_t lineno = 0;
+    while (!text.empty()) {
+        lineno++;
+        std::size_t nl = text.find('\n');
+        std::string_view line = text.substr(0, nl);
+        text = nl == std::string_view::npos ? std::string_view() : text.substr(nl + 1);
+        if (!line.empty() && line.back() == '\r')
+            line.remove_suffix(1);
+
+        std::size_t first = line.find_first_not_of(" \t");
+        if (first == std::string_view::npos || line[first] == '#')
+            continue;
+        auto fail = [&](const char *why) {
+            err = "line " + std::to_string(lineno) + ": " + why;
+            return false;
+        };
+        if (line.find('\0') != std::string_view::npos)
+            return fail("NUL byte");
+        std::size_t sp = line.find(' ');
+        std::string_view key = line.substr(0, sp);
+        std::string_view raw = sp == std::string_view::npos ? std::string_view() : line.substr(sp + 1);
+        if (!valid_key(key))
+            return fail("invalid key");
+        std::string value;
+        if (!unescape(raw, value))
+            return fail("bad escape in value");
+        out.emplace_back(std::string(key), std::move(value));
+    }
+    return true;
+}
+
+std::string escape_value(std::string_view value)
+{
+    std::string out;
+    out.reserve(value.size());
+    for (char c : value) {
+        switch (c) {
+        case '\\': out += "\\\\"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        default: out += c;
+        }
+    }
+    return out;
+}
+
+std::string format_profile(const Map &map)
+{
+    std::string out;
+    for (const auto &[key, value] : map) {
+        out += key;
+        if (!value.empty()) {
+            out += ' ';
+            out += escape_value(value);
+        }
+        out += '\n';
+    }
+    return out;
+}
+
+bool read_file(const std::string &path, std::string &out, std::string &err)
+{
+    // Bounded: a state file is small, and a wrong path must not eat memory.
+    constexpr std::size_t max_size = 64u << 20;
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (!f) {
+        err = path + ": " + std::strerror(errno);
+        return false;
+    }
+    out.clear();
+    char chunk[65536];
+    std::size_t n;
+    while ((n = std::fread(chunk, 1, sizeof(chunk), f)) > 0) {
+        out.append(chunk, n);
+        if (out.size() > max_size) {
+            std::fclose(f);
+            err = path + ": file too large";
+            return false;
+        }
+    }
+    bool bad = std::ferror(f);
+    std::fclose(f);
+    if (bad) {
+        err = path + ": read error";
+        return false;
+    }
+    return true;
+}
+
+bool load_file(const std::string &path, Map &out, std::string &err)
+{
+    std::string text;
+    if (!read_file(path, text, err))
+        return false;
+    Entries entries;
+    if (!parse_profile(text, entries, err)) {
+        err = path + ": " + err;
+        return false;
+    }
+    out.clear();
+    for (auto &[key, value] : entries)
+        out.insert_or_assign(std::move(key), std::move(value));
+    return true;
+}
+
+bool dump_file(const std::string &path, const Map &map, std::string &err)
+{
+    std::string text = format_profile(map);
+    std::string tmp = path + ".XXXXXX";
+    int fd = mkstemp(tmp.data());
+    if (fd < 0) {
+        err = tmp + ": " + std::strerror(errno);
+        return false;
+    }
+    const char *p = text.data();
+    std::size_t left = text.size();
+    bool ok = true;
+    while (left > 0) {
+        ssize_t n = write(fd, p, left);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            ok = false;
+            break;
+        }
+        p += n;
+        left -= static_cast<std::size_t>(n);
+    }
+    ok = ok && fchmod(fd, 0644) == 0 && fsync(fd) == 0;
+    ok = (close(fd) == 0) && ok;
+    if (ok && rename(tmp.c_str(), path.c_str()) == 0)
+        return true;
+    err = path + ": " + std::strerror(errno);
+    unlink(tmp.c_str());
+    return false;
+}
+
+std::string_view Store::get(std::string_view key) const
+{
+    auto it = map_.find(key);
+    return it == map_.end() ? std::string_view() : std::string_view(it->second);
+}
+
+bool Store::set(std::string_view key, std::string_view value)
+{
+    if (!valid_key(key))
+        return false;
+    auto it = map_.find(key);
+    if (it != map_.end())
+        it->second.assign(value);
+    else
+        map_.emplace(std::string(key), std::string(value));
+    return true;
+}
+
+std::size_t Store::erase_subtree(std::string_view key)
+{
+    while (key.size() > 1 && key.back() == '/')
+        key.remove_suffix(1);
+    if (key.empty())
+        return 0;
+    std::size_t n = 0;
+    if (key == "/") {
+        n = map_.size();
+        map_.clear();
+        return n;
+    }
+    n += map_.erase(std::string(key));
+    // Keys below "K/" sort from "K/" up to, not including, "K0" ('0' follows '/').
+    std::string lo(key), hi(key);
+    lo += '/';
+    hi += '0';
+    auto first = map_.lower_bound(lo);
+    auto last = map_.lower_bound(hi);
+    for (auto it = first; it != last; ++it)
+        n++;
+    map_.erase(first, last);
+    return n;
+}
+
+bool Store::apply(const Entries &entries)
+{
+    for (const auto &e : entries)
+        if (!valid_key(e.first))
+            return false;
+    for (const auto &[key, value] : entries)
+        set(key, value);
+    return true;
+}
+
+std::string Store::expand(std::string_view text, std::size_t limit) const
+{
+    static constexpr std::string_view open = "<?rgdb";
+    static constexpr std::string_view close = "?>";
+    std::string out;
+    while (!text.empty() && out.size() < limit) {
+        std::size_t at = text.find(open);
+        std::size_t end = at == std::string_view::npos ? at : text.find(close, at + open.size());
+        if (end == std::string_view::npos) {
+            out += text;
+            break;
+        }
+        out += text.substr(0, at);
+        std::string_view key = text.substr(at + open.size(), end - at - open.size());
+        std::size_t b = key.find_first_not_of(" \t");
+        std::size_t e = key.find_last_not_of(" \t");
+        key = b == std::string_view::npos ? std::string_view() : key.substr(b, e - b + 1);
+        out += get(key);
+        text.remove_prefix(end + close.size());
+    }
+    if (out.size() > limit)
+        out.resize(limit);
+    return out;
+}
+
+}  // namespace xmldb

@@ -1,0 +1,53 @@
+// Key/value store of the substitute configuration database and its text
+// file format (shared by xmldb and the in-process store of lrgbin_store).
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace xmldb {
+
+using Map = std::map<std::string, std::string, std::less<>>;
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+// A key that can be stored and written back to a profile line: not empty,
+// no control characters (spaces are impossible: a set splits at the first),
+// and not starting with '#', which would read back as a comment.
+bool valid_key(std::string_view key);
+
+// Profile text: one "KEY VALUE" per line, value escapes \\ \n \r \t, blank
+// lines and '#' comments skipped. Returns false and sets err to
+// "line N: reason" on the first malformed line; out then holds nothing useful.
+bool parse_profile(std::string_view text, Entries &out, std::string &err);
+std::string escape_value(std::string_view value);
+std::string format_profile(const Map &map);
+
+bool read_file(const std::string &path, std::string &out, std::string &err);
+bool load_file(const std::string &path, Map &out, std::string &err);
+// Writes a temporary file beside the target, syncs it and renames it over.
+bool dump_file(const std::string &path, const Map &map, std::string &err);
+
+class Store {
+public:
+    // The empty text for a key that does not exist.
+    std::string_view get(std::string_view key) const;
+    bool set(std::string_view key, std::string_view value);
+    // Removes the key and every key below it; returns how many went.
+    std::size_t erase_subtree(std::string_view key);
+    // Applies every entry, or none when one has an invalid key.
+    bool apply(const Entries &entries);
+    // Replaces every <?rgdb KEY?> with the key's value.
+    std::string expand(std::string_view text, std::size_t limit) const;
+
+    const Map &map() const { return map_; }
+    void replace(Map map) { map_ = std::move(map); }
+
+private:
+    Map map_;
+};
+
+}  // namespace xmldb
