@@ -1,0 +1,125 @@
+// Presence: discovery, the supported-functions list, hello/bye/report
+// requests and the device's own hello, report and bye broadcasts.
+#include <string.h>
+
+#include <span>
+
+#include "proto/tags.h"
+#include "proto/wire.h"
+#include "tavc/handlers.h"
+#include "tavc/reply.h"
+#include "tavc/tavc.h"
+
+using namespace tav;
+
+TAV_HANDLER(tav_report) {
+    (void)body, (void)body_length, (void)reply;
+    return tav::kResultSuccess;
+}
+
+TAV_HANDLER(tav_hello) {
+    (void)body, (void)body_length, (void)reply;
+    return tav::kResultSuccess;
+}
+
+TAV_HANDLER(tav_bye) {
+    (void)body, (void)body_length, (void)reply;
+    tav_server *prev = nullptr;
+    for (tav_server *s = tav_server_list; s != nullptr; prev = s, s = s->next) {
+        if (memcmp(s->mac, tav_tmp_server->mac, 6) != 0) continue;
+        if (prev)
+            prev->next = s->next;
+        else
+            tav_server_list = s->next;
+        tav_server_release(s);
+        break;
+    }
+    return tav::kResultSuccess;
+}
+
+TAV_HANDLER(tav_discovery) {
+    (void)body_length;
+    if (tav_function_parameter_check(body, reply) != 0) return tav::kResultRefused;
+    init_device_status();
+    const device_status &d = *device_info;
+    Reply r(reply);
+    r.add_text(kTagVendor, d.vendor);
+    r.add_text(kTagModelName, d.model_name);
+    r.add_text(kTagHostName, d.host_name);
+    r.add_text(kTagFirmwareVersion, d.firmware_version);
+    r.add(kTagReservedWord, d.reserved_word, 4);
+    r.add(kTagMac, d.mac, 6);
+    r.add_u8(kTagTavMode, d.tav_mode);
+    r.add_text(kTagSystemName, d.system_name);
+    r.add(kTagIpAddress, d.ip_address, 4);
+    r.add(kTagWebPort, d.web_port, 2);
+    r.add(kTagNetmask, d.netmask, 4);
+    r.add(kTagGateway, d.gateway, 4);
+    r.add(kTagPrimaryDns, d.primary_dns, 4);
+    r.add(kTagSecondaryDns, d.secondary_dns, 4);
+    r.add_u8(kTagWanMode, d.wan_mode);
+    r.add_text(kTagDateTime, d.date_time);
+    r.add_text(kTagProductType, d.product_type);
+    r.add_text(kTagHardwareVersion, d.hardware_version);
+    r.add_u8(kTagManagedStatus, d.managed_status);
+    r.add_text(kTagNmsServer, d.nms_server);
+    r.add_u8(kTagAddressMode, d.address_mode);
+    r.add_text(kTagAgUuid, d.ag_uuid);
+    r.add(kTagConnectionStatus, d.connection_status, 2);
+    return r.finish(tav::kResultSuccess);
+}
+
+TAV_HANDLER(tav_query_supported_optional_functions) {
+    (void)body_length;
+    if (tav_function_parameter_check(body, reply) != 0) return tav::kResultRefused;
+    constexpr size_t kEndRecord = tav::kTlvHeadLen + 2;  // room kept for tag 501
+    Reply r(reply);
+    for (const tav_function_row &row : tav_function)
+        if (tav::is_advertised(row.op_code))
+            r.add_be16(kTagSupportedFunction, row.op_code, kEndRecord);
+    r.add_be16(kTagEolOrCnt, 0);
+    return r.finish(tav::kResultSuccess);
+}
+
+// The device's own messages: raw form, type 0x7FFF, sequence 0, no target.
+static void own_header(uint8_t *out, uint16_t op_code, uint16_t body_length) {
+    tav::Header h;
+    h.msg_type = tav::kMsgAnnounce;
+    h.op_code = op_code;
+    h.version = tav::kVersion;
+    h.body_length = body_length;
+    tav::encode_header(h, out);
+}
+
+int tav_own_hello() {
+    uint8_t plain[tav::kL2HeaderLen];
+    own_header(plain, tav::kOpHello, 0);
+    return send_msg_L2(plain, sizeof plain);
+}
+
+int tav_own_bye() {
+    uint8_t plain[tav::kL2HeaderLen];
+    own_header(plain, tav::kOpBye, 0);
+    return send_msg_L2(plain, sizeof plain);
+}
+
+int report_device_info() {
+    // Texts are bounded by the record's fields, so the body stays far below
+    // this buffer; the writer would stop at its end anyway.
+    static uint8_t plain[1024];
+    memset(plain, 0, sizeof plain);
+    init_device_status();
+    const device_status &d = *device_info;
+    tav::TlvWriter w(std::span<uint8_t>(plain + tav::kL2HeaderLen, sizeof plain - tav::kL2HeaderLen));
+    w.add_text(kTagModelName, d.model_name);
+    w.add_text(kTagProductType, d.product_type);
+    w.add_text(kTagFirmwareVersion, d.firmware_version);
+    w.add(kTagMac, d.mac, 6);
+    w.add_text(kTagHardwareVersion, d.hardware_version);
+    w.add_text(kTagSystemName, d.system_name);
+    w.add(kTagIpAddress, d.ip_address, 4);
+    w.add(kTagNetmask, d.netmask, 4);
+    w.add_text(kTagInterfaceName, d.interface_name);
+    own_header(plain, tav::kOpReport, uint16_t(w.size()));
+    return send_msg_L2(plain, uint16_t(tav::kL2HeaderLen + w.size()));
+}

@@ -1,0 +1,66 @@
+// The real launcher (library tavc_platform).
+#include "tavc/proc.h"
+
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+extern char **environ;
+
+int proc_system(const char *cmd) { return system(cmd); }
+
+int proc_systemf(const char *fmt, ...) {
+    char cmd[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(cmd, sizeof cmd, fmt, ap);
+    va_end(ap);
+    if (n < 0 || size_t(n) >= sizeof cmd) return -1;
+    return proc_system(cmd);
+}
+
+pid_t proc_spawn(const char *cmd) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        char sh[] = "sh", c[] = "-c";
+        char *argv[] = {sh, c, const_cast<char *>(cmd), nullptr};
+        execve("/bin/sh", argv, environ);
+        _exit(127);
+    }
+    return pid;
+}
+
+pid_t proc_fork(void (*child)(void *arg), void *arg) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        // The child serves no requests: SIGTERM ends it, its own children
+        // are its own business.
+        signal(SIGTERM, SIG_DFL);
+        signal(SIGCHLD, SIG_DFL);
+        child(arg);
+        _exit(0);
+    }
+    return pid;
+}
+
+int proc_read(const char *cmd, char *out, int size) {
+    if (out == nullptr || size < 1) return -1;
+    out[0] = '\0';
+    // pclose must find its own child: keep the SIGCHLD reaper out meanwhile.
+    sigset_t block, old;
+    sigemptyset(&block);
+    sigaddset(&block, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &block, &old);
+    int kept = -1;
+    if (FILE *f = popen(cmd, "r")) {
+        kept = int(fread(out, 1, size_t(size - 1), f));
+        out[kept] = '\0';
+        pclose(f);
+    }
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+    return kept;
+}
+
+void proc_sleep(unsigned seconds) { sleep(seconds); }

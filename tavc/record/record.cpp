@@ -1,0 +1,85 @@
+#include "tavc/record/record.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "tavc/netio.h"
+#include "tavc/proc.h"
+
+namespace tavc_record {
+namespace {
+std::vector<Launch> g_launches;
+std::vector<Frame> g_frames;
+int g_status = 0;
+std::string g_output;
+pid_t g_next_pid = 10000;  // pids that no real process is asked about
+}  // namespace
+
+const std::vector<Launch> &launches() { return g_launches; }
+const std::vector<Frame> &frames() { return g_frames; }
+void clear() {
+    g_launches.clear();
+    g_frames.clear();
+    g_status = 0;
+    g_output.clear();
+}
+void set_system_status(int status) { g_status = status; }
+void set_read_output(const std::string &output) { g_output = output; }
+
+}  // namespace tavc_record
+
+using namespace tavc_record;
+
+int proc_system(const char *cmd) {
+    g_launches.push_back({LaunchKind::System, cmd ? cmd : ""});
+    return g_status;
+}
+
+int proc_systemf(const char *fmt, ...) {
+    char cmd[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(cmd, sizeof cmd, fmt, ap);
+    va_end(ap);
+    if (n < 0 || size_t(n) >= sizeof cmd) return -1;
+    return proc_system(cmd);
+}
+
+pid_t proc_spawn(const char *cmd) {
+    g_launches.push_back({LaunchKind::Spawn, cmd ? cmd : ""});
+    return g_next_pid++;
+}
+
+// The child's work runs inline, so its own launches are recorded in order.
+pid_t proc_fork(void (*child)(void *arg), void *arg) {
+    g_launches.push_back({LaunchKind::Fork, ""});
+    child(arg);
+    return g_next_pid++;
+}
+
+int proc_read(const char *cmd, char *out, int size) {
+    g_launches.push_back({LaunchKind::Read, cmd ? cmd : ""});
+    if (out == nullptr || size < 1) return -1;
+    size_t n = std::min(g_output.size(), size_t(size - 1));
+    std::memcpy(out, g_output.data(), n);
+    out[n] = '\0';
+    return int(n);
+}
+
+void proc_sleep(unsigned seconds) {
+    g_launches.push_back({LaunchKind::Sleep, std::to_string(seconds)});
+}
+
+ssize_t tavc_sendto(int fd, const void *buf, size_t len, const struct sockaddr *to,
+                    socklen_t to_len) {
+    Frame f{fd, {}, {}, 0};
+    const auto *p = static_cast<const uint8_t *>(buf);
+    f.bytes.assign(p, p + len);
+    if (to != nullptr && to_len <= sizeof f.to) {
+        std::memcpy(&f.to, to, to_len);
+        f.to_len = to_len;
+    }
+    g_frames.push_back(std::move(f));
+    return ssize_t(len);
+}
