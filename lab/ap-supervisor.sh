@@ -1,0 +1,208 @@
+#!/bin/bash
+# Supervisor of one simulated access point; started by tavlab as
+#
+#   ip netns exec tavlab-apN unshare -m -p -f --mount-proc --propagation private \
+#       bash ap-supervisor.sh N
+#
+# so it runs as process 1 of the access point's own process namespace, in its
+# network namespace and in a private mount namespace. There it
+#   - lays the lab over the system: /usr/lib/TAV_Auth.so (the lab's cipher),
+#     /usr/lib/tavlab (stubs, environment, profile), /usr/sbin/submit, sys,
+#     reboot, /usr/bin/date, /etc/templates; a writable private /var; and the
+#     access point's run directory /run/tavlab/apN as /var/run (= /run);
+#   - starts xmldb and the daemon (when built);
+#   - turns reboot requests of the stubs into a simulated reboot: daemon
+#     stopped with SIGTERM, its leftover children killed, database restarted
+#     from the committed state (or the profile), identity keys set again,
+#     daemon started again.
+# SIGTERM stops everything; when this process ends, the kernel ends every
+# process of the access point.
+set -u
+
+N=${1:?usage: ap-supervisor.sh N}
+AP=ap$N
+RUN=/run/tavlab/$AP
+PRIV=/run/tavlab/.$AP
+LAYERS=$PRIV/layers
+
+log() { printf '%s %s\n' "$(TZ=UTC0 printf '%(%H:%M:%S)T' -1)" "$*"; }
+
+fail() {
+    log "error: $*"
+    printf 'failed: %s\n' "$*" >/var/run/ready 2>/dev/null || printf 'failed: %s\n' "$*" >"$RUN/ready"
+    exit 1
+}
+
+[ "$$" = 1 ] || fail "must run as process 1 of its own process namespace"
+[ -r "$LAYERS/usr-lib/tavlab/lab.env" ] || fail "missing $LAYERS (start the lab with tavlab up)"
+
+# --- Mounts (private to this namespace) --------------------------------------
+# Nothing below may propagate to the host, whatever unshare did.
+mount --make-rprivate / || fail "cannot make the mount namespace private"
+
+overlay_ro() { # TARGET LAYER: LAYER's entries shadow TARGET's, read-only
+    mount -t overlay "tavlab-$AP" -o "lowerdir=$2:$1" "$1" || fail "overlay on $1"
+}
+overlay_ro /usr/lib "$LAYERS/usr-lib"
+overlay_ro /usr/sbin "$LAYERS/usr-sbin"
+overlay_ro /usr/bin "$LAYERS/usr-bin"
+overlay_ro /etc "$LAYERS/etc"
+# Writable /var whose changes (/var/config.bin, ...) stay in the lab.
+mount -t overlay "tavlab-$AP" \
+    -o "lowerdir=/var,upperdir=$PRIV/var/upper,workdir=$PRIV/var/work" /var ||
+    fail "overlay on /var"
+# Scripts that write to the console write to the access point's log.
+if [ -e /dev/console ]; then
+    mount --bind "$RUN/console.log" /dev/console || fail "bind on /dev/console"
+fi
+# /var/run is a link to /run: the run directory becomes the whole /run.
+mount --bind "$RUN" /run || fail "bind on /run"
+[ -e /var/run/tavlab-ap ] || fail "run directory not in place"
+cd / || fail "no /"
+
+# shellcheck source=/dev/null
+. /usr/lib/tavlab/lab.env
+export PATH=$TAVLAB_PATH
+echo "$$" >/var/run/supervisor.pid
+
+# --- Database ----------------------------------------------------------------
+XMLDB_PID=
+db() { "$TAVLAB_RGDB" -S /var/run/xmldb_sock "$@"; }
+
+start_xmldb() {
+    if [ -z "$TAVLAB_XMLDB" ]; then
+        log "notice: no xmldb in the build; database not started"
+        return 0
+    fi
+    rm -f /var/run/xmldb_sock
+    # It loads the committed state when there is one, else the profile.
+    "$TAVLAB_XMLDB" -s /var/run/xmldb_sock -f "$TAVLAB_PROFILE" -p /var/run/xmldb.state \
+        </dev/null >>/var/run/xmldb.log 2>&1 &
+    XMLDB_PID=$!
+    local i
+    for i in $(seq 100); do
+        [ -S /var/run/xmldb_sock ] && return 0
+        kill -0 "$XMLDB_PID" 2>/dev/null || break
+        sleep 0.05
+    done
+    XMLDB_PID=
+    log "error: xmldb did not come up (see xmldb.log)"
+    return 1
+}
+
+stop_pid() { # PID [GRACE]: SIGTERM, SIGKILL after GRACE seconds; status in STATUS
+    local pid=$1 grace=${2:-5} i
+    kill -TERM "$pid" 2>/dev/null
+    for ((i = 0; i < grace * 20; i++)); do
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.05
+    done
+    kill -KILL "$pid" 2>/dev/null
+    wait "$pid" 2>/dev/null
+    STATUS=$?
+}
+
+stop_xmldb() {
+    [ -n "$XMLDB_PID" ] || return 0
+    stop_pid "$XMLDB_PID" 3
+    XMLDB_PID=
+}
+
+set_identity() {
+    [ -n "$XMLDB_PID" ] && [ -n "$TAVLAB_RGDB" ] || return 0
+    db -s /runtime/wan/inf:1/mac "$TAVLAB_MAC" &&
+        db -s /runtime/wan/inf:1/ip "$TAVLAB_IP" &&
+        db -s /runtime/wan/inf:1/netmask "$TAVLAB_NETMASK" &&
+        db -s /sys/hostname "$TAVLAB_AP" || log "warning: could not set the identity keys"
+    # The simulated clock starts from the machine's time (read, never set).
+    if [ -z "$(db -g /runtime/time/date)" ] || [ -z "$(db -g /runtime/time/time)" ]; then
+        db -s /runtime/time/date "$(TZ=UTC0 printf '%(%m/%d/%Y)T' -1)"
+        db -s /runtime/time/time "$(TZ=UTC0 printf '%(%H:%M:%S)T' -1)"
+    fi
+}
+
+# --- Daemon ------------------------------------------------------------------
+TAVC_PID=
+start_daemon() {
+    if [ -z "$TAVLAB_TAVC" ]; then
+        log "notice: daemon not started (${TAVLAB_TAVC_WHY:-not built})"
+        rm -f /var/run/tavc.pid
+        return 0
+    fi
+    local -a buf=()
+    # Line-buffered output, as on the device's console; stdbuf's preload does
+    # not mix with a sanitizer runtime.
+    if command -v stdbuf >/dev/null && ! LC_ALL=C grep -qa 'libasan\|libtsan' "$TAVLAB_TAVC"; then
+        buf=(stdbuf -oL -eL)
+    fi
+    # Own session and process group, so a reboot can end all its children.
+    setsid env -i PATH="$TAVLAB_PATH" HOME=/ "${buf[@]}" "$TAVLAB_TAVC" \
+        </dev/null >>/var/run/tavc.out 2>>/var/run/tavc.err &
+    TAVC_PID=$!
+    echo "$TAVC_PID" >/var/run/tavc.pid
+}
+
+stop_daemon() {
+    [ -n "$TAVC_PID" ] || return 0
+    stop_pid "$TAVC_PID" 5
+    log "daemon (pid $TAVC_PID) ended with status $STATUS"
+    kill -KILL -- "-$TAVC_PID" 2>/dev/null # what it left running
+    TAVC_PID=
+    rm -f /var/run/tavc.pid
+}
+
+BOOTS=0
+boot() {
+    BOOTS=$((BOOTS + 1))
+    echo "$BOOTS" >/var/run/boot_count
+    local from=profile
+    [ -s /var/run/xmldb.state ] && from="committed state"
+    start_xmldb && set_identity
+    start_daemon
+    log "boot $BOOTS: database from the $from, daemon ${TAVC_PID:-not running}"
+}
+
+shutdown() {
+    stop_daemon
+    stop_xmldb
+}
+
+# --- Main loop ---------------------------------------------------------------
+REQUEST=0 STOP=0
+trap 'REQUEST=1' USR1
+trap 'STOP=1' TERM INT HUP
+
+boot
+if [ -n "$TAVLAB_XMLDB" ] && [ -z "$XMLDB_PID" ]; then
+    shutdown
+    fail "xmldb did not start"
+fi
+echo ok >/var/run/ready
+
+while [ "$STOP" = 0 ]; do
+    if [ "$REQUEST" = 1 ] || [ -e /var/run/reboot.request ]; then
+        REQUEST=0
+        reason=$(cat /var/run/reboot.request 2>/dev/null)
+        rm -f /var/run/reboot.request
+        log "reboot (${reason:-requested})"
+        shutdown
+        delay=0
+        [ -r /var/run/reboot.delay ] && read -r delay _ </var/run/reboot.delay
+        [[ $delay =~ ^[0-9]+$ ]] && [ "$delay" -le 600 ] && sleep "$delay"
+        boot
+        continue
+    fi
+    if [ -n "$TAVC_PID" ] && ! kill -0 "$TAVC_PID" 2>/dev/null; then
+        wait "$TAVC_PID"
+        log "daemon (pid $TAVC_PID) exited on its own with status $?"
+        TAVC_PID=
+        rm -f /var/run/tavc.pid
+    fi
+    sleep 1 &
+    wait $! 2>/dev/null
+    kill $! 2>/dev/null
+done
+log "stopping"
+shutdown
+rm -f /var/run/ready
+exit 0
