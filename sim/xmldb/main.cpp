@@ -226,30 +226,28 @@ int Server::run()
 
 void Server::accept_all()
 {
-    for (;;) {
-        int fd = accept4(lfd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0) {
-            if ((errno == EMFILE || errno == ENFILE) && spare_ >= 0) {
-                close(spare_);
-                int shed = accept(lfd_, nullptr, nullptr);
-                if (shed >= 0)
-                    close(shed);
-                spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
-                continue;
-            }
-            if (errno == EINTR || errno == ECONNABORTED)
-                continue;
-            return;  // EAGAIN: backlog drained
+    // One connection per wake-up: the listener is level-triggered, so a
+    // backlog is still reported, and the common single client costs no
+    // extra accept that would only say EAGAIN.
+    int fd = accept4(lfd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+        if ((errno == EMFILE || errno == ENFILE) && spare_ >= 0) {
+            close(spare_);
+            int shed = accept(lfd_, nullptr, nullptr);
+            if (shed >= 0)
+                close(shed);
+            spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
         }
-        if (fd >= static_cast<int>(conns_.size())) {
-            conns_.resize(fd + 1);
-            gens_.resize(fd + 1, 0);
-        }
-        conns_[fd] = std::make_unique<Conn>();
-        // The request is usually there already: serve it without a trip
-        // through epoll.
-        on_readable(fd);
+        return;
     }
+    if (fd >= static_cast<int>(conns_.size())) {
+        conns_.resize(fd + 1);
+        gens_.resize(fd + 1, 0);
+    }
+    conns_[fd] = std::make_unique<Conn>();
+    // The request is usually there already: serve it without a trip
+    // through epoll.
+    on_readable(fd);
 }
 
 void Server::on_readable(int fd)
@@ -262,33 +260,35 @@ void Server::on_readable(int fd)
             if (c->in.empty()) {
                 if (try_request(fd, rbuf_, len))
                     return;
+                c->in.assign(rbuf_, len);
             } else {
                 c->in.append(rbuf_, len);
                 if (try_request(fd, c->in.data(), c->in.size()))
                     return;
             }
-            if (c->in.empty())
-                c->in.assign(rbuf_, len);
+            // A short read drained the socket: wait for more instead of
+            // asking again just to hear EAGAIN.
+            if (len < sizeof(rbuf_))
+                break;
             continue;
         }
         if (n < 0 && errno == EINTR)
             continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (!c->registered) {
-                epoll_event ev{};
-                ev.events = EPOLLIN;
-                ev.data.fd = fd;
-                if (epoll_ctl(efd_, EPOLL_CTL_ADD, fd, &ev) < 0) {
-                    drop(fd);
-                    return;
-                }
-                c->registered = true;
-                due_.push_back({Clock::now() + kDeadline, fd, gens_[fd]});
-            }
-            return;
-        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            break;
         drop(fd);  // closed before the request was whole, or an error
         return;
+    }
+    if (!c->registered) {
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.fd = fd;
+        if (epoll_ctl(efd_, EPOLL_CTL_ADD, fd, &ev) < 0) {
+            drop(fd);
+            return;
+        }
+        c->registered = true;
+        due_.push_back({Clock::now() + kDeadline, fd, gens_[fd]});
     }
 }
 
