@@ -61,42 +61,35 @@ class Server {
 public:
     Server(const TempDir &dir, std::vector<std::string> extra = {}) : sock_(dir.sock())
     {
-        std::vector<std::string> args = {XMLDB_BIN, "-s", sock_};
-        args.insert(args.end(), extra.begin(), extra.end());
-        pid_ = spawn(args);
+        extra.insert(extra.begin(), {XMLDB_BIN, "-s", sock_});
+        pid_ = spawn(extra);
         for (int i = 0; i < 500 && !alive(); i++)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     ~Server() { stop(SIGTERM); }
     int stop(int sig)
     {
-        if (pid_ < 0)
-            return -1;
-        kill(pid_, sig);
-        int rc = wait_exit(pid_);
+        int rc = pid_ > 0 && kill(pid_, sig) == 0 ? wait_exit(pid_) : -1;
         pid_ = -1;
         return rc;
     }
     bool alive() const
     {
         int fd = connect_to(sock_);
-        if (fd >= 0)
-            close(fd);
-        return fd >= 0;
+        return fd >= 0 && close(fd) == 0;
     }
-    std::string exchange(std::string_view bytes) const
+    std::string text(uint16_t cmd, std::string_view arg) const
     {
         int fd = connect_to(sock_);
-        send_all(fd, bytes);
+        send_all(fd, request(cmd, arg));
         std::string r = read_all(fd);
         close(fd);
         return r;
     }
-    std::string text(uint16_t cmd, std::string_view arg) const { return exchange(request(cmd, arg)); }
     std::string get(std::string_view key) const
     {
         std::string r = text(1, key);
-        EXPECT_TRUE(!r.empty() && r.back() == '\0' && r.find('\0') == r.size() - 1) << key;
+        EXPECT_EQ(r.find('\0'), r.size() - 1) << key;  // value, one NUL, nothing else
         return r.substr(0, r.find('\0'));
     }
     int status(uint16_t cmd, std::string_view arg) const
@@ -107,10 +100,7 @@ public:
             std::memcpy(&st, r.data() + 12, 4);
         return st;
     }
-    int set(std::string_view key, std::string_view value) const
-    {
-        return status(2, std::string(key) + " " + std::string(value));
-    }
+    int set(std::string_view key, std::string_view value) const { return status(2, std::string(key) + " " + std::string(value)); }
     pid_t pid() const { return pid_; }
     const std::string &sock() const { return sock_; }
 
@@ -132,8 +122,7 @@ TEST(Xmldb, GetSetAndStatusReplies)
     EXPECT_EQ(s.get("/n"), "notified");
     EXPECT_EQ(s.set("/e", ""), 0);
     EXPECT_EQ(s.get("/e"), "");
-    std::string reply = s.text(2, "/x 1");
-    EXPECT_EQ(reply, header(2, 0, 0));  // command echoed, status 0
+    EXPECT_EQ(s.text(2, "/x 1"), header(2, 0, 0));  // command echoed, status 0
     for (const char *bad : {" v", "#k v", "/t\tab v"})
         EXPECT_EQ(s.status(2, bad), -1) << bad;
     EXPECT_EQ(s.status(3, ""), -1);
@@ -290,15 +279,7 @@ TEST(Xmldb, ManyClientsHalfBroken)
 TEST(Xmldb, SignalsStaleAndLiveSockets)
 {
     TempDir dir;
-    {
-        // A socket file left by a server that died is replaced.
-        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, dir.sock().c_str(), sizeof(addr.sun_path) - 1);
-        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-        close(fd);
-    }
+    close(listen_on(dir.sock()));  // socket file of a server that died: replaced
     for (int sig : {SIGTERM, SIGINT}) {
         Server s(dir);
         ASSERT_TRUE(s.alive());
