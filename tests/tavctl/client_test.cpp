@@ -14,16 +14,6 @@ using namespace std::chrono_literals;
 using test::FakeDevice;
 using test::make_reply;
 
-Options make_options(std::string iface, std::string udp, std::string cipher,
-                     std::string netns = {}) {
-    Options o;
-    o.iface = std::move(iface);
-    o.udp = std::move(udp);
-    o.cipher = std::move(cipher);
-    o.netns = std::move(netns);
-    return o;
-}
-
 Options udp_options(uint16_t port) {
     Options o;
     o.udp = "127.0.0.1";
@@ -42,7 +32,7 @@ TEST(Cipher, LoadErrorsNameTheCause) {
     auto no_symbols = Cipher::load("libm.so.6");  // loads, but is no cipher
     ASSERT_FALSE(no_symbols);
     EXPECT_NE(no_symbols.error().find("TAV_encode"), std::string::npos) << no_symbols.error();
-    EXPECT_THROW(Client(make_options("lo", "", "/nonexistent.so")), ClientError);
+    EXPECT_THROW(Client(Options::raw("lo", "", "/nonexistent.so")), ClientError);
 }
 
 TEST(Cipher, RoundTripAndTamper) {
@@ -153,15 +143,19 @@ TEST(Client, SilenceAndAnnouncements) {
 }
 
 TEST(Client, PathErrors) {
-    auto both = Client::open(make_options("lo", "127.0.0.1", TEST_CIPHER));
+    auto both = [] {
+        auto o = Options::raw("lo", "", TEST_CIPHER);
+        o.udp = "127.0.0.1";
+        return Client::open(o);
+    }();
     EXPECT_FALSE(both);
-    auto no_if = Client::open(make_options("tavnoif0", "", TEST_CIPHER));
+    auto no_if = Client::open(Options::raw("tavnoif0", "", TEST_CIPHER));
     ASSERT_FALSE(no_if);
     EXPECT_NE(no_if.error().find("no such network interface \"tavnoif0\""), std::string::npos);
-    auto bad_ip = Client::open(make_options("", "192.0.2", TEST_CIPHER));
+    auto bad_ip = Client::open(Options::over_udp("192.0.2", "", TEST_CIPHER));
     ASSERT_FALSE(bad_ip);
     EXPECT_NE(bad_ip.error().find("not an IPv4 address"), std::string::npos);
-    auto no_ns = Client::open(make_options("", "127.0.0.1", TEST_CIPHER, "tav-no-such-ns"));
+    auto no_ns = Client::open(Options::over_udp("127.0.0.1", "tav-no-such-ns", TEST_CIPHER));
     ASSERT_FALSE(no_ns);
     EXPECT_NE(no_ns.error().find("network namespace"), std::string::npos);
 }
@@ -170,11 +164,11 @@ TEST(Client, PathErrors) {
 TEST(RawTransport, RequestAndReplyOverLoopback) {
     if (geteuid() != 0) GTEST_SKIP() << "raw sockets need root";
     auto dev = RawTransport::open("lo").value();
-    Options o;
-    o.iface = "lo";
-    o.cipher = TEST_CIPHER;
+    Options o = Options::raw("lo", "", TEST_CIPHER);
     o.sequence = 0x0101;
+    o.source_mac = Mac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xaa};  // a second manager
     Client c(o);
+    EXPECT_EQ(c.local_mac(), *o.source_mac);
     ASSERT_TRUE(c.send_request(kOpBye, {}));
 
     auto cipher = Cipher::load(TEST_CIPHER).value();
@@ -185,6 +179,7 @@ TEST(RawTransport, RequestAndReplyOverLoopback) {
                                    std::span(d->payload).subspan(2));
         if (!plain) continue;
         auto m = parse_message(*plain);
+        m.src_mac = d->src_mac;
         if (m.header && m.header->msg_type == kMsgL2Request && m.header->sequence == 0x0101) {
             req = m;
             break;
@@ -192,6 +187,7 @@ TEST(RawTransport, RequestAndReplyOverLoopback) {
     }
     ASSERT_TRUE(req);
     EXPECT_EQ(req->header->target_mac, kBroadcastMac);
+    EXPECT_EQ(req->src_mac, *o.source_mac);
     // Answer as a device: broadcast, addressed to the requester's MAC.
     auto reply = build_request(false, 0x0101, kOpBye, c.local_mac(), {}, {});
     put_be16(reply.data(), kMsgL2Reply);

@@ -107,9 +107,27 @@ std::vector<uint8_t> build_request(bool ipv4, uint16_t sequence, uint16_t op_cod
 
 // ---- Client ---------------------------------------------------------------
 
+Options Options::raw(std::string iface, std::string netns, std::string cipher) {
+    Options o;
+    o.iface = std::move(iface);
+    o.netns = std::move(netns);
+    o.cipher = std::move(cipher);
+    return o;
+}
+
+Options Options::over_udp(std::string addr, std::string netns, std::string cipher) {
+    Options o;
+    o.udp = std::move(addr);
+    o.netns = std::move(netns);
+    o.cipher = std::move(cipher);
+    return o;
+}
+
 Expected<Client> Client::open(const Options &opts) {
     if (opts.iface.empty() == opts.udp.empty())
         return fail("choose exactly one path: an interface (raw Ethernet) or a UDP address");
+    if (opts.source_mac && opts.iface.empty())
+        return fail("a source MAC can be chosen on the raw Ethernet path only");
     Client c;
     c.opts_ = opts;
     auto cipher = Cipher::load(opts.cipher);
@@ -118,6 +136,7 @@ Expected<Client> Client::open(const Options &opts) {
     if (!opts.iface.empty()) {
         auto t = RawTransport::open(opts.iface, opts.netns);
         if (!t) return fail(t.error());
+        if (opts.source_mac) (*t)->set_source_mac(*opts.source_mac);
         c.transport_ = std::move(*t);
     } else {
         auto t = UdpTransport::open(opts.udp, opts.port, opts.bind, opts.netns);

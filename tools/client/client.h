@@ -37,6 +37,13 @@ struct Options {
     std::optional<Mac> target_mac;      // default FF:FF:FF:FF:FF:FF raw, 00:00:00:00:00:00 UDP
     std::optional<std::array<uint8_t, 4>> target_ip;  // UDP only; default 0.0.0.0
     std::optional<uint16_t> sequence;   // first sequence number; random when absent
+    std::optional<Mac> source_mac;      // raw only: act as a manager with this MAC
+
+    // The two usual shapes, without spelling every field.
+    static Options raw(std::string iface, std::string netns = {},
+                       std::string cipher = std::string(kCipherPath));
+    static Options over_udp(std::string addr, std::string netns = {},
+                            std::string cipher = std::string(kCipherPath));
 };
 
 // One deciphered message: a reply, an announcement or anything else.

@@ -92,7 +92,8 @@ Expected<std::unique_ptr<RawTransport>> RawTransport::open(const std::string &if
     std::memcpy(ifr.ifr_name, iface.c_str(), iface.size());
     if (::ioctl(t->fd_, SIOCGIFHWADDR, &ifr) != 0)
         return fail("cannot read the MAC address of \"" + iface + "\": " + errno_text());
-    std::memcpy(t->mac_.data(), ifr.ifr_hwaddr.sa_data, 6);
+    std::memcpy(t->if_mac_.data(), ifr.ifr_hwaddr.sa_data, 6);
+    t->mac_ = t->if_mac_;
 
     sockaddr_ll sll{};
     sll.sll_family = AF_PACKET;

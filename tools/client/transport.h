@@ -65,12 +65,18 @@ class RawTransport final : public Transport {
     std::optional<Datagram> receive(Clock::time_point deadline) override;
     bool ipv4() const override { return false; }
     Mac local_mac() const override { return mac_; }
+    // Frames go out with this source MAC instead of the interface's, so one
+    // host can act as several managers (the device tells managers apart by
+    // MAC). Replies addressed to it are ours.
+    void set_source_mac(const Mac &m) { mac_ = m; }
+    Mac interface_mac() const { return if_mac_; }
 
   private:
     RawTransport() = default;
     int fd_ = -1;
     int ifindex_ = 0;
     Mac mac_{};
+    Mac if_mac_{};
 };
 
 class UdpTransport final : public Transport {

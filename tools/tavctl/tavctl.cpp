@@ -58,6 +58,7 @@ Options:
   --port N            UDP destination port (default 62976)
   --bind ADDR         UDP: local IPv4 address to send from
   --netns NAME        open the socket inside network namespace NAME
+  --source-mac MAC    raw Ethernet: send as a manager with this MAC
   -h, --help          this text; "tavctl COMMAND --help" for a command
 
 Commands:
@@ -214,6 +215,11 @@ Args parse_args(int argc, char **argv) {
             a.opts.bind = value(s);
         } else if (s == "--netns") {
             a.opts.netns = value(s);
+        } else if (s == "--source-mac") {
+            std::string v = value(s);
+            auto m = parse_mac(v);
+            if (!m) throw UsageError{"--source-mac: \"" + v + "\" is not a MAC address"};
+            a.opts.source_mac = *m;
         } else if (s == "--tlv") {
             a.tlvs.push_back(value(s));
         } else if (s == "--user") {
@@ -388,6 +394,10 @@ int open_session(Args &a, std::optional<Session> &out) {
     }
     if (a.opts.target_ip && !a.opts.iface.empty()) {
         std::fprintf(stderr, "tavctl: --target-ip applies to --udp only\n");
+        return kExitUsage;
+    }
+    if (a.opts.source_mac && a.opts.iface.empty()) {
+        std::fprintf(stderr, "tavctl: --source-mac applies to --iface only\n");
         return kExitUsage;
     }
     a.opts.cipher = fix_cipher_path(a.opts.cipher);
