@@ -39,7 +39,8 @@ int vget(char *buf, int size, const char *fmt, va_list ap)
     std::string_view v = store().get(key);
     // As one read of the value and its NUL into size bytes would leave it.
     std::size_t n = std::min(v.size(), static_cast<std::size_t>(size));
-    std::memcpy(buf, v.data(), n);
+    if (n > 0)
+        std::memcpy(buf, v.data(), n);
     if (n < static_cast<std::size_t>(size))
         buf[n] = '\0';
     buf[size - 1] = '\0';
