@@ -1,15 +1,15 @@
 #!/bin/bash
 # Supervisor of one simulated access point; started by tavlab as
 #
-#   ip netns exec tavlab-apN unshare -m -p -f --mount-proc --propagation private \
-#       bash ap-supervisor.sh N
+#   ip netns exec LAB-apN unshare -m -p -f --mount-proc --propagation private \
+#       bash ap-supervisor.sh N LAB
 #
 # so it runs as process 1 of the access point's own process namespace, in its
 # network namespace and in a private mount namespace. There it
 #   - lays the lab over the system: /usr/lib/TAV_Auth.so (the lab's cipher),
 #     /usr/lib/tavlab (stubs, environment, profile), /usr/sbin/submit, sys,
 #     reboot, /usr/bin/date, /etc/templates; a writable private /var; and the
-#     access point's run directory /run/tavlab/apN as /var/run (= /run);
+#     access point's run directory /run/LAB/apN as /var/run (= /run);
 #   - starts xmldb and the daemon (when built);
 #   - turns reboot requests of the stubs into a simulated reboot: daemon
 #     stopped with SIGTERM, its leftover children killed, database restarted
@@ -19,10 +19,11 @@
 # process of the access point.
 set -u
 
-N=${1:?usage: ap-supervisor.sh N}
+N=${1:?usage: ap-supervisor.sh N [LAB]}
+LAB=${2:-tavlab}
 AP=ap$N
-RUN=/run/tavlab/$AP
-PRIV=/run/tavlab/.$AP
+RUN=/run/$LAB/$AP
+PRIV=/run/$LAB/.$AP
 LAYERS=$PRIV/layers
 
 log() { printf '%s %s\n' "$(TZ=UTC0 printf '%(%H:%M:%S)T' -1)" "$*"; }
@@ -41,14 +42,14 @@ fail() {
 mount --make-rprivate / || fail "cannot make the mount namespace private"
 
 overlay_ro() { # TARGET LAYER: LAYER's entries shadow TARGET's, read-only
-    mount -t overlay "tavlab-$AP" -o "lowerdir=$2:$1" "$1" || fail "overlay on $1"
+    mount -t overlay "$LAB-$AP" -o "lowerdir=$2:$1" "$1" || fail "overlay on $1"
 }
 overlay_ro /usr/lib "$LAYERS/usr-lib"
 overlay_ro /usr/sbin "$LAYERS/usr-sbin"
 overlay_ro /usr/bin "$LAYERS/usr-bin"
 overlay_ro /etc "$LAYERS/etc"
 # Writable /var whose changes (/var/config.bin, ...) stay in the lab.
-mount -t overlay "tavlab-$AP" \
+mount -t overlay "$LAB-$AP" \
     -o "lowerdir=/var,upperdir=$PRIV/var/upper,workdir=$PRIV/var/work" /var ||
     fail "overlay on /var"
 # Scripts that write to the console write to the access point's log.

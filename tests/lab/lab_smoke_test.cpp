@@ -40,7 +40,10 @@ std::string quote(const std::string &s) {
     return q + "'";
 }
 
-const std::string kLab = TAVLAB_SCRIPT;
+// A lab instance of its own, so a lab someone else has up is never touched.
+const std::string kInstance = LAB_INSTANCE;
+const std::string kLab = std::string(TAVLAB_SCRIPT) + " --instance " + kInstance;
+const std::string kRun = "/run/tavlab-" + kInstance + "/";
 const std::string kBuild = LAB_BUILD_DIR;
 const std::string kPython = "/usr/bin/python3";
 
@@ -72,14 +75,16 @@ std::string boot_id() { return slurp("/proc/sys/kernel/random/boot_id"); }
 // What must be gone after `down`; empty when nothing is left.
 std::string leftovers() {
     std::string left;
-    const Result ns = sh("ip netns list | grep tavlab");
+    const std::string name = "tavlab-" + kInstance;
+    const Result ns = sh("ip netns list | grep -- " + name + "-");
     if (!ns.out.empty()) left += "namespaces: " + ns.out;
-    const Result mounts = sh("grep tavlab /proc/mounts");
+    const Result mounts = sh("grep -- " + name + " /proc/mounts");
     if (!mounts.out.empty()) left += "mounts: " + mounts.out;
-    if (exists("/run/tavlab")) left += "/run/tavlab exists\n";
+    if (exists(kRun)) left += kRun + " exists\n";
+    // The bracket keeps the scan from finding itself.
     const Result procs = sh(
         "for f in /proc/[0-9]*/cmdline; do tr '\\0' ' ' <$f 2>/dev/null; echo; done"
-        " | grep -E 'ap-supervis[o]r|/run/tavla[b]/|/usr/lib/tavla[b]/'");
+        " | grep -e '/run/[t]avlab-" + kInstance + "/'");
     if (!procs.out.empty()) left += "processes: " + procs.out;
     const Result links = sh("ls /sys/class/net | grep -E '^(veth-|sw0$)'");
     if (!links.out.empty()) left += "interfaces: " + links.out;
@@ -125,7 +130,7 @@ TEST_F(LabSmoke, DatabaseAnswersEachAccessPointsOwnIdentity) {
         EXPECT_EQ(db_get(c.ap, "/runtime/wan/inf:1/ip"), c.ip);
         EXPECT_EQ(db_get(c.ap, "/runtime/wan/inf:1/netmask"), "255.255.255.0");
         EXPECT_EQ(db_get(c.ap, "/sys/hostname"), c.ap);
-        EXPECT_TRUE(exists(std::string("/run/tavlab/") + c.ap + "/xmldb_sock"));
+        EXPECT_TRUE(exists(kRun + c.ap + "/xmldb_sock"));
     }
 }
 
@@ -152,12 +157,12 @@ TEST_F(LabSmoke, DeviceCommandsAreStubsThatRecordAndStayInside) {
     EXPECT_EQ(boot_id(), boot);
     EXPECT_EQ(on("ap1", "/usr/sbin/submit GET_PENDING_LIST").status, 0);
 
-    const std::string events = slurp("/run/tavlab/ap1/events.log");
+    const std::string events = slurp(kRun + "ap1/events.log");
     for (const char *want : {"date -s '2030-01-02 03:04:05'\t", "submit TIME\t",
                              "submit GET_PENDING_LIST\t"})
         EXPECT_NE(events.find(std::string("\n") + want), std::string::npos)
             << want << " not in:\n" << events;
-    EXPECT_EQ(slurp("/run/tavlab/ap2/events.log").find("submit TIME"), std::string::npos)
+    EXPECT_EQ(slurp(kRun + "ap2/events.log").find("submit TIME"), std::string::npos)
         << "one access point's calls leaked into another's log";
     if (have_database()) {
         EXPECT_EQ(db_get("ap1", "/runtime/time/date"), "01/02/2030");
@@ -169,19 +174,19 @@ TEST_F(LabSmoke, DeviceCommandsAreStubsThatRecordAndStayInside) {
 TEST_F(LabSmoke, RebootKeepsCommittedSettingsOnly) {
     if (!have_database()) GTEST_SKIP() << "xmldb/rgdb not built in " << kBuild;
     const std::string boot = boot_id();
-    const std::string boots_file = "/run/tavlab/ap2/boot_count";
+    const std::string boots_file = kRun + "ap2/boot_count";
     const int boots = std::atoi(slurp(boots_file).c_str());
     ASSERT_EQ(on("ap2", "rgdb -s /lab/kept 1 && submit COMMIT && rgdb -s /lab/lost 1").status, 0);
     ASSERT_EQ(on("ap2", "reboot").status, 0);
     for (int i = 0; i < 100 && std::atoi(slurp(boots_file).c_str()) == boots; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ASSERT_EQ(std::atoi(slurp(boots_file).c_str()), boots + 1) << "no simulated reboot";
-    for (int i = 0; i < 50 && slurp("/run/tavlab/ap2/ready").empty(); ++i)
+    for (int i = 0; i < 50 && slurp(kRun + "ap2/ready").empty(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(db_get("ap2", "/lab/kept"), "1");
     EXPECT_EQ(db_get("ap2", "/lab/lost"), "");
     EXPECT_EQ(db_get("ap2", "/runtime/wan/inf:1/mac"), "02:7a:76:00:00:02");
-    EXPECT_NE(slurp("/run/tavlab/ap2/events.log").find("\nreboot\t"), std::string::npos);
+    EXPECT_NE(slurp(kRun + "ap2/events.log").find("\nreboot\t"), std::string::npos);
     EXPECT_EQ(boot_id(), boot) << "the machine rebooted?!";
 }
 
