@@ -253,7 +253,8 @@ TEST(TlvReader, LengthPastBodyStops) {
         while (r.next()) ++n;
         EXPECT_EQ(n, c.records) << "body of " << c.body.size() << " bytes";
     }
-    ReplyReader rr(std::vector<uint8_t>{0, 55, 0, 9, 'a'});
+    const std::vector<uint8_t> cut{0, 55, 0, 9, 'a'};
+    ReplyReader rr(cut);
     EXPECT_FALSE(rr.next());
     EXPECT_TRUE(rr.truncated());
 }
