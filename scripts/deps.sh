@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the lab and the tests need, only
+# when something is missing (so a prepared machine needs no network).
+set -euo pipefail
+
+pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
+      iproute2 util-linux procps psmisc python3 kmod)
+
+missing=()
+for p in "${pkgs[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "deps: missing packages: ${missing[*]} (run as root to install them)" >&2
+        exit 1
+    fi
+    echo "deps: installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
