@@ -144,12 +144,3 @@ TEST_F(Dispatch, MalformedPlaintextIsDropped) {
     deliver(raw);
     EXPECT_EQ(sent().size(), 1u);
 }
-
-TEST(ByteOrder, SixtyFourBitConversions) {
-    const uint64_t v = 0x0102030405060708ull;
-    uint64_t be = htonll(v);
-    uint8_t b[8];
-    std::memcpy(b, &be, 8);
-    EXPECT_EQ(Bytes(b, b + 8), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
-    EXPECT_EQ(ntohll(be), v);
-}

@@ -86,15 +86,6 @@ TEST_F(Presence, SupportedFunctionsList) {
     EXPECT_EQ(got.back().value, (Bytes{0, 0}));
 }
 
-TEST_F(Presence, EmptyAnswers) {
-    for (tav_handler h : {tav_report, tav_hello, tav_bye}) {
-        auto [rc, body] = call(h, tlv(54, {9}));
-        EXPECT_EQ(rc, 0);
-        EXPECT_TRUE(body.empty());
-    }
-    EXPECT_EQ(tav_server_list, nullptr) << "presence requests check no precedence";
-}
-
 TEST_F(Presence, OwnAnnouncements) {
     lrgbin_store::put("/sys/hostname", "AP-9");
     lrgbin_store::put("/runtime/wan/inf:1/netmask", "255.255.255.0");
