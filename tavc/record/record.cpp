@@ -1,5 +1,6 @@
 #include "tavc/record/record.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
