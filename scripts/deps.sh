@@ -4,7 +4,7 @@
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
-      iproute2 util-linux procps psmisc python3 kmod)
+      iproute2 util-linux coreutils procps python3)
 
 missing=()
 for p in "${pkgs[@]}"; do
