@@ -1,6 +1,7 @@
 // Round-trip rate of xmldb against a minimal blocking echo server: both are
 // driven through lrgbin exactly as a typed read does it (connect, get, one
 // read, close), the same number of times, alternating in rounds.
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -64,6 +65,22 @@ int listen_on(const std::string &path)
     }
 }
 
+bool wait_for(const std::string &path)
+{
+    for (int i = 0; i < 500; i++) {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0;
+        close(fd);
+        if (ok)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
 bool round_trip(const char *path)
 {
     int fd = lrgdb_open(path);
@@ -92,9 +109,23 @@ long run(const char *path, long n, double &seconds, double budget)
 
 void usage(FILE *to)
 {
-    std::fputs("usage: bench_xmldb_rtt [-n ROUND_TRIPS] [--json]\n"
-               "Connect+get+close round-trip rate of xmldb and of a blocking echo server.\n",
+    std::fputs("usage: bench_xmldb_rtt [-n ROUND_TRIPS] [--pin same|split|none] [--json]\n"
+               "Connect+get+close round-trip rate of xmldb and of a blocking echo server.\n"
+               "  --pin same   client and servers on CPU 0 (default: steadiest figures)\n"
+               "  --pin split  client on CPU 0, servers on CPU 1\n"
+               "  --pin none   wherever the scheduler puts them (varies from run to run)\n",
                to);
+}
+
+void pin(int cpu)
+{
+    if (cpu < 0)
+        return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    if (sched_setaffinity(0, sizeof(set), &set) < 0)
+        std::perror("bench_xmldb_rtt: sched_setaffinity");
 }
 
 }  // namespace
@@ -103,13 +134,18 @@ int main(int argc, char **argv)
 {
     long n = 20000;
     bool json = false;
+    std::string_view mode = "same";
     for (int i = 1; i < argc; i++) {
         std::string_view a = argv[i];
+        if (a == "--serve-echo" && i + 1 < argc)
+            echo_server(listen_on(argv[i + 1]));
         if (a == "--help") {
             usage(stdout);
             return 0;
         } else if (a == "--json") {
             json = true;
+        } else if (a == "--pin" && i + 1 < argc) {
+            mode = argv[++i];
         } else if (a == "-n" && i + 1 < argc) {
             n = std::atol(argv[++i]);
         } else {
@@ -122,6 +158,16 @@ int main(int argc, char **argv)
         return 1;
     }
 
+    if (mode != "same" && mode != "split" && mode != "none") {
+        usage(stderr);
+        return 1;
+    }
+    // Cross-CPU wake-ups cost far more than the servers' own work on a VM,
+    // and where the scheduler puts the processes changes from run to run.
+    int server_cpu = mode == "none" ? -1 : mode == "split" ? 1 : 0;
+    int client_cpu = mode == "none" ? -1 : 0;
+    pin(server_cpu);  // inherited by both servers
+
     char tmpl[] = "/tmp/tavc-bench-XXXXXX";
     if (!mkdtemp(tmpl)) {
         std::perror("mkdtemp");
@@ -129,31 +175,20 @@ int main(int argc, char **argv)
     }
     std::string dir = tmpl, xsock = dir + "/xmldb.sock", esock = dir + "/echo.sock";
 
-    int lfd = listen_on(esock);
-    pid_t echo = fork();
-    if (echo == 0)
-        echo_server(lfd);
-    close(lfd);
+    // Both servers start the same way (spawn + exec), so neither gets a
+    // head start from where the scheduler first places it.
+    const char *eargv[] = {"/proc/self/exe", "--serve-echo", esock.c_str(), nullptr};
+    pid_t echo = -1;
+    posix_spawn(&echo, "/proc/self/exe", nullptr, nullptr, const_cast<char **>(eargv), environ);
 
     const char *xargv[] = {XMLDB_BIN, "-s", xsock.c_str(), nullptr};
     pid_t xmldb = -1;
     posix_spawn(&xmldb, XMLDB_BIN, nullptr, nullptr, const_cast<char **>(xargv), environ);
-    int fd = -1;
-    for (int i = 0; i < 500 && fd < 0; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, xsock.c_str(), sizeof(addr.sun_path) - 1);
-        if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) < 0) {
-            close(fd);
-            fd = -1;
-        }
-    }
+    bool up = wait_for(xsock) && wait_for(esock);
+    pin(client_cpu);
     int rc = 1;
-    if (fd >= 0) {
-        close(fd);
-        fd = lrgdb_open(xsock.c_str());
+    if (up) {
+        int fd = lrgdb_open(xsock.c_str());
         bool set = fd >= 0 && lrgdb_set(fd, 0, kKey, std::string(kValue).c_str()) == 0;
         lrgdb_close(fd);
 
@@ -171,23 +206,24 @@ int main(int argc, char **argv)
         if (!set || nx == 0 || ne == 0) {
             std::fprintf(stderr, "bench_xmldb_rtt: round trips failed\n");
         } else if (json) {
-            std::printf("{\"round_trips_xmldb\":%ld,\"round_trips_echo\":%ld,\"xmldb_per_s\":%.0f,"
-                        "\"echo_per_s\":%.0f,\"ratio\":%.3f}\n", nx, ne, rx, re, rx / re);
+            std::printf("{\"pin\":\"%.*s\",\"round_trips_xmldb\":%ld,\"round_trips_echo\":%ld,\"xmldb_per_s\":%.0f,"
+                        "\"echo_per_s\":%.0f,\"ratio\":%.3f}\n", int(mode.size()), mode.data(), nx, ne, rx, re, rx / re);
             rc = 0;
         } else {
+            std::printf("pin:   %.*s\n", int(mode.size()), mode.data());
             std::printf("xmldb: %ld round trips in %.3f s = %.0f/s\n", nx, tx, rx);
             std::printf("echo:  %ld round trips in %.3f s = %.0f/s\n", ne, te, re);
             std::printf("ratio xmldb/echo: %.3f\n", rx / re);
             rc = 0;
         }
     } else {
-        std::fprintf(stderr, "bench_xmldb_rtt: xmldb did not start\n");
+        std::fprintf(stderr, "bench_xmldb_rtt: the servers did not start\n");
     }
-    kill(echo, SIGTERM);
-    waitpid(echo, nullptr, 0);
-    if (xmldb > 0) {
-        kill(xmldb, SIGTERM);
-        waitpid(xmldb, nullptr, 0);
+    for (pid_t pid : {echo, xmldb}) {
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            waitpid(pid, nullptr, 0);
+        }
     }
     std::filesystem::remove_all(dir);
     return rc;
