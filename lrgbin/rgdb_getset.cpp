@@ -1,14 +1,14 @@
-// Typed access to configuration keys over the database socket: every call
-// opens its own connection, issues one command and closes it again.
+// Typed access to configuration keys: formatted keys, numbers as decimal
+// text, the buffer rules. The primitives underneath are in rgdb_socket.cpp
+// (the device) or rgdb_store.cpp (in-process, for fuzzing and tests).
 #include "lrgbin/rgdb_getset.h"
 
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
-#include "lrgbin/lrgbin.h"
+#include "lrgbin/rgdb_backend.h"
 
 static int vget(char *buf, int size, const char *fmt, va_list ap)
 {
@@ -16,23 +16,7 @@ static int vget(char *buf, int size, const char *fmt, va_list ap)
         return -1;
     char key[1024];
     vsnprintf(key, sizeof(key), fmt, ap);
-
-    int fd = lrgdb_open(nullptr);
-    if (fd < 0)
-        return -1;
-    if (lrgdb_get(fd, 0, key, nullptr) < 0) {
-        lrgdb_close(fd);
-        return -1;
-    }
-    // One read only: the server writes the whole value in one piece.
-    if (read(fd, buf, static_cast<size_t>(size)) < 0) {
-        memset(buf, 0, static_cast<size_t>(size));
-        lrgdb_close(fd);
-        return -1;
-    }
-    lrgdb_close(fd);
-    buf[size - 1] = '\0';
-    return 0;
+    return rgdb_read_key(buf, size, key);
 }
 
 int _rgdb_get_(char *buf, int size, const char *fmt, ...)
@@ -58,16 +42,6 @@ int rgdb_get_digit(const char *fmt, ...)
     memset(value, 0, sizeof(value));
     _rgdb_get_(value, 31, "%s", key);
     return atoi(value);
-}
-
-int _rgdb_set_(const char *key, const char *value)
-{
-    int fd = lrgdb_open(nullptr);
-    if (fd < 0)
-        return -1;
-    int r = lrgdb_set(fd, 0, key, value);
-    lrgdb_close(fd);
-    return r == -1 ? -1 : 0;
 }
 
 int tav_rgdb_set_digit(int value, const char *fmt, ...)

@@ -1,7 +1,7 @@
-// Typed access over an in-process map, with the same limits and byte
-// behaviour as the socket path: 1023-character keys, the "%s %s" set text
-// cut to 1022 characters and split at its first space, reads that deliver
-// the value and its NUL cut to the caller's buffer.
+// The typed access's primitives over an in-process map, with the same limits
+// and byte behaviour as the socket path: the "%s %s" set text cut to 1022
+// characters and split at its first space, reads that deliver the value and
+// its NUL cut to the caller's buffer.
 #include "lrgbin/rgdb_store.h"
 
 #include <cstdarg>
@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "lrgbin/rgdb_getset.h"
+#include "lrgbin/rgdb_backend.h"
 #include "sim/xmldb/store.h"
 
 namespace {
@@ -21,31 +21,6 @@ xmldb::Store &store()
 }
 bool online = true;
 unsigned long call_count = 0;
-
-void compose(char (&key)[1024], const char *fmt, va_list ap)
-{
-    vsnprintf(key, sizeof(key), fmt, ap);
-}
-
-int vget(char *buf, int size, const char *fmt, va_list ap)
-{
-    if (!buf || size < 1 || !fmt)
-        return -1;
-    char key[1024];
-    compose(key, fmt, ap);
-    call_count++;
-    if (!online)
-        return -1;
-    std::string_view v = store().get(key);
-    // As one read of the value and its NUL into size bytes would leave it.
-    std::size_t n = std::min(v.size(), static_cast<std::size_t>(size));
-    if (n > 0)
-        std::memcpy(buf, v.data(), n);
-    if (n < static_cast<std::size_t>(size))
-        buf[n] = '\0';
-    buf[size - 1] = '\0';
-    return 0;
-}
 
 }  // namespace
 
@@ -101,27 +76,20 @@ unsigned long calls()
 
 extern "C" {
 
-int _rgdb_get_(char *buf, int size, const char *fmt, ...)
+// As one read of the value and its NUL into `size` bytes would leave buf.
+int rgdb_read_key(char *buf, int size, const char *key)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    int r = vget(buf, size, fmt, ap);
-    va_end(ap);
-    return r;
-}
-
-int rgdb_get_digit(const char *fmt, ...)
-{
-    if (!fmt)
-        return 0;
-    char key[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    compose(key, fmt, ap);
-    va_end(ap);
-    char value[32] = {};
-    _rgdb_get_(value, 31, "%s", key);
-    return atoi(value);
+    call_count++;
+    if (!online)
+        return -1;
+    std::string_view v = store().get(key);
+    std::size_t n = std::min(v.size(), static_cast<std::size_t>(size));
+    if (n > 0)
+        std::memcpy(buf, v.data(), n);
+    if (n < static_cast<std::size_t>(size))
+        buf[n] = '\0';
+    buf[size - 1] = '\0';
+    return 0;
 }
 
 int _rgdb_set_(const char *key, const char *value)
@@ -135,42 +103,6 @@ int _rgdb_set_(const char *key, const char *value)
     std::size_t sp = t.find(' ');
     std::string_view v = sp == std::string_view::npos ? std::string_view() : t.substr(sp + 1);
     return store().set(t.substr(0, sp), v) ? 0 : -1;
-}
-
-int tav_rgdb_set_digit(int value, const char *fmt, ...)
-{
-    if (!fmt)
-        return -1;
-    char key[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    compose(key, fmt, ap);
-    va_end(ap);
-    char text[32] = {};
-    snprintf(text, 31, "%d", value);
-    return _rgdb_set_(key, text);
-}
-
-int tav_rgdb_set_str(const char *value, const char *fmt, ...)
-{
-    if (!fmt)
-        return -1;
-    char key[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    compose(key, fmt, ap);
-    va_end(ap);
-    return _rgdb_set_(key, value);
-}
-
-int binary__rgdb_set_(const char *key, unsigned long value)
-{
-    if (!key)
-        return -1;
-    char text[16] = {};
-    snprintf(text, sizeof(text), "%lu", value);
-    _rgdb_set_(key, text);
-    return 0;
 }
 
 }  // extern "C"
