@@ -116,6 +116,34 @@ static bool call_handler(int row, const uint8_t *body, uint16_t body_length, int
 
 static bool is_mac(const uint8_t *p, const uint8_t *mac) { return memcmp(p, mac, 6) == 0; }
 
+// Serves one request of either form: runs the handler and sends the reply
+// header (sequence echoed, the row's op code, the requester's addresses)
+// and body by the path the request came.
+static int serve(const tav::Header &h, const uint8_t *body, int row) {
+    int result;
+    uint16_t n;
+    if (!call_handler(row, body, h.body_length, &result, &n)) return -1;
+
+    tav::Header r;
+    r.ipv4 = h.ipv4;
+    r.msg_type = h.ipv4 ? tav::kMsgIpv4Reply : tav::kMsgL2Reply;
+    r.sequence = h.sequence;
+    r.op_code = tav_function[row].op_code;
+    memcpy(r.target_mac.data(), tav_tmp_server->mac, 6);
+    if (h.ipv4) memcpy(r.target_ip.data(), &tav_tmp_server->addr.sin_addr, 4);
+    r.result = uint16_t(result);
+    r.version = tav::kVersion;
+    r.body_length = n;
+    tav::encode_header(r, g_reply_plain);
+    memcpy(g_reply_plain + r.size(), g_reply_body + 2, n);
+    uint16_t total = uint16_t(r.size() + n);
+    if (h.ipv4)
+        send_msg_L4(g_reply_plain, total);
+    else
+        send_msg_L2(g_reply_plain, total);
+    return 0;
+}
+
 int handle_L2_msg(const uint8_t *plain, uint16_t len) {
     auto h = tav::decode_header(std::span<const uint8_t>(plain, len), false);
     if (!h) return -1;
@@ -124,23 +152,7 @@ int handle_L2_msg(const uint8_t *plain, uint16_t len) {
         return -1;
     int row = tav_func_find(h->op_code);
     if (row < 0) return -1;
-    int result;
-    uint16_t n;
-    if (!call_handler(row, plain + tav::kL2HeaderLen, h->body_length, &result, &n)) return -1;
-
-    tav::Header r;
-    r.ipv4 = false;
-    r.msg_type = tav::kMsgL2Reply;
-    r.sequence = h->sequence;
-    r.op_code = h->op_code;
-    memcpy(r.target_mac.data(), tav_tmp_server->mac, 6);
-    r.result = uint16_t(result);
-    r.version = tav::kVersion;
-    r.body_length = n;
-    tav::encode_header(r, g_reply_plain);
-    memcpy(g_reply_plain + tav::kL2HeaderLen, g_reply_body + 2, n);
-    send_msg_L2(g_reply_plain, uint16_t(tav::kL2HeaderLen + n));
-    return 0;
+    return serve(*h, plain + tav::kL2HeaderLen, row);
 }
 
 int IPv4_check_receiver(const uint8_t *plain) {
@@ -158,25 +170,7 @@ int handle_ipv4_msg(const uint8_t *plain, uint16_t len) {
     if (IPv4_check_receiver(plain) != 0) return -1;
     int row = tav_func_find(h->op_code);
     if (row < 0) return -1;
-    int result;
-    uint16_t n;
-    if (!call_handler(row, plain + tav::kIpv4HeaderLen, h->body_length, &result, &n))
-        return -1;
-
-    tav::Header r;
-    r.ipv4 = true;
-    r.msg_type = tav::kMsgIpv4Reply;
-    r.sequence = h->sequence;
-    r.op_code = tav_function[row].op_code;
-    memcpy(r.target_mac.data(), tav_tmp_server->mac, 6);
-    memcpy(r.target_ip.data(), &tav_tmp_server->addr.sin_addr, 4);
-    r.result = uint16_t(result);
-    r.version = tav::kVersion;
-    r.body_length = n;
-    tav::encode_header(r, g_reply_plain);
-    memcpy(g_reply_plain + tav::kIpv4HeaderLen, g_reply_body + 2, n);
-    send_msg_L4(g_reply_plain, uint16_t(tav::kIpv4HeaderLen + n));
-    return 0;
+    return serve(*h, plain + tav::kIpv4HeaderLen, row);
 }
 
 int handle_ipv6_msg(const uint8_t *, uint16_t) { return -1; }
