@@ -31,6 +31,12 @@ using tav::client::Message;
 using tav::client::Record;
 using tav::client::TlvList;
 
+// Runs its action when the scope ends, also after a failed assertion.
+struct Finally {
+    std::function<void()> action;
+    ~Finally() { action(); }
+};
+
 struct Sh {
     int status = -1;
     std::string out;  // stdout and stderr
