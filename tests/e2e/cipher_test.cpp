@@ -32,7 +32,9 @@ class CipherEncodeTooLong : public LabSuite<CipherEncodeTooLong> {
   public:
     static constexpr const char *kCode = "cenc";
     static constexpr int kAps = 1;
-    static std::string up_args() { return "--cipher " + quote(cipher_path("TAV_Auth_enc65508.so")); }
+    static std::string up_args() {
+        return "--cipher " + quote(cipher_path("TAV_Auth_enc65508.so"));
+    }
 };
 
 TEST_F(CipherEncodeTooLong, NoHelloNoByeNoReplyOnlyTheMessage) {
@@ -53,7 +55,8 @@ TEST_F(CipherEncodeTooLong, NoHelloNoByeNoReplyOnlyTheMessage) {
                  {&raw, tav::kOpSupportedFunctions},
                  {&udp, tav::kOpUserVerification}};
     for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.mgr->ipv4() ? "udp " : "raw ") + tav::client::format_op_code(c.op));
+        SCOPED_TRACE(std::string(c.mgr->ipv4() ? "udp " : "raw ") +
+                     tav::client::format_op_code(c.op));
         Output out(lab(), 1);
         auto replies = c.mgr->request(c.op, {}, 1s);
         ASSERT_TRUE(replies);

@@ -33,11 +33,16 @@ TEST_F(Dispatch, LockedOpCodesAreRefusedWithANoticeWhileTheAgentRuns) {
         bool udp;
         std::optional<uint16_t> result;  // empty: refused
     } cases[] = {
-        {tav::kOpDiscovery, false, 0},           {tav::kOpSupportedFunctions, false, 0},
-        {tav::kOpUserVerification, false, 0x40}, {tav::kOpSupportedFunctions, true, 0},
-        {tav::kOpReport, false, {}},             {tav::kOpHello, false, {}},
-        {tav::kOpBye, false, {}},                {tav::kOpChangeIdPassword, false, {}},
-        {tav::kOpGetDateTime, false, {}},        {tav::kOpHello, true, {}},
+        {tav::kOpDiscovery, false, 0},
+        {tav::kOpSupportedFunctions, false, 0},
+        {tav::kOpUserVerification, false, 0x40},
+        {tav::kOpSupportedFunctions, true, 0},
+        {tav::kOpReport, false, {}},
+        {tav::kOpHello, false, {}},
+        {tav::kOpBye, false, {}},
+        {tav::kOpChangeIdPassword, false, {}},
+        {tav::kOpGetDateTime, false, {}},
+        {tav::kOpHello, true, {}},
     };
     Client raw = lab().raw();
     Client udp = lab().udp(1);
@@ -167,17 +172,28 @@ TEST_F(Dispatch, MalformedInputIsDroppedOrAnsweredAndTheDaemonGoesOn) {
         std::optional<uint16_t> result;  // empty: no reply
     } cases[] = {
         {"header cut to 10 bytes", tav::kOpDiscovery, sealed(cut(tav::kOpDiscovery, 10)), {}},
-        {"header one byte short", tav::kOpDiscovery, sealed([&](bool ipv4, uint16_t seq) {
+        {"header one byte short",
+         tav::kOpDiscovery,
+         sealed([&](bool ipv4, uint16_t seq) {
              return cut(tav::kOpDiscovery, request_header(ipv4, 0, 0).size() - 1)(ipv4, seq);
-         }), {}},
-        {"body length past the end", tav::kOpDiscovery, sealed(overstated(tav::kOpDiscovery, 1, {})), {}},
-        {"body length past the end of a body", tav::kOpUserVerification,
-         sealed(overstated(tav::kOpUserVerification, 2, {tav::client::tlv_text(55, "admin")})), {}},
+         }),
+         {}},
+        {"body length past the end",
+         tav::kOpDiscovery,
+         sealed(overstated(tav::kOpDiscovery, 1, {})),
+         {}},
+        {"body length past the end of a body",
+         tav::kOpUserVerification,
+         sealed(overstated(tav::kOpUserVerification, 2, {tav::client::tlv_text(55, "admin")})),
+         {}},
         {"record past the body", tav::kOpUserVerification, sealed(long_password), 0x40},
         {"body below one record", tav::kOpUserVerification, sealed(stub_body), 0x40},
         {"body that discovery ignores", tav::kOpDiscovery, sealed(padded(300)), 0},
         {"largest plaintext", tav::kOpDiscovery, sealed(padded(tav::kMaxPlainLen)), 0},
-        {"plaintext one byte too long", tav::kOpDiscovery, sealed(padded(tav::kMaxPlainLen + 1)), {}},
+        {"plaintext one byte too long",
+         tav::kOpDiscovery,
+         sealed(padded(tav::kMaxPlainLen + 1)),
+         {}},
         {"ciphertext byte flipped", tav::kOpDiscovery, altered(5, false), {}},
         {"check byte flipped", tav::kOpDiscovery, altered(0, false), {}},
         {"selector changed", tav::kOpDiscovery, altered(0, true), {}},
@@ -196,8 +212,8 @@ TEST_F(Dispatch, MalformedInputIsDroppedOrAnsweredAndTheDaemonGoesOn) {
             const auto replies = replies_before_control(*mgr, seq, c.op);
             ASSERT_EQ(replies.size(), c.result ? 1u : 0u);
             if (c.result) {
-            EXPECT_EQ(replies.front().result(), *c.result);
-        }
+                EXPECT_EQ(replies.front().result(), *c.result);
+            }
             EXPECT_EQ(out.fresh(), "");
         }
     }

@@ -54,9 +54,15 @@ bool until(const std::function<bool()> &cond, std::chrono::milliseconds limit) {
     }
 }
 
-Mac ap_mac(int n) { return {0x02, 0x7a, 0x76, 0x00, 0x00, uint8_t(n)}; }
-Ipv4 ap_ip(int n) { return {192, 0, 2, uint8_t(10 + n)}; }
-std::string ap_ip_text(int n) { return "192.0.2." + std::to_string(10 + n); }
+Mac ap_mac(int n) {
+    return {0x02, 0x7a, 0x76, 0x00, 0x00, uint8_t(n)};
+}
+Ipv4 ap_ip(int n) {
+    return {192, 0, 2, uint8_t(10 + n)};
+}
+std::string ap_ip_text(int n) {
+    return "192.0.2." + std::to_string(10 + n);
+}
 
 std::string cipher_path(const std::string &name) {
     return std::string(E2E_BUILD_DIR) + "/sim/cipher/" + name;
@@ -113,7 +119,9 @@ bool Lab::db_set(int ap, const std::string &key, const std::string &value) const
     return r.status == 0;
 }
 
-int Lab::daemon_pid(int ap) const { return std::atoi(slurp(run_file(ap, "tavc.pid")).c_str()); }
+int Lab::daemon_pid(int ap) const {
+    return std::atoi(slurp(run_file(ap, "tavc.pid")).c_str());
+}
 
 bool Lab::daemon_alive(int ap) const {
     const int pid = daemon_pid(ap);
@@ -181,7 +189,8 @@ FrameTap::~FrameTap() {
 std::optional<FrameTap::Frame> FrameTap::read(Clock::time_point deadline) {
     std::vector<uint8_t> buf(tav::kEthHeaderLen + tav::kSelectorLen + tav::kMaxCipherLen);
     while (fd_ >= 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() < 0) return std::nullopt;
         pollfd p{fd_, POLLIN, 0};
         if (::poll(&p, 1, int(left.count()) + 1) <= 0) continue;
@@ -291,6 +300,8 @@ std::vector<uint8_t> body_of(const Message &m) {
     return {first, first + m.header->body_length};
 }
 
-std::string hex(std::span<const uint8_t> v) { return tav::client::to_hex(v); }
+std::string hex(std::span<const uint8_t> v) {
+    return tav::client::to_hex(v);
+}
 
 }  // namespace e2e

@@ -33,22 +33,23 @@ TEST_F(StartUp, NormalisesManagedStatusClearsFirmwareProgressAndSaysHello) {
     struct Case {
         const char *stored, *after;
     };
-    const Case cases[kAps] = {{"3", "2"}, {"4", "2"}, {"2", "2"}, {"0", "0"}, {"1", "1"}, {"5", "5"}};
+    const Case cases[kAps] = {{"3", "2"}, {"4", "2"}, {"2", "2"},
+                              {"0", "0"}, {"1", "1"}, {"5", "5"}};
 
     FrameTap tap(lab().netns_mgr());
     ASSERT_TRUE(tap.ok());
     // The values go into the committed state, which a (simulated) reboot
     // loads before the daemon starts.
     for (int ap = 1; ap <= kAps; ++ap) {
-        const Sh r = lab().on_ap(ap, std::string("rgdb -s ") + kManagedStatus + " " +
-                                         cases[ap - 1].stored + " && rgdb -s " + kFwStatus +
-                                         " 3 && submit COMMIT && reboot");
+        const Sh r =
+            lab().on_ap(ap, std::string("rgdb -s ") + kManagedStatus + " " + cases[ap - 1].stored +
+                                " && rgdb -s " + kFwStatus + " 3 && submit COMMIT && reboot");
         ASSERT_EQ(r.status, 0) << r.out;
     }
     for (int ap = 1; ap <= kAps; ++ap) {
         SCOPED_TRACE("ap" + std::to_string(ap) + ", stored " + cases[ap - 1].stored);
-        auto hello = tap.next([&](const auto &f) { return is_announcement(f, tav::kOpHello, ap_mac(ap)); },
-                              20s);
+        auto hello = tap.next(
+            [&](const auto &f) { return is_announcement(f, tav::kOpHello, ap_mac(ap)); }, 20s);
         ASSERT_TRUE(hello) << "no hello after the restart";
         expect_own_message(*hello, tav::kOpHello, ap);
     }
@@ -88,12 +89,16 @@ TEST_F(Shutdown, SigtermSendsOneByeAndExitsWithStatusOne) {
     EXPECT_EQ(others, 0u);
 
     // The supervisor reaps the daemon and logs how it ended.
-    const std::string ended = "daemon (pid " + std::to_string(pid) + ") exited on its own with status ";
+    const std::string ended =
+        "daemon (pid " + std::to_string(pid) + ") exited on its own with status ";
     std::string log;
-    ASSERT_TRUE(until([&] {
-        log = slurp(lab().run_file(1, "supervisor.log"));
-        return log.find(ended) != std::string::npos;
-    }, 10s)) << log;
+    ASSERT_TRUE(until(
+        [&] {
+            log = slurp(lab().run_file(1, "supervisor.log"));
+            return log.find(ended) != std::string::npos;
+        },
+        10s))
+        << log;
     EXPECT_NE(log.find(ended + "1\n"), std::string::npos) << log;
 
     const Sh procs = lab().on_ap(1, "cat /proc/[0-9]*/comm");

@@ -34,8 +34,10 @@ TEST_F(Managers, VerificationComparesNameAndPasswordExactly) {
     } cases[] = {
         {"correct", "admin", credentials("admin", "admin"), 0},
         {"reverse order", "admin", {tlv_text(56, "admin"), tlv_text(55, "admin")}, 0},
-        {"unknown tag skipped", "admin",
-         {tlv_text(55, "admin"), tlv_text(999, "x"), tlv_text(56, "admin")}, 0},
+        {"unknown tag skipped",
+         "admin",
+         {tlv_text(55, "admin"), tlv_text(999, "x"), tlv_text(56, "admin")},
+         0},
         {"user name case", "admin", credentials("Admin", "admin"), 0x40},
         {"password case", "admin", credentials("admin", "ADMIN"), 0x40},
         {"password prefix", "admin", credentials("admin", "admi"), 0x40},
@@ -69,7 +71,8 @@ TEST_F(Managers, PrecedenceTagAlwaysTakesOneByte) {
     // Precedence 0 then a 0x00 byte that doubles as the high byte of tag 55.
     TlvList tlvs{tlv_u8(tav::kTagServerPrecedence, 0)};
     for (auto &r : credentials("admin", "admin")) tlvs.push_back(r);
-    auto plain = plaintext(request_header(false, tav::kOpUserVerification, take_sequence(mgr)), tlvs);
+    auto plain =
+        plaintext(request_header(false, tav::kOpUserVerification, take_sequence(mgr)), tlvs);
     tav::put_be16(plain.data() + tav::kL2HeaderLen + 2, 2);
     ASSERT_TRUE(mgr.send_plaintext(plain));
     auto got = mgr.collect(tav::get_be16(plain.data() + 2), tav::kOpUserVerification, 3s, 1);
@@ -91,9 +94,12 @@ TEST_F(Managers, HigherPrecedenceOfAnotherManagerRefuses) {
         std::vector<Step> steps;
     } scenarios[] = {
         {"higher holder wins",
-         {{A, 5, true, 0}, {B, 3, true, 0xFFFF}, {B, 5, true, 0}, {B, 6, true, 0}, {A, 5, true, 0xFFFF}}},
-        {"own earlier entry counts once",
-         {{A, 7, true, 0}, {A, 3, true, 0xFFFF}, {A, 3, true, 0}}},
+         {{A, 5, true, 0},
+          {B, 3, true, 0xFFFF},
+          {B, 5, true, 0},
+          {B, 6, true, 0},
+          {A, 5, true, 0xFFFF}}},
+        {"own earlier entry counts once", {{A, 7, true, 0}, {A, 3, true, 0xFFFF}, {A, 3, true, 0}}},
         {"bye forgets the manager",
          {{A, 9, true, 0}, {B, 3, true, 0xFFFF}, {A, kBye, true, 0}, {B, 3, true, 0}}},
         {"refused before credentials are compared",
@@ -124,7 +130,8 @@ TEST_F(Managers, HigherPrecedenceOfAnotherManagerRefuses) {
             TlvList tlvs;
             if (st.precedence != kNone)
                 tlvs.push_back(tlv_u8(tav::kTagServerPrecedence, uint8_t(st.precedence)));
-            for (auto &r : credentials("admin", st.right_password ? "admin" : "wrong")) tlvs.push_back(r);
+            for (auto &r : credentials("admin", st.right_password ? "admin" : "wrong"))
+                tlvs.push_back(r);
             auto reply = mgr.request_one(tav::kOpUserVerification, tlvs, 3s);
             ASSERT_TRUE(reply) << reply.error();
             EXPECT_EQ(reply->result(), st.result);

@@ -1,5 +1,7 @@
 // Both request paths: which requests a device takes as its own, and how its
 // reply is addressed on each path.
+#include <algorithm>
+
 #include "tests/e2e/e2e.h"
 
 namespace e2e {
@@ -21,8 +23,9 @@ TEST_F(ReplyPaths, RawReplyIsBroadcastFromDeviceMacNamingTheRequester) {
         FrameTap tap(lab().netns_mgr());
         ASSERT_TRUE(tap.ok());
         const uint16_t seq = send_to(mgr, tav::kOpDiscovery, ap_mac(1), kAnyIp);
-        auto frame = tap.next([&](const auto &f) { return f.msg && is_reply_to(*f.msg, seq, tav::kOpDiscovery); },
-                              3s);
+        auto frame = tap.next(
+            [&](const auto &f) { return f.msg && is_reply_to(*f.msg, seq, tav::kOpDiscovery); },
+            3s);
         ASSERT_TRUE(frame) << "no reply";
         EXPECT_EQ(frame->dst, tav::kBroadcastMac);
         EXPECT_EQ(frame->src, ap_mac(1));
@@ -43,6 +46,23 @@ TEST_F(ReplyPaths, UdpReplyIsOneDatagramFromPort62976ToTheSender) {
     EXPECT_EQ(m.header->target_ip, kMgrIp);
 }
 
+TEST_F(ReplyPaths, UdpBroadcastAndMulticastReachEveryDevice) {
+    for (const char *to : {"192.0.2.255", "224.0.0.1"}) {
+        SCOPED_TRACE(to);
+        Client mgr(tav::client::Options::over_udp(to, lab().netns_mgr(), cipher_path()));
+        auto replies = mgr.request(tav::kOpDiscovery, {}, 1500ms);
+        ASSERT_TRUE(replies);
+        std::vector<Ipv4> from;
+        for (const auto &m : *replies) {
+            from.push_back(m.src_ip);
+            EXPECT_EQ(m.src_port, tav::kUdpPort);
+            EXPECT_EQ(m.header->target_ip, kMgrIp);
+        }
+        std::sort(from.begin(), from.end());
+        EXPECT_EQ(from, (std::vector<Ipv4>{ap_ip(1), ap_ip(2)}));
+    }
+}
+
 // A UDP sender's MAC comes from the access point's ARP cache: zero without an
 // entry, the manager's MAC with one.
 TEST_F(ReplyPaths, UdpReplyTargetMacComesFromTheArpCache) {
@@ -53,9 +73,9 @@ TEST_F(ReplyPaths, UdpReplyTargetMacComesFromTheArpCache) {
     });
     // The manager never asks for the access point's address, so the access
     // point learns nothing from ARP by itself.
-    ASSERT_EQ(lab().exec("mgr", "ip neigh replace 192.0.2.11 lladdr 02:7a:76:00:00:01 dev eth0 nud permanent")
-                  .status,
-              0);
+    const std::string pin =
+        "ip neigh replace 192.0.2.11 lladdr 02:7a:76:00:00:01 dev eth0 nud permanent";
+    ASSERT_EQ(lab().exec("mgr", pin).status, 0);
     struct Case {
         const char *what;
         std::string setup;
@@ -63,7 +83,8 @@ TEST_F(ReplyPaths, UdpReplyTargetMacComesFromTheArpCache) {
     } cases[] = {
         {"no entry", forget, tav::kZeroMac},
         {"manager's entry",
-         forget + "; ip neigh replace 192.0.2.1 lladdr 02:7a:76:00:00:fe dev br0 nud permanent", kMgrMac},
+         forget + "; ip neigh replace 192.0.2.1 lladdr 02:7a:76:00:00:fe dev br0 nud permanent",
+         kMgrMac},
         {"no entry again", forget, tav::kZeroMac},
     };
     Client mgr = lab().udp(1);
@@ -109,10 +130,10 @@ TEST_F(ReplyPaths, Ipv4RequestsAreTakenByTargetMacAndAddress) {
         Ipv4 ip;
         bool answered;
     } cases[] = {
-        {ap_mac(1), ap_ip(1), true},          {ap_mac(1), kAnyIp, true},
-        {tav::kZeroMac, ap_ip(1), true},      {tav::kZeroMac, kAnyIp, true},
+        {ap_mac(1), ap_ip(1), true},           {ap_mac(1), kAnyIp, true},
+        {tav::kZeroMac, ap_ip(1), true},       {tav::kZeroMac, kAnyIp, true},
         {tav::kBroadcastMac, ap_ip(1), false}, {tav::kBroadcastMac, kAnyIp, false},
-        {ap_mac(2), ap_ip(1), false},         {ap_mac(1), ap_ip(2), false},
+        {ap_mac(2), ap_ip(1), false},          {ap_mac(1), ap_ip(2), false},
         {tav::kZeroMac, ap_ip(2), false},
     };
     Client mgr = lab().udp(1);
@@ -128,16 +149,19 @@ TEST_F(ReplyPaths, ReplyEchoesSequenceAndOpCodeWithVersionFive) {
     struct Case {
         uint16_t sequence, op_code, result;
     } cases[] = {
-        {0x0000, tav::kOpDiscovery, 0},           {0xFFFF, tav::kOpSupportedFunctions, 0},
-        {0x00FF, tav::kOpUserVerification, 0x40}, {0xFF00, tav::kOpHello, 0},
+        {0x0000, tav::kOpDiscovery, 0},
+        {0xFFFF, tav::kOpSupportedFunctions, 0},
+        {0x00FF, tav::kOpUserVerification, 0x40},
+        {0xFF00, tav::kOpHello, 0},
         {0x8001, tav::kOpReport, 0},
     };
     Client raw = lab().raw();
     Client udp = lab().udp(1);
     for (Client *c : {&raw, &udp}) {
         for (const auto &k : cases) {
-            SCOPED_TRACE(std::string(c->ipv4() ? "udp " : "raw ") + tav::client::format_op_code(k.op_code) +
-                         " sequence " + std::to_string(k.sequence));
+            SCOPED_TRACE(std::string(c->ipv4() ? "udp " : "raw ") +
+                         tav::client::format_op_code(k.op_code) + " sequence " +
+                         std::to_string(k.sequence));
             tav::Header h = request_header(c->ipv4(), k.op_code, k.sequence);
             h.version = 0;
             if (!c->ipv4()) h.target_mac = ap_mac(1);

@@ -19,13 +19,25 @@ class Presence : public LabSuite<Presence> {
 };
 
 // The keys the identity record is built from.
-const char *const kIdentityKeys[] = {
-    "/sys/hostname", "/runtime/sys/info/firmwareversion", "/runtime/sys/info/hardwareversion",
-    "/runtime/wan/inf:1/mac", "/sys/systemName", "/runtime/wan/inf:1/ip",
-    "/runtime/wan/inf:1/netmask", "/runtime/wan/inf:1/gateway", "/runtime/wan/inf:1/primarydns",
-    "/sys/web/port", "/wan/rg/inf:1/mode", "/runtime/wan/inf:1/tavmode", "/runtime/time/date",
-    "/runtime/time/time", "/qm5_agent/running", "/qm5_agent/managed_status",
-    "/qm5_agent/nms_server", "/qm5_agent/ag_uuid", "/runtime/qm5_agent/connection_status"};
+const char *const kIdentityKeys[] = {"/sys/hostname",
+                                     "/runtime/sys/info/firmwareversion",
+                                     "/runtime/sys/info/hardwareversion",
+                                     "/runtime/wan/inf:1/mac",
+                                     "/sys/systemName",
+                                     "/runtime/wan/inf:1/ip",
+                                     "/runtime/wan/inf:1/netmask",
+                                     "/runtime/wan/inf:1/gateway",
+                                     "/runtime/wan/inf:1/primarydns",
+                                     "/sys/web/port",
+                                     "/wan/rg/inf:1/mode",
+                                     "/runtime/wan/inf:1/tavmode",
+                                     "/runtime/time/date",
+                                     "/runtime/time/time",
+                                     "/qm5_agent/running",
+                                     "/qm5_agent/managed_status",
+                                     "/qm5_agent/nms_server",
+                                     "/qm5_agent/ag_uuid",
+                                     "/runtime/qm5_agent/connection_status"};
 
 Record text(uint16_t tag, std::string s, size_t capacity) {
     if (s.size() > capacity - 1) s.resize(capacity - 1);
@@ -158,7 +170,8 @@ TEST_F(Presence, DiscoveryMatchesTheDatabaseByteForByteOnBothPaths) {
 
         for (Client *mgr : {&raw, &udp}) {
             SCOPED_TRACE(mgr->ipv4() ? "udp" : "raw");
-            auto seq = send_to(*mgr, tav::kOpDiscovery, mgr->ipv4() ? tav::kZeroMac : ap_mac(1), kAnyIp);
+            auto seq =
+                send_to(*mgr, tav::kOpDiscovery, mgr->ipv4() ? tav::kZeroMac : ap_mac(1), kAnyIp);
             auto got = mgr->collect(seq, tav::kOpDiscovery, 3s, 1);
             ASSERT_EQ(got.size(), 1u);
             EXPECT_EQ(got.front().result(), 0);

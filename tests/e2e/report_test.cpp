@@ -16,13 +16,16 @@ TEST_F(ReportTiming, FirstReportComesAMinuteAfterTheHelloWithTheIdentity) {
     FrameTap tap(lab().netns_mgr());
     ASSERT_TRUE(tap.ok());
     ASSERT_EQ(lab().on_ap(1, "reboot").status, 0);
-    ASSERT_TRUE(tap.next([](const auto &f) { return is_announcement(f, tav::kOpHello, ap_mac(1)); }, 20s))
+    ASSERT_TRUE(
+        tap.next([](const auto &f) { return is_announcement(f, tav::kOpHello, ap_mac(1)); }, 20s))
         << "no hello after the restart";
     const auto started = Clock::now();
 
-    auto report = tap.next([](const auto &f) { return is_announcement(f, tav::kOpReport, ap_mac(1)); }, 80s);
+    auto report =
+        tap.next([](const auto &f) { return is_announcement(f, tav::kOpReport, ap_mac(1)); }, 80s);
     ASSERT_TRUE(report) << "no report within 80 s";
-    const auto after = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started);
+    const auto after =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started);
     EXPECT_GE(after, 55s);
     EXPECT_LE(after, 75s);
 
