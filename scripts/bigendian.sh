@@ -9,10 +9,10 @@
 # Build trees: build/gtest-s390x (GoogleTest for the target, installed into
 # build/gtest-s390x/prefix) and build/s390x (this project, dev flags).
 #
-# Only suites whose binaries run on their own are run: without binfmt_misc,
-# a target program cannot start another target program (the xmldb server and
-# tavctl suites spawn theirs; the cipher suite and the generated-doc check
-# need target-built helpers run by host tools), so those stay out.
+# Only the device code's suites are run, and only those whose binaries run on
+# their own: without binfmt_misc a target program cannot start another target
+# program (the xmldb and tavctl suites spawn theirs), and the generated-doc
+# check has a host tool run a target-built generator.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
