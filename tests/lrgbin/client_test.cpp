@@ -3,9 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -18,76 +16,40 @@ using namespace std::literals;
 
 namespace {
 
-// Every connection gets `reply`, written in pieces 30 ms apart.
-class FakeServer {
-public:
-    FakeServer(std::string path, std::vector<std::string> reply) : path_(std::move(path)), reply_(std::move(reply))
-    {
-        lfd_ = listen_on(path_);
-        EXPECT_GE(lfd_, 0);
-        thread_ = std::thread([this] { serve(); });
-    }
-    ~FakeServer()
-    {
-        stop_ = true;
-        thread_.join();
-        close(lfd_);
-        unlink(path_.c_str());
-    }
-    // What arrived, after waiting up to a second for `want` requests.
-    std::vector<std::string> requests(size_t want = 1)
-    {
-        for (int i = 0; i < 100 && count_ < want; i++)
-            std::this_thread::sleep_for(10ms);
-        std::lock_guard<std::mutex> lock(mu_);
-        return requests_;
-    }
-
-private:
-    void serve()
-    {
-        pollfd p{lfd_, POLLIN, 0};
-        while (!stop_) {
-            if (poll(&p, 1, 20) != 1)
-                continue;
-            int fd = accept(lfd_, nullptr, nullptr);
-            std::string got;
-            uint16_t len = 0;
-            char buf[2048];
-            pollfd c{fd, POLLIN, 0};
-            while ((got.size() < 16 || got.size() < 16u + len) && poll(&c, 1, 1000) == 1) {
-                ssize_t n = read(fd, buf, sizeof(buf));
-                if (n <= 0)
-                    break;
-                got.append(buf, static_cast<size_t>(n));
-                if (got.size() >= 16)
-                    std::memcpy(&len, got.data() + 2, 2);
-            }
-            {
-                std::lock_guard<std::mutex> lock(mu_);
-                requests_.push_back(got);
-                count_++;
-            }
-            for (size_t i = 0; i < reply_.size(); i++) {
-                std::this_thread::sleep_for(i ? 30ms : 0ms);
-                send_all(fd, reply_[i]);
-            }
-            close(fd);
-        }
-    }
-
-    std::string path_;
-    int lfd_;
-    std::vector<std::string> reply_;
-    std::atomic<bool> stop_{false};
-    std::atomic<size_t> count_{0};
-    std::mutex mu_;
-    std::vector<std::string> requests_;
-    std::thread thread_;
-};
-
 const std::string kOk = header(2, 0, 0);
-const std::string kZeros(12, '\0');
+
+// Runs `call` against a server that takes one connection (if one comes within
+// a second) and answers `reply` in pieces 30 ms apart; returns what it received.
+std::string exchange(const std::function<void()> &call, const std::vector<std::string> &reply = {kOk})
+{
+    int lfd = unix_socket(kSockName, true);
+    std::string req;
+    std::thread srv([&] {
+        pollfd p{lfd, POLLIN, 0};
+        if (poll(&p, 1, 1000) != 1)
+            return;
+        int fd = accept(lfd, nullptr, nullptr);
+        timeval tv{1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+        req.resize(16 + 65535);
+        ssize_t n = recv(fd, req.data(), 16, MSG_WAITALL);
+        uint16_t len;
+        std::memcpy(&len, req.data() + 2, 2);
+        if (n == 16 && len)
+            n += std::max<ssize_t>(0, recv(fd, req.data() + 16, len, MSG_WAITALL));
+        req.resize(std::max<ssize_t>(n, 0));
+        for (size_t i = 0; i < reply.size(); i++) {
+            std::this_thread::sleep_for(i ? 30ms : 0ms);
+            send_all(fd, reply[i]);
+        }
+        close(fd);
+    });
+    call();
+    srv.join();
+    close(lfd);
+    unlink(kSockName);
+    return req;
+}
 
 // Runs one client operation on a fresh connection of the compiled-in path.
 std::function<void()> on_conn(std::function<void(int)> op)
@@ -104,27 +66,23 @@ std::function<void()> on_conn(std::function<void(int)> op)
 TEST(Client, ExampleExchangesByteForByte)
 {
     TempDir dir;
-    {
-        FakeServer srv(dir.sock(), {std::string("ap1\0", 4)});
-        char buf[16] = {};
-        EXPECT_EQ(_rgdb_get_(buf, sizeof(buf), "/sys/%s", "hostname"), 0);
-        EXPECT_STREQ(buf, "ap1");
-        EXPECT_EQ(srv.requests().at(0), "\x01\x00\x0e\x00"s + kZeros + "/sys/hostname" + '\0');
-    }
-    FakeServer srv(dir.sock(), {kOk});
-    EXPECT_EQ(_rgdb_set_("/sys/hostname", "ap1"), 0);
-    EXPECT_EQ(srv.requests().at(0), "\x02\x00\x12\x00"s + kZeros + "/sys/hostname ap1" + '\0');
+    const std::string zeros(12, '\0');
+    char buf[16] = {};
+    EXPECT_EQ(exchange([&] { EXPECT_EQ(_rgdb_get_(buf, sizeof(buf), "/sys/%s", "hostname"), 0); }, {"ap1\0"s}),
+              "\x01\x00\x0e\x00"s + zeros + "/sys/hostname\0"s);
+    EXPECT_STREQ(buf, "ap1");
+    EXPECT_EQ(exchange([] { EXPECT_EQ(_rgdb_set_("/sys/hostname", "ap1"), 0); }),
+              "\x02\x00\x12\x00"s + zeros + "/sys/hostname ap1\0"s);
 }
 
 TEST(Client, PayloadsAndCutLimits)
 {
     TempDir dir;
-    FakeServer srv(dir.sock(), {kOk});
     std::string longv(2000, 'v'), longk(1500, 'k');
     char buf[8];
     struct {
         std::function<void()> call;
-        uint16_t cmd;
+        uint16_t cmd;  // 0: refused, nothing sent
         std::string payload;
     } cases[] = {
         {on_conn([](int fd) { lrgdb_get(fd, 0, "", nullptr); }), 1, ""},
@@ -133,23 +91,18 @@ TEST(Client, PayloadsAndCutLimits)
         {on_conn([](int fd) { lrgdb_del(fd, 0, "/d"); }), 3, "/d"},
         {on_conn([](int fd) { lrgdb_reload(fd, 0, "/r"); }), 4, "/r"},
         {on_conn([](int fd) { lrgdb_dump(fd, 0, "/f"); }), 5, "/f"},
+        {on_conn([](int fd) { lrgdb_patch(fd, 0, "/p", nullptr); }), 6, "/p"},
+        {on_conn([](int fd) { lrgdb_patch_buffer(fd, 0, "/b", nullptr); }), 7, "/b"},
+        {on_conn([](int fd) { lrgdb_ephp(fd, 0, "/e", nullptr); }), 10, "/e"},
         {[] { _rgdb_set_("/k", "a  b c "); }, 2, "/k a  b c "},
         {[&] { _rgdb_get_(buf, sizeof(buf), "%s", longk.c_str()); }, 1, longk.substr(0, 1023)},
         {[] { tav_rgdb_set_digit(5, "/wlan/inf:%d/wlmode", 1); }, 2, "/wlan/inf:1/wlmode 5"},
         {[] { tav_rgdb_set_str("x y", "/a:%d/b", 2); }, 2, "/a:2/b x y"},
         {[] { binary__rgdb_set_("/s", 4294967295ul); }, 2, "/s 4294967295"},
-        {[] { binary__rgdb_set_(nullptr, 1); }, 0, ""},  // refused: nothing sent
+        {[] { binary__rgdb_set_(nullptr, 1); }, 0, ""},
     };
-    for (size_t i = 0; i < std::size(cases); i++) {
-        cases[i].call();
-        auto got = srv.requests(i + 1);
-        if (cases[i].cmd == 0) {
-            EXPECT_EQ(got.size(), i);
-            continue;
-        }
-        ASSERT_EQ(got.size(), i + 1);
-        EXPECT_EQ(got[i], request(cases[i].cmd, cases[i].payload)) << "case " << i;
-    }
+    for (size_t i = 0; i < std::size(cases); i++)
+        EXPECT_EQ(exchange(cases[i].call), cases[i].cmd ? request(cases[i].cmd, cases[i].payload) : "") << i;
 }
 
 TEST(Client, StatusReplies)
@@ -160,12 +113,11 @@ TEST(Client, StatusReplies)
         int raw, typed;
     } cases[] = {{kOk, 0, 0}, {header(2, 0, -1), -1, -1}, {header(2, 0, 7), 7, 0}, {"short", -1, -1}};
     for (auto &c : cases) {
-        FakeServer srv(dir.sock(), {c.reply});
-        on_conn([&](int fd) { EXPECT_EQ(lrgdb_set(fd, 0, "/k", "v"), c.raw); })();
-        on_conn([&](int fd) { EXPECT_EQ(lrgdb_del(fd, 0, "/k"), c.raw); })();
-        EXPECT_EQ(_rgdb_set_("/k", "v"), c.typed);
-        EXPECT_EQ(tav_rgdb_set_digit(1, "/k"), c.typed);
-        EXPECT_EQ(binary__rgdb_set_("/k", 1), 0);
+        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_set(fd, 0, "/k", "v"), c.raw); }), {c.reply});
+        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_del(fd, 0, "/k"), c.raw); }), {c.reply});
+        exchange([&] { EXPECT_EQ(_rgdb_set_("/k", "v"), c.typed); }, {c.reply});
+        exchange([&] { EXPECT_EQ(tav_rgdb_set_digit(1, "/k"), c.typed); }, {c.reply});
+        exchange([&] { EXPECT_EQ(binary__rgdb_set_("/k", 1), 0); }, {c.reply});
     }
 }
 
@@ -184,15 +136,12 @@ TEST(Client, TypedReads)
         {"", 4, "xxx\0"s},  // server hung up: still success
     };
     for (auto &c : cases) {
-        FakeServer srv(dir.sock(), {c.reply});
         std::string buf(c.size, 'x');
-        EXPECT_EQ(_rgdb_get_(buf.data(), c.size, "/k"), 0);
+        exchange([&] { EXPECT_EQ(_rgdb_get_(buf.data(), c.size, "/k"), 0); }, {c.reply});
         EXPECT_EQ(buf, c.want);
     }
-    for (auto [value, want] : {std::pair{" 42a", 42}, {"-7", -7}, {"abc", 0}, {"", 0}, {"2147483647", 2147483647}}) {
-        FakeServer srv(dir.sock(), {value + "\0"s});
-        EXPECT_EQ(rgdb_get_digit("/x/%d", 1), want) << value;
-    }
+    for (auto [value, want] : {std::pair{" 42a", 42}, {"-7", -7}, {"abc", 0}, {"", 0}, {"2147483647", 2147483647}})
+        exchange([&] { EXPECT_EQ(rgdb_get_digit("/x/%d", 1), want) << value; }, {value + "\0"s});
 }
 
 TEST(Client, DatabaseDown)
@@ -206,13 +155,12 @@ TEST(Client, DatabaseDown)
     EXPECT_EQ(tav_rgdb_set_str("v", "/k"), -1);
     EXPECT_EQ(binary__rgdb_set_("/k", 1), 0);
     EXPECT_EQ(lrgdb_open(nullptr), -1);
-    std::string err = testing::internal::GetCapturedStderr();
+    std::string err = testing::internal::GetCapturedStderr(), line = "Cound not connect to unix socket: "s + kSockName + ".\n";
     EXPECT_STREQ(buf, "keepme");
-    std::string line = "Cound not connect to unix socket: "s + kSockName + ".\n";
     EXPECT_EQ(err, line + line + line + line + line + line);
 }
 
-TEST(Client, TextRepliesAndSplitReads)
+TEST(Client, TextRepliesSplitReadsGetwbAndCloseOnExec)
 {
     TempDir dir;
     struct {
@@ -224,34 +172,22 @@ TEST(Client, TextRepliesAndSplitReads)
         {{"ab\0c"s, "d\0"s}, "ab\0cd"s},  // a NUL inside a chunk is copied
         {{"no-nul"}, "no-nul"},
     };
-    int (*const ops[])(int, uint64_t, const char *, FILE *) = {lrgdb_get, lrgdb_patch, lrgdb_patch_buffer, lrgdb_ephp};
-    const uint16_t codes[] = {1, 6, 7, 10};
     for (auto &c : cases) {
-        for (size_t op = 0; op < 4; op++) {
-            FakeServer srv(dir.sock(), c.chunks);
-            char *mem = nullptr;
-            size_t len = 0;
-            FILE *out = open_memstream(&mem, &len);
-            on_conn([&](int fd) { EXPECT_EQ(ops[op](fd, 0, "arg", out), 0); })();
-            fclose(out);
-            EXPECT_EQ(std::string(mem, len), c.want);
-            free(mem);
-            EXPECT_EQ(srv.requests().at(0), request(codes[op], "arg"));
-        }
+        char *mem = nullptr;
+        size_t len = 0;
+        FILE *out = open_memstream(&mem, &len);
+        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_get(fd, 0, "arg", out), 0); }), c.chunks);
+        fclose(out);
+        EXPECT_EQ(std::string(mem, len), c.want);
+        free(mem);
     }
-}
-
-TEST(Client, GetwbAndCloseOnExec)
-{
-    TempDir dir;
-    FakeServer srv(dir.sock(), {"value\0"s});
-    int fd = lrgdb_open(nullptr);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     char buf[4] = {'z', 'z', 'z', 'z'};
-    EXPECT_EQ(lrgdb_getwb(fd, buf, 3, "/k/%d", 7), 3);
+    exchange([&] {
+        int fd = lrgdb_open(nullptr);
+        EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+        EXPECT_EQ(lrgdb_getwb(fd, buf, 3, "/k/%d", 7), 3);
+        EXPECT_EQ(lrgdb_close(fd), 0);
+    }, {"value\0"s});
     EXPECT_EQ(std::string(buf, 4), "valz");
-    EXPECT_EQ(lrgdb_close(fd), 0);
-    EXPECT_EQ(srv.requests().at(0), request(1, "/k/7"));
     EXPECT_EQ(send_xmldb_cmd(-1, 1, 0, "x", 2), -1);
 }

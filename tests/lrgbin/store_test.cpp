@@ -7,14 +7,21 @@
 
 TEST(Store, TypedAccessMatchesTheSocketPath)
 {
+    dbtest::TempDir dir;
+    FILE *f = fopen("p", "w");
+    fputs("# c\n/a one\\ttwo\n/b\n", f);
+    fclose(f);
     lrgbin_store::clear();
+    EXPECT_TRUE(lrgbin_store::load_profile("p"));
+    EXPECT_EQ(lrgbin_store::find("/a"), "one\ttwo");
+    EXPECT_EQ(lrgbin_store::find("/b"), "");
+    EXPECT_FALSE(lrgbin_store::load_profile("nope"));
     EXPECT_EQ(tav_rgdb_set_digit(5, "/wlan/inf:%d/wlmode", 1), 0);
     EXPECT_EQ(lrgbin_store::find("/wlan/inf:1/wlmode"), "5");
     EXPECT_EQ(tav_rgdb_set_str("12", "/v"), 0);
-    char two[2] = {'x', 'x'};
+    char two[2] = {'x', 'x'}, buf[8] = "xxxxxxx";
     EXPECT_EQ(_rgdb_get_(two, 2, "/v"), 0);
     EXPECT_STREQ(two, "1");
-    char buf[8] = "xxxxxxx";
     EXPECT_EQ(_rgdb_get_(buf, 8, "/missing"), 0);
     EXPECT_STREQ(buf, "");
     EXPECT_EQ(_rgdb_set_("/k a", "b c"), 0);  // split at the first space, like the server
@@ -33,19 +40,4 @@ TEST(Store, TypedAccessMatchesTheSocketPath)
     lrgbin_store::set_online(true);
     EXPECT_EQ(lrgbin_store::find("/v"), "12");
     EXPECT_EQ(lrgbin_store::calls(), 10u);  // the refused null key is not a call
-}
-
-TEST(Store, LoadsProfiles)
-{
-    dbtest::TempDir dir;
-    lrgbin_store::clear();
-    FILE *f = fopen("p", "w");
-    fputs("# c\n/a one\\ttwo\n/b\n", f);
-    fclose(f);
-    EXPECT_TRUE(lrgbin_store::load_profile("p"));
-    EXPECT_EQ(lrgbin_store::find("/a"), "one\ttwo");
-    EXPECT_EQ(lrgbin_store::find("/b"), "");
-    std::string err;
-    EXPECT_FALSE(lrgbin_store::load_profile("nope", &err));
-    EXPECT_NE(err.find("nope"), std::string::npos);
 }

@@ -7,67 +7,33 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <string_view>
 
 namespace dbtest {
 
 constexpr const char *kSockName = "xmldb-test.sock";  // as compiled into lrgbin_testsock
 
 // A fresh directory that is also the current one while it lives.
-class TempDir {
-public:
-    TempDir()
-    {
-        char tmpl[] = "/tmp/tavc-db-XXXXXX";
-        path_ = mkdtemp(tmpl);
-        old_ = std::filesystem::current_path();
-        std::filesystem::current_path(path_);
-    }
-    ~TempDir()
-    {
-        std::filesystem::current_path(old_);
-        std::filesystem::remove_all(path_);
-    }
-    std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
+struct TempDir {
+    char path[32] = "/tmp/tavc-db-XXXXXX";
+    std::filesystem::path old = std::filesystem::current_path();
+    TempDir() { std::filesystem::current_path(mkdtemp(path)); }
+    ~TempDir() { std::filesystem::current_path(old); std::filesystem::remove_all(path); }
+    std::string file(const std::string &name) const { return path + ("/" + name); }
     std::string sock() const { return file(kSockName); }
-
-private:
-    std::string path_;
-    std::filesystem::path old_;
 };
 
-inline sockaddr_un address(const std::string &path)
-{
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-    return addr;
-}
-
-inline int connect_to(const std::string &path)
+// A connected socket, or (listening) a bound one; -1 on failure.
+inline int unix_socket(const std::string &path, bool listening = false)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr = address(path);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) < 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// A bound, listening socket (or a stale socket file, when closed at once).
-inline int listen_on(const std::string &path)
-{
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr = address(path);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) < 0 || listen(fd, 16) < 0) {
-        close(fd);
-        return -1;
-    }
+    sockaddr_un a{AF_UNIX, {}};
+    std::strncpy(a.sun_path, path.c_str(), sizeof(a.sun_path) - 1);
+    auto *sa = reinterpret_cast<sockaddr *>(&a);
+    if (listening ? bind(fd, sa, sizeof(a)) < 0 || listen(fd, 16) < 0 : connect(fd, sa, sizeof(a)) < 0)
+        return close(fd), -1;
     return fd;
 }
 
@@ -80,15 +46,12 @@ inline std::string header(uint16_t cmd, uint16_t len, int32_t status = 0)
     return h;
 }
 
-inline std::string request(uint16_t cmd, std::string_view text)
+inline std::string request(uint16_t cmd, const std::string &text)
 {
-    return header(cmd, static_cast<uint16_t>(text.size() + 1)) + std::string(text) + '\0';
+    return header(cmd, static_cast<uint16_t>(text.size() + 1)) + text + '\0';
 }
 
-inline bool send_all(int fd, std::string_view bytes)
-{
-    return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-}
+inline void send_all(int fd, const std::string &bytes) { send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
 // Everything the peer sends until it closes, or until timeout_ms of silence.
 inline std::string read_all(int fd, int timeout_ms = 3000)
@@ -96,12 +59,8 @@ inline std::string read_all(int fd, int timeout_ms = 3000)
     std::string out;
     char buf[4096];
     pollfd p{fd, POLLIN, 0};
-    while (poll(&p, 1, timeout_ms) == 1) {
-        ssize_t n = read(fd, buf, sizeof(buf));
-        if (n <= 0)
-            break;
+    for (ssize_t n; poll(&p, 1, timeout_ms) == 1 && (n = read(fd, buf, sizeof(buf))) > 0;)
         out.append(buf, static_cast<size_t>(n));
-    }
     return out;
 }
 
