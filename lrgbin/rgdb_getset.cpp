@@ -28,48 +28,47 @@ int _rgdb_get_(char *buf, int size, const char *fmt, ...)
     return r;
 }
 
+// At most 30 characters of the value, read with the key composed once.
 int rgdb_get_digit(const char *fmt, ...)
 {
-    if (!fmt)
-        return 0;
-    char key[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(key, sizeof(key), fmt, ap);
-    va_end(ap);
-
     char value[32];
     memset(value, 0, sizeof(value));
-    _rgdb_get_(value, 31, "%s", key);
+    va_list ap;
+    va_start(ap, fmt);
+    vget(value, 31, fmt, ap);
+    va_end(ap);
     return atoi(value);
+}
+
+// Composes the key (1024-byte buffer) and writes the value under it.
+static int vset(const char *value, const char *fmt, va_list ap)
+{
+    if (!fmt)
+        return -1;
+    char key[1024];
+    vsnprintf(key, sizeof(key), fmt, ap);
+    return _rgdb_set_(key, value);
 }
 
 int tav_rgdb_set_digit(int value, const char *fmt, ...)
 {
-    if (!fmt)
-        return -1;
-    char key[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(key, sizeof(key), fmt, ap);
-    va_end(ap);
-
     char text[32];
     memset(text, 0, sizeof(text));
     snprintf(text, 31, "%d", value);
-    return _rgdb_set_(key, text);
+    va_list ap;
+    va_start(ap, fmt);
+    int r = vset(text, fmt, ap);
+    va_end(ap);
+    return r;
 }
 
 int tav_rgdb_set_str(const char *value, const char *fmt, ...)
 {
-    if (!fmt)
-        return -1;
-    char key[1024];
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(key, sizeof(key), fmt, ap);
+    int r = vset(value, fmt, ap);
     va_end(ap);
-    return _rgdb_set_(key, value);
+    return r;
 }
 
 int binary__rgdb_set_(const char *key, unsigned long value)

@@ -2,7 +2,6 @@
 #include "tavc/proc.h"
 
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -10,16 +9,6 @@
 extern char **environ;
 
 int proc_system(const char *cmd) { return system(cmd); }
-
-int proc_systemf(const char *fmt, ...) {
-    char cmd[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(cmd, sizeof cmd, fmt, ap);
-    va_end(ap);
-    if (n < 0 || size_t(n) >= sizeof cmd) return -1;
-    return proc_system(cmd);
-}
 
 pid_t proc_spawn(const char *cmd) {
     pid_t pid = fork();

@@ -1,4 +1,19 @@
+// Launch helpers shared by every launcher (real or recorded).
 #include "tavc/proc.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+
+int proc_systemf(const char *fmt, ...) {
+    char cmd[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(cmd, sizeof cmd, fmt, ap);
+    va_end(ap);
+    if (n < 0 || size_t(n) >= sizeof cmd) return -1;
+    return proc_system(cmd);
+}
+
 
 int shell_quote(char *out, size_t cap, const char *value) {
     if (out == nullptr || cap == 0) return -1;

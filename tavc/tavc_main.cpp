@@ -27,29 +27,29 @@ uint8_t *time_table;
 static volatile sig_atomic_t g_terminate;
 static int g_wake[2] = {-1, -1};
 
-int init_buff() {
-    tav_tmp_server = static_cast<tav_server *>(calloc(1, sizeof(tav_server)));
-    device_info = static_cast<device_status *>(calloc(1, sizeof(device_status)));
-    time_table = static_cast<uint8_t *>(calloc(1, kTimeTableSize));
-    if (tav_tmp_server && device_info && time_table) return 0;
+// Releases the three records init_buff allocates (any of them may be null).
+static void release_records() {
     free(tav_tmp_server);
     free(device_info);
     free(time_table);
     tav_tmp_server = nullptr;
     device_info = nullptr;
     time_table = nullptr;
+}
+
+int init_buff() {
+    tav_tmp_server = static_cast<tav_server *>(calloc(1, sizeof(tav_server)));
+    device_info = static_cast<device_status *>(calloc(1, sizeof(device_status)));
+    time_table = static_cast<uint8_t *>(calloc(1, kTimeTableSize));
+    if (tav_tmp_server && device_info && time_table) return 0;
+    release_records();
     printf("%s, calloc failed\n", "init_buff");
     return -1;
 }
 
 void free_buff() {
     free_tav_server();
-    free(tav_tmp_server);
-    free(device_info);
-    free(time_table);
-    tav_tmp_server = nullptr;
-    device_info = nullptr;
-    time_table = nullptr;
+    release_records();
 }
 
 void init_manage_status() {

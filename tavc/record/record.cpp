@@ -37,16 +37,6 @@ int proc_system(const char *cmd) {
     return g_status;
 }
 
-int proc_systemf(const char *fmt, ...) {
-    char cmd[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(cmd, sizeof cmd, fmt, ap);
-    va_end(ap);
-    if (n < 0 || size_t(n) >= sizeof cmd) return -1;
-    return proc_system(cmd);
-}
-
 pid_t proc_spawn(const char *cmd) {
     g_launches.push_back({LaunchKind::Spawn, cmd ? cmd : ""});
     return g_next_pid++;
