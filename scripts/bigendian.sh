@@ -43,22 +43,7 @@ exclude='^protocol_doc_current$'
 targets=(tavc tavc_unit_tests proto_test proto_device_check lrgbin_tests lrgbin_store_tests)
 
 # --- packages ------------------------------------------------------------
-scripts/deps.sh
-pkgs=(g++-$triple qemu-user googletest)
-missing=()
-for p in "${pkgs[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if ((${#missing[@]})); then
-    if [ "$(id -u)" -ne 0 ]; then
-        echo "bigendian: missing packages: ${missing[*]} (run as root to install them)" >&2
-        exit 1
-    fi
-    echo "bigendian: installing ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+scripts/deps.sh "g++-$triple" qemu-user googletest
 
 if ((clean)); then
     rm -rf "$gtest_build" "$build"

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the lab and the tests need, only
-# when something is missing (so a prepared machine needs no network).
+# Installs the Debian packages the build, the lab and the tests need (and any
+# named as arguments), only when something is missing, so a prepared machine
+# needs no network. Usage: scripts/deps.sh [EXTRA-PACKAGE...]
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
-      iproute2 util-linux coreutils procps python3)
+      iproute2 util-linux coreutils procps python3 "$@")
 
 missing=()
 for p in "${pkgs[@]}"; do
