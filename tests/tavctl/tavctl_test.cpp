@@ -1,196 +1,267 @@
-// The tavctl program against a stand-in device on loopback UDP: output
-// forms, exit statuses, password sources.
+// The client library and the tavctl program against a stand-in device on
+// loopback UDP (and raw frames on lo): cipher binding, reply matching, kept
+// messages, error texts, output forms and exit statuses.
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <fstream>
+#include <functional>
+#include <mutex>
+#include <thread>
 
-#include "fake_device.h"
-
-extern char **environ;
+#include "tools/client/client.h"
 
 namespace {
 
 using namespace tav;
 using namespace tav::client;
-using test::FakeDevice;
-using test::make_reply;
+using namespace std::chrono_literals;
+using Bytes = std::vector<uint8_t>;
+
+Bytes seal(const Cipher &c, const Bytes &plain) {
+    auto s = c.encode(plain).value();
+    Bytes out{uint8_t(s.selector >> 8), uint8_t(s.selector)};
+    out.insert(out.end(), s.ciphertext.begin(), s.ciphertext.end());
+    return out;
+}
+
+// Plaintext of an IPv4-form reply to `req`.
+Bytes reply(const Message &req, uint16_t result, const TlvList &tlvs, int sequence_delta = 0) {
+    Bytes out = build_request(true, uint16_t(req.header->sequence + sequence_delta), req.header->op_code, kZeroMac,
+                              req.src_ip, tlvs);
+    put_be16(out.data(), kMsgIpv4Reply);
+    put_be16(out.data() + 16, result);
+    return out;
+}
+
+// Deciphers each request and answers the plaintexts `handler` returns.
+class FakeDevice {
+  public:
+    explicit FakeDevice(std::function<std::vector<Bytes>(const Message &)> handler) : handler_(std::move(handler)) {}
+    ~FakeDevice() {
+        stop_ = true;
+        thread_.join();
+    }
+    uint16_t port() const { return in_->local_port(); }
+    std::vector<Message> requests() {
+        std::lock_guard g(mu_);
+        return seen_;
+    }
+
+  private:
+    void run() {
+        while (!stop_) {
+            auto d = in_->receive(Clock::now() + 20ms);
+            auto plain = d ? cipher_.decode(get_be16(d->payload.data()), std::span(d->payload).subspan(2)) : Bytes{};
+            if (!plain || plain->empty()) continue;
+            Message req = parse_message(*plain);
+            req.src_ip = d->src_ip;
+            {
+                std::lock_guard g(mu_);
+                seen_.push_back(req);
+            }
+            auto out = UdpTransport::open("127.0.0.1", d->src_port).value();
+            for (const auto &r : req.header ? handler_(req) : std::vector<Bytes>{}) (void)out->send(seal(cipher_, r));
+        }
+    }
+    std::function<std::vector<Bytes>(const Message &)> handler_;
+    Cipher cipher_ = Cipher::load(TEST_CIPHER).value();
+    std::unique_ptr<UdpTransport> in_ = UdpTransport::open("127.0.0.1").value();
+    std::atomic<bool> stop_{false};
+    std::mutex mu_;
+    std::vector<Message> seen_;
+    std::thread thread_{[this] { run(); }};
+};
+
+Options udp_options(uint16_t port) {
+    Options o = Options::over_udp("127.0.0.1", "", TEST_CIPHER);
+    o.port = port;
+    o.sequence = 0x4242;
+    return o;
+}
+
+TEST(Client, CipherAndPathErrorsNameTheCause) {
+    auto missing = Cipher::load("/nonexistent/TAV_Auth.so");
+    EXPECT_NE(missing.error().find("/nonexistent/TAV_Auth.so: cannot open shared object file: No such file"),
+              std::string::npos) << missing.error();
+    EXPECT_NE(Cipher::load("libm.so.6").error().find("TAV_encode"), std::string::npos);  // loads, but no cipher
+    EXPECT_THROW(Client(Options::raw("lo", "", "/nonexistent.so")), ClientError);
+    auto both = Options::raw("lo", "", TEST_CIPHER);
+    both.udp = "127.0.0.1";
+    EXPECT_FALSE(Client::open(both));
+    const std::pair<Options, const char *> cases[] = {
+        {Options::raw("tavnoif0", "", TEST_CIPHER), "no such network interface \"tavnoif0\""},
+        {Options::over_udp("192.0.2", "", TEST_CIPHER), "not an IPv4 address"},
+        {Options::over_udp("127.0.0.1", "tav-no-such-ns", TEST_CIPHER), "network namespace"},
+    };
+    for (const auto &[o, says] : cases) EXPECT_NE(Client::open(o).error().find(says), std::string::npos) << says;
+}
+
+TEST(Client, RequestCollectsMatchingRepliesKeepsTheRestAndStopsAtMax) {
+    FakeDevice dev([](const Message &req) {
+        if (req.op_code() == kOpUserVerification) return std::vector<Bytes>{reply(req, 64, {}), reply(req, 0, {})};
+        return std::vector<Bytes>{reply(req, 0, {}, 1),  // other sequence
+                           reply(req, 0, {tlv_text(kTagVendor, "Quelbo"), tlv_u16(kTagWebPort, 80)})};
+    });
+    Client c(udp_options(dev.port()));
+    auto replies = c.request(kOpDiscovery, {}, 300ms).value();
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].header->sequence, 0x4242);
+    EXPECT_EQ(replies[0].text(kTagVendor), "Quelbo");
+    EXPECT_EQ(replies[0].u16(kTagWebPort), 80);
+    EXPECT_FALSE(replies[0].u8(kTagWebPort));  // wrong size
+    auto rest = c.receive_all(50ms);           // the stray reply was kept, not lost
+    ASSERT_EQ(rest.size(), 1u);
+    EXPECT_EQ(rest[0].header->sequence, 0x4243);
+
+    auto start = Clock::now();
+    auto r = c.request_one(kOpUserVerification, {tlv_u8(kTagServerPrecedence, 5), tlv_text(kTagUserName, "ad")}, 2s);
+    EXPECT_LT(Clock::now() - start, 1500ms);  // did not wait out the window
+    EXPECT_EQ(r.value().result(), 64);
+    auto seen = dev.requests();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(std::tuple(seen[0].header->msg_type, seen[0].header->target_mac, seen[0].header->target_ip),
+              std::tuple(kMsgIpv4Request, kZeroMac, std::array<uint8_t, 4>{}));
+    EXPECT_EQ(seen[1].u8(kTagServerPrecedence), 5);
+    EXPECT_EQ(seen[1].text(kTagUserName), "ad");
+}
+
+TEST(Client, SilenceAnnouncementsAndUndecodable) {
+    FakeDevice dev([](const Message &req) {
+        if (req.op_code() != kOpHello) return std::vector<Bytes>{};
+        auto a = reply(req, 0, {});
+        put_be16(a.data(), kMsgAnnounce);
+        return std::vector<Bytes>{a, {1, 2, 3}};  // an announcement and a short plaintext
+    });
+    Client c(udp_options(dev.port()));
+    EXPECT_NE(c.request_one(kOpDiscovery, {}, 100ms).error().find("no reply"), std::string::npos);
+    ASSERT_TRUE(c.request(kOpHello, {}, 100ms).value().empty());
+    auto all = c.receive_all(50ms);
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_TRUE(all[0].is_announcement());
+    EXPECT_FALSE(all[1].header);  // raw plaintext still exposed
+    EXPECT_EQ(all[1].plaintext, (Bytes{1, 2, 3}));
+    EXPECT_EQ(c.undecodable(), 1u);
+}
+
+// Raw Ethernet needs CAP_NET_RAW; loopback keeps the frames on this host.
+TEST(Client, RawRequestAndReplyOverLoopback) {
+    if (geteuid() != 0) GTEST_SKIP() << "raw sockets need root";
+    auto dev = RawTransport::open("lo").value();
+    auto cipher = Cipher::load(TEST_CIPHER).value();
+    Options o = Options::raw("lo", "", TEST_CIPHER);
+    o.sequence = 0x0101;
+    o.source_mac = Mac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xaa};  // a second manager
+    Client c(o);
+    ASSERT_TRUE(c.send_request(kOpBye, {}));
+    std::optional<Message> req;
+    for (auto end = Clock::now() + 1s; !req || req->msg_type() != kMsgL2Request;) {
+        auto d = dev->receive(end);
+        ASSERT_TRUE(d) << "no request frame";
+        auto plain = cipher.decode(get_be16(d->payload.data()), std::span(d->payload).subspan(2));
+        if (plain) req = parse_message(*plain), req->src_mac = d->src_mac;
+    }
+    EXPECT_EQ(std::tuple(req->header->sequence, req->header->target_mac, req->src_mac),
+              std::tuple(0x0101, kBroadcastMac, *o.source_mac));
+    // Answer as a device: broadcast, addressed to the requester's MAC.
+    auto answer = build_request(false, 0x0101, kOpBye, *o.source_mac, {}, {});
+    put_be16(answer.data(), kMsgL2Reply);
+    ASSERT_TRUE(dev->send(seal(cipher, answer)));
+    EXPECT_EQ(c.collect(0x0101, kOpBye, 1s, 1).size(), 1u);
+}
 
 struct Run {
-    int status = -1;
+    int status;
     std::string out, err;
 };
 
-std::string slurp(const std::string &path) {
-    std::ifstream f(path);
-    return std::string(std::istreambuf_iterator<char>(f), {});
-}
-
-// Runs tavctl with `args`; `env` entries are added to the environment.
-Run tavctl(const std::vector<std::string> &args, const std::vector<std::string> &env = {}) {
-    static int n = 0;
-    std::string base = ::testing::TempDir() + "tavctl_" + std::to_string(getpid()) + "_" +
-                       std::to_string(n++);
-    std::string out = base + ".out", err = base + ".err";
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    std::vector<std::string> all{TAVCTL};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (auto &a : all) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> envs;
-    for (char **e = environ; *e; ++e)
-        if (std::string_view(*e).rfind("TAVCTL_PASSWORD=", 0) != 0) envs.push_back(*e);
-    envs.insert(envs.end(), env.begin(), env.end());
-    std::vector<char *> envp;
-    for (auto &e : envs) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    // setsid: no controlling terminal, so the password prompt cannot block.
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
-    pid_t pid;
-    Run r;
-    if (posix_spawn(&pid, TAVCTL, &fa, &attr, argv.data(), envp.data()) == 0) {
-        int st = 0;
-        waitpid(pid, &st, 0);
-        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    }
-    posix_spawn_file_actions_destroy(&fa);
-    posix_spawnattr_destroy(&attr);
-    r.out = slurp(out);
-    r.err = slurp(err);
-    std::remove(out.c_str());
-    std::remove(err.c_str());
+// No terminal (setsid) and no password in the environment unless given.
+Run tavctl(const std::string &args, const std::string &env = "") {
+    const std::string err = ::testing::TempDir() + "tavctl_err_" + std::to_string(getpid());
+    FILE *p = popen(("env -u TAVCTL_PASSWORD " + env + " setsid -w " TAVCTL " " + args + " </dev/null 2>" + err).c_str(), "r");
+    Run r{-1, {}, {}};
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    std::ifstream f(err);
+    r.err.assign(std::istreambuf_iterator<char>(f), {});
     return r;
 }
 
-std::vector<std::string> udp(const FakeDevice &d, std::vector<std::string> rest) {
-    std::vector<std::string> a{"--udp", "127.0.0.1", "--port", std::to_string(d.port()),
-                               "--cipher", TEST_CIPHER, "--timeout", "0.3"};
-    a.insert(a.end(), rest.begin(), rest.end());
-    return a;
+std::string udp(const FakeDevice &d, const std::string &rest) {
+    return "--udp 127.0.0.1 --port " + std::to_string(d.port()) + " --cipher " TEST_CIPHER " --timeout 0.3 " + rest;
 }
 
-std::vector<std::vector<uint8_t>> discovery_answer(const Message &req) {
-    if (req.op_code() != kOpDiscovery) return {};
-    return {make_reply(req, 0,
-                       {tlv_text(kTagVendor, "Quelbo"), tlv_text(kTagModelName, "AP-9 A1"),
-                        tlv_text(kTagHostName, "AP-9"), tlv_text(kTagFirmwareVersion, "1.0.2"),
-                        tlv_mac(kTagMac, Mac{0x02, 0x7a, 0x76, 0x00, 0x00, 0x01}),
-                        tlv_text(kTagSystemName, "lab ap"),
-                        tlv_ipv4(kTagIpAddress, {192, 0, 2, 11}), tlv_u16(kTagWebPort, 8080)})};
-}
-
-TEST(Tavctl, DiscoverJsonIsAnArrayEvenOfOne) {
-    FakeDevice dev(TEST_CIPHER, discovery_answer);
-    auto r = tavctl(udp(dev, {"--json", "discover"}));
+TEST(Tavctl, DiscoverJsonIsAnArrayEvenOfOneAndNoReplyIsStatus3) {
+    FakeDevice dev([](const Message &req) {
+        return std::vector<Bytes>{reply(req, 0, {tlv_text(kTagModelName, "AP-9 A1"), tlv_mac(kTagMac, Mac{2, 0x7a, 0x76, 0, 0, 1}),
+                                          tlv_ipv4(kTagIpAddress, {192, 0, 2, 11}), tlv_u16(kTagWebPort, 8080)})};
+    });
+    auto r = tavctl(udp(dev, "--json discover"));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.rfind("[\n  {", 0), 0u) << r.out;
-    EXPECT_NE(r.out.find("\"mac\": \"02:7a:76:00:00:01\""), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"ip\": \"192.0.2.11\""), std::string::npos);
-    EXPECT_NE(r.out.find("\"web_port\": 8080"), std::string::npos);
-    EXPECT_NE(r.out.find("\"system_name\": \"lab ap\""), std::string::npos);
     EXPECT_EQ(r.out.substr(r.out.size() - 6), "  }\n]\n");
-    EXPECT_EQ(r.out.find("\"mac\"", r.out.find("\"mac\"") + 1), std::string::npos);  // one object
-
-    auto table = tavctl(udp(dev, {"discover"}));
-    ASSERT_EQ(table.status, 0) << table.err;
-    EXPECT_EQ(table.out.rfind("MAC", 0), 0u);
+    for (const char *field : {"\"mac\": \"02:7a:76:00:00:01\"", "\"ip\": \"192.0.2.11\"", "\"web_port\": 8080"})
+        EXPECT_NE(r.out.find(field), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("{", 5), std::string::npos) << r.out;  // one object
+    auto table = tavctl(udp(dev, "discover"));
     EXPECT_NE(table.out.find("02:7a:76:00:00:01  192.0.2.11"), std::string::npos) << table.out;
-    EXPECT_NE(table.out.find("AP-9 A1"), std::string::npos);
-}
 
-TEST(Tavctl, NoReplyExitStatus) {
-    FakeDevice dev(TEST_CIPHER, [](const Message &) { return std::vector<std::vector<uint8_t>>{}; });
-    auto r = tavctl(udp(dev, {"--json", "discover"}));
-    EXPECT_EQ(r.status, 3);
-    EXPECT_EQ(r.out, "[]\n");
-    EXPECT_NE(r.err.find("no reply"), std::string::npos) << r.err;
-    EXPECT_EQ(tavctl(udp(dev, {"hello"})).status, 3);
+    FakeDevice mute([](const Message &) { return std::vector<Bytes>{}; });
+    auto none = tavctl(udp(mute, "--json discover"));
+    EXPECT_EQ(std::tuple(none.status, none.out), std::tuple(3, "[]\n"));
+    EXPECT_NE(none.err.find("no reply"), std::string::npos) << none.err;
+    EXPECT_EQ(tavctl(udp(mute, "hello")).status, 3);
 }
 
 TEST(Tavctl, RawPrintsTypedTlvsAndResultStatus) {
-    FakeDevice dev(TEST_CIPHER, [](const Message &req) {
+    FakeDevice dev([](const Message &req) {
         if (req.op_code() == kOpSetSnmp)
-            return std::vector<std::vector<uint8_t>>{make_reply(
-                req, 2002, {tlv_u32(393, 0), tlv_u32(394, 20), {395, {2, 0, 0, 0}}})};
-        return std::vector<std::vector<uint8_t>>{make_reply(req, 0, req.tlvs)};  // echo
+            return std::vector<Bytes>{reply(req, 2002, {tlv_u32(394, 20), {395, {2, 0, 0, 0}}})};
+        return std::vector<Bytes>{reply(req, 0, req.tlvs)};  // echo
     });
-    auto r = tavctl(udp(dev, {"raw", "tav_set_snmp_configuration", "--tlv", "SNMP_ROCOMM=x"}));
+    auto r = tavctl(udp(dev, "raw tav_set_snmp_configuration --tlv SNMP_ROCOMM=x"));
     EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_NE(r.out.find("result 2002 some SNMP items refused"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("SNMP_ERROR_MASK            2"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("WAIT_TIME                  20"), std::string::npos) << r.out;
-    ASSERT_EQ(dev.requests().size(), 1u);
-    EXPECT_EQ(dev.requests()[0].text(kTagSnmpRocomm), "x");
-
-    auto echo = tavctl(udp(dev, {"--json", "raw", "0x103", "--tlv", "54=u8:5", "--tlv",
-                                 "DELAY_TIME=30", "--tlv", "999=x:0a0b"}));
+    for (const char *line : {"result 2002 some SNMP items refused", "SNMP_ERROR_MASK            2",
+                             "WAIT_TIME                  20"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
+    EXPECT_EQ(dev.requests().at(0).text(kTagSnmpRocomm), "x");
+    auto echo = tavctl(udp(dev, "--json raw 0x103 --tlv 54=u8:5 --tlv DELAY_TIME=30 --tlv 999=x:0a0b"));
     ASSERT_EQ(echo.status, 0) << echo.err;
-    EXPECT_NE(echo.out.find("\"name\": \"SERVER_PRECEDENCE\""), std::string::npos) << echo.out;
-    EXPECT_NE(echo.out.find("\"value\": 30"), std::string::npos);
-    EXPECT_NE(echo.out.find("\"name\": null"), std::string::npos);
-    EXPECT_NE(echo.out.find("\"hex\": \"0a0b\""), std::string::npos);
-
-    auto bad = tavctl(udp(dev, {"raw", "0xA1", "--tlv", "54=300"}));
+    for (const char *field : {"\"name\": \"SERVER_PRECEDENCE\"", "\"value\": 30", "\"name\": null", "\"hex\": \"0a0b\""})
+        EXPECT_NE(echo.out.find(field), std::string::npos) << echo.out;
+    auto bad = tavctl(udp(dev, "raw 0xA1 --tlv 54=300"));
     EXPECT_EQ(bad.status, 2);
     EXPECT_NE(bad.err.find("0 to 255"), std::string::npos);
 }
 
-TEST(Tavctl, VerifyPasswordSources) {
-    FakeDevice dev(TEST_CIPHER, [](const Message &req) {
+TEST(Tavctl, VerifyPasswordSourcesAndSetupErrors) {
+    FakeDevice dev([](const Message &req) {
         bool ok = req.text(kTagUserName) == "admin" && req.text(kTagPassword) == "s3cr%t";
-        return std::vector<std::vector<uint8_t>>{
-            ok ? make_reply(req, 0, {{kTagVerification, {1, 0, 0, 0}}}) : make_reply(req, 64, {})};
+        return std::vector<Bytes>{ok ? reply(req, 0, {{kTagVerification, {1, 0, 0, 0}}}) : reply(req, 64, {})};
     });
-    std::string pwfile = ::testing::TempDir() + "tavctl_pw_" + std::to_string(getpid());
-    std::ofstream(pwfile) << "s3cr%t\nsecond line ignored\n";
-
-    auto ok = tavctl(udp(dev, {"verify", "--user", "admin", "--password-file", pwfile,
-                               "--precedence", "7"}));
+    const std::string pw = ::testing::TempDir() + "tavctl_pw_" + std::to_string(getpid());
+    std::ofstream(pw) << "s3cr%t\nsecond line ignored\n";
+    auto ok = tavctl(udp(dev, "verify --user admin --precedence 7 --password-file " + pw));
     EXPECT_EQ(ok.status, 0) << ok.err;
     EXPECT_NE(ok.out.find("credentials accepted"), std::string::npos) << ok.out;
     EXPECT_EQ(dev.requests().back().u8(kTagServerPrecedence), 7);
-
-    auto env = tavctl(udp(dev, {"verify", "--user", "admin"}), {"TAVCTL_PASSWORD=wrong"});
+    auto env = tavctl(udp(dev, "verify --user admin"), "TAVCTL_PASSWORD=wrong");
     EXPECT_EQ(env.status, 1);
     EXPECT_NE(env.out.find("64 authentication failed"), std::string::npos) << env.out;
-    EXPECT_FALSE(dev.requests().back().find(kTagServerPrecedence));
+    EXPECT_NE(tavctl(udp(dev, "verify --user admin")).err.find("no password"), std::string::npos);
+    EXPECT_EQ(tavctl(udp(dev, "verify --user admin --password x")).status, 2);  // never on the command line
+    std::remove(pw.c_str());
 
-    auto none = tavctl(udp(dev, {"verify", "--user", "admin"}));  // no tty, no file, no env
-    EXPECT_EQ(none.status, 2);
-    EXPECT_NE(none.err.find("no password"), std::string::npos) << none.err;
-    EXPECT_EQ(tavctl(udp(dev, {"verify", "--user", "admin", "--password", "x"})).status, 2);
-    std::remove(pwfile.c_str());
-}
-
-TEST(Tavctl, FunctionsListsNamesAndSetupErrorsHaveTheirStatus) {
-    FakeDevice dev(TEST_CIPHER, [](const Message &req) {
-        return std::vector<std::vector<uint8_t>>{
-            make_reply(req, 0, {tlv_u16(500, 0x00A0), tlv_u16(500, 0x200C), tlv_u16(501, 0)})};
-    });
-    auto r = tavctl(udp(dev, {"functions"}));
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "0x00A0  tav_report\n0x200C  tav_set_ap_array_member_list\n");
-
-    auto cipher = tavctl({"--udp", "127.0.0.1", "--cipher", "/nonexistent/c.so", "discover"});
+    auto cipher = tavctl("--udp 127.0.0.1 --cipher /nonexistent/c.so discover");
     EXPECT_EQ(cipher.status, 4);
     EXPECT_NE(cipher.err.find("cannot load cipher library"), std::string::npos);
-    auto iface = tavctl({"--iface", "tavnoif0", "--cipher", TEST_CIPHER, "discover"});
+    auto iface = tavctl("--iface tavnoif0 --cipher " TEST_CIPHER " discover");
     EXPECT_EQ(iface.status, 5);
     EXPECT_NE(iface.err.find("no such network interface"), std::string::npos) << iface.err;
-    EXPECT_EQ(tavctl({"discover"}).status, 2);  // no path
-    EXPECT_EQ(tavctl({"--help"}).status, 0);
-    EXPECT_EQ(tavctl({"frobnicate", "--udp", "127.0.0.1"}).status, 2);
+    EXPECT_EQ(tavctl("discover").status, 2);  // no path
+    EXPECT_EQ(tavctl("frobnicate --udp 127.0.0.1").status, 2);
 }
 
 }  // namespace
