@@ -1,6 +1,7 @@
 // The in-process store gives the typed functions the socket path's results.
 #include <gtest/gtest.h>
 
+#include "lrgbin/lrgbin.h"
 #include "lrgbin/rgdb_getset.h"
 #include "lrgbin/rgdb_store.h"
 #include "support.h"
@@ -8,9 +9,7 @@
 TEST(Store, TypedAccessMatchesTheSocketPath)
 {
     dbtest::TempDir dir;
-    FILE *f = fopen("p", "w");
-    fputs("# c\n/a one\\ttwo\n/b\n", f);
-    fclose(f);
+    lrgbin_system("printf '# c\\n/a one\\\\ttwo\\n/b\\n' > p");
     lrgbin_store::clear();
     EXPECT_TRUE(lrgbin_store::load_profile("p"));
     EXPECT_EQ(lrgbin_store::find("/a"), "one\ttwo");

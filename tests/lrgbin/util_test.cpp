@@ -44,16 +44,10 @@ TEST(Text, LinesDaysAndWhiteSpace)
         EXPECT_EQ(lrgbin_get_line_from_file(in, strip), nullptr);
         fclose(in);
     }
-    struct {
-        int first, last;
-        const char *want;
-    } days[] = {
-        {1, 3, "Mon,Tue,Wed"}, {5, 1, "Fri,Sat,Sun,Mon"}, {2, 2, "Tue"},
-        {6, 5, "Sat,Sun,Mon,Tue,Wed,Thu,Fri"}, {8, 13, "Mon,Tue,Wed,Thu,Fri,Sat"},
-        {0, 3, "Mon,Tue,Wed,Thu,Fri,Sat"}, {4, 7, "Mon,Tue,Wed,Thu,Fri,Sat"},  // unchanged
-    };
-    for (auto &c : days)
-        EXPECT_STREQ(lrgbin_getdaystring(c.first, c.last), c.want) << c.first << ".." << c.last;
+    for (auto [first, last, want] : {std::tuple{1, 3, "Mon,Tue,Wed"}, {5, 1, "Fri,Sat,Sun,Mon"}, {2, 2, "Tue"},
+                                     {6, 5, "Sat,Sun,Mon,Tue,Wed,Thu,Fri"}, {8, 13, "Mon,Tue,Wed,Thu,Fri,Sat"},
+                                     {0, 3, "Mon,Tue,Wed,Thu,Fri,Sat"}, {4, 7, "Mon,Tue,Wed,Thu,Fri,Sat"}})  // unchanged
+        EXPECT_STREQ(lrgbin_getdaystring(first, last), want) << first << ".." << last;
     char s[] = " \t a b \t ", blank[] = " \t";
     EXPECT_STREQ(lrgbin_eatwhite(s), "a b \t ");
     EXPECT_EQ(lrgbin_reatwhite(s), 'b');
@@ -64,18 +58,11 @@ TEST(Text, LinesDaysAndWhiteSpace)
 
 TEST(Shell, RunShellSystemAndCliGetVal)
 {
-    struct {
-        const char *cmd;
-        int size;
-        const char *want;
-    } cases[] = {
-        {"printf 'abc\\n'", 16, "abc"}, {"printf 'two\\n\\n'", 16, "two\n"}, {"printf abcdefgh", 5, "abcd"},
-        {"printf 'abc\\n'", 4, "abc"}, {"true", 8, ""},
-    };
-    for (auto &c : cases) {
+    for (auto [cmd, size, want] : {std::tuple{"printf 'abc\\n'", 16, "abc"}, {"printf 'two\\n\\n'", 16, "two\n"},
+                                   {"printf abcdefgh", 5, "abcd"}, {"printf 'abc\\n'", 4, "abc"}, {"true", 8, ""}}) {
         char buf[16];
-        EXPECT_EQ(lrgbin_run_shell(buf, c.size, "%s", c.cmd), 0);
-        EXPECT_STREQ(buf, c.want) << c.cmd;
+        EXPECT_EQ(lrgbin_run_shell(buf, size, "%s", cmd), 0);
+        EXPECT_STREQ(buf, want) << cmd;
     }
     int st = lrgbin_system("exit %d", 3);
     EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 3);
