@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <set>
 #include <vector>
 
@@ -44,8 +45,7 @@ struct Lib {
 
 Bytes pattern(size_t n) {
     Bytes v(n);
-    for (size_t i = 0; i < n; ++i) v[i] = uint8_t(i * 7 + 3);
-    return v;
+    return std::iota(v.begin(), v.end(), uint8_t(3)), v;
 }
 
 TEST(Cipher, RoundTripsAnnouncesSizesAndRefusesShortAreas) {

@@ -20,8 +20,7 @@ const std::string kOk = header(2, 0, 0);
 
 // Runs `call` against a server that takes one connection (if one comes within
 // a second) and answers `reply` in pieces 30 ms apart; returns what it received.
-std::string exchange(const std::function<void()> &call, const std::vector<std::string> &reply = {kOk})
-{
+std::string exchange(const std::function<void()> &call, const std::vector<std::string> &reply = {kOk}) {
     int lfd = unix_socket(kSockName, true);
     std::string req;
     std::thread srv([&] {
@@ -52,8 +51,7 @@ std::string exchange(const std::function<void()> &call, const std::vector<std::s
 }
 
 // Runs one client operation on a fresh connection of the compiled-in path.
-std::function<void()> on_conn(std::function<void(int)> op)
-{
+std::function<void()> on_conn(std::function<void(int)> op) {
     return [op] {
         int fd = lrgdb_open(nullptr);
         op(fd);
@@ -63,8 +61,7 @@ std::function<void()> on_conn(std::function<void(int)> op)
 
 }  // namespace
 
-TEST(Client, ExampleExchangesByteForByte)
-{
+TEST(Client, ExampleExchangesByteForByte) {
     TempDir dir;
     const std::string zeros(12, '\0');
     char buf[16] = {};
@@ -75,8 +72,7 @@ TEST(Client, ExampleExchangesByteForByte)
               "\x02\x00\x12\x00"s + zeros + "/sys/hostname ap1\0"s);
 }
 
-TEST(Client, PayloadsAndCutLimits)
-{
+TEST(Client, PayloadsAndCutLimits) {
     TempDir dir;
     std::string longv(2000, 'v'), longk(1500, 'k');
     char buf[8];
@@ -105,47 +101,31 @@ TEST(Client, PayloadsAndCutLimits)
         EXPECT_EQ(exchange(cases[i].call), cases[i].cmd ? request(cases[i].cmd, cases[i].payload) : "") << i;
 }
 
-TEST(Client, StatusReplies)
-{
+TEST(Client, StatusReplies) {
     TempDir dir;
-    struct {
-        std::string reply;
-        int raw, typed;
-    } cases[] = {{kOk, 0, 0}, {header(2, 0, -1), -1, -1}, {header(2, 0, 7), 7, 0}, {"short", -1, -1}};
-    for (auto &c : cases) {
-        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_set(fd, 0, "/k", "v"), c.raw); }), {c.reply});
-        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_del(fd, 0, "/k"), c.raw); }), {c.reply});
-        exchange([&] { EXPECT_EQ(_rgdb_set_("/k", "v"), c.typed); }, {c.reply});
-        exchange([&] { EXPECT_EQ(tav_rgdb_set_digit(1, "/k"), c.typed); }, {c.reply});
-        exchange([&] { EXPECT_EQ(binary__rgdb_set_("/k", 1), 0); }, {c.reply});
+    // reply; what the raw calls return; what the typed ones return
+    for (auto [reply, raw, typed] :
+         {std::tuple{kOk, 0, 0}, {header(2, 0, -1), -1, -1}, {header(2, 0, 7), 7, 0}, {"short", -1, -1}}) {
+        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_set(fd, 0, "/k", "v"), raw); }), {reply});
+        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_del(fd, 0, "/k"), raw); }), {reply});
+        exchange([&] { EXPECT_EQ(_rgdb_set_("/k", "v"), typed); }, {reply});
+        exchange([&] { EXPECT_EQ(tav_rgdb_set_digit(1, "/k"), typed); }, {reply});
     }
 }
 
-TEST(Client, TypedReads)
-{
+TEST(Client, TypedReads) {
     TempDir dir;
-    std::string forty(40, 'q');
-    struct {
-        std::string reply;
-        int size;
-        std::string want;  // the whole buffer afterwards, prefilled with 'x'
-    } cases[] = {
-        {"12\0"s, 2, "1\0"s},
-        {forty + '\0', 32, forty.substr(0, 31) + '\0'},
-        {"ab\0"s, 8, "ab\0xxxx\0"s},
-        {"", 4, "xxx\0"s},  // server hung up: still success
-    };
-    for (auto &c : cases) {
-        std::string buf(c.size, 'x');
-        exchange([&] { EXPECT_EQ(_rgdb_get_(buf.data(), c.size, "/k"), 0); }, {c.reply});
-        EXPECT_EQ(buf, c.want);
+    // reply; buffer size; the whole buffer afterwards, prefilled with 'x' (no reply: still success)
+    for (auto [reply, size, want] : {std::tuple{"12\0"s, 2, "1\0"s}, {"ab\0"s, 8, "ab\0xxxx\0"s}, {"", 4, "xxx\0"s}}) {
+        std::string buf(size, 'x');
+        exchange([&] { EXPECT_EQ(_rgdb_get_(buf.data(), size, "/k"), 0); }, {reply});
+        EXPECT_EQ(buf, want);
     }
     for (auto [value, want] : {std::pair{" 42a", 42}, {"-7", -7}, {"abc", 0}, {"", 0}, {"2147483647", 2147483647}})
         exchange([&] { EXPECT_EQ(rgdb_get_digit("/x/%d", 1), want) << value; }, {value + "\0"s});
 }
 
-TEST(Client, DatabaseDown)
-{
+TEST(Client, DatabaseDown) {
     TempDir dir;
     char buf[8] = "keepme";
     testing::internal::CaptureStderr();
@@ -160,25 +140,17 @@ TEST(Client, DatabaseDown)
     EXPECT_EQ(err, line + line + line + line + line + line);
 }
 
-TEST(Client, TextRepliesSplitReadsGetwbAndCloseOnExec)
-{
+TEST(Client, TextRepliesSplitReadsGetwbAndCloseOnExec) {
     TempDir dir;
-    struct {
-        std::vector<std::string> chunks;
-        std::string want;
-    } cases[] = {
-        {{"xyz\0"s}, "xyz"},
-        {{"abc", "def\0"s}, "abcdef"},
-        {{"ab\0c"s, "d\0"s}, "ab\0cd"s},  // a NUL inside a chunk is copied
-        {{"no-nul"}, "no-nul"},
-    };
-    for (auto &c : cases) {
+    using Chunks = std::vector<std::string>;  // a NUL inside a chunk is copied; the last one ends the text
+    for (auto [chunks, want] : {std::pair{Chunks{"xyz\0"s}, "xyz"s}, {{"abc", "def\0"s}, "abcdef"},
+                                {{"ab\0c"s, "d\0"s}, "ab\0cd"s}, {{"no-nul"}, "no-nul"}}) {
         char *mem = nullptr;
         size_t len = 0;
         FILE *out = open_memstream(&mem, &len);
-        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_get(fd, 0, "arg", out), 0); }), c.chunks);
+        exchange(on_conn([&](int fd) { EXPECT_EQ(lrgdb_get(fd, 0, "arg", out), 0); }), chunks);
         fclose(out);
-        EXPECT_EQ(std::string(mem, len), c.want);
+        EXPECT_EQ(std::string(mem, len), want);
         free(mem);
     }
     char buf[4] = {'z', 'z', 'z', 'z'};

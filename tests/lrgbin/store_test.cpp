@@ -6,8 +6,7 @@
 #include "lrgbin/rgdb_store.h"
 #include "support.h"
 
-TEST(Store, TypedAccessMatchesTheSocketPath)
-{
+TEST(Store, TypedAccessMatchesTheSocketPath) {
     dbtest::TempDir dir;
     lrgbin_system("printf '# c\\n/a one\\\\ttwo\\n/b\\n' > p");
     lrgbin_store::clear();

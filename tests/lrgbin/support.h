@@ -26,8 +26,7 @@ struct TempDir {
 };
 
 // A connected socket, or (listening) a bound one; -1 on failure.
-inline int unix_socket(const std::string &path, bool listening = false)
-{
+inline int unix_socket(const std::string &path, bool listening = false) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un a{AF_UNIX, {}};
     std::strncpy(a.sun_path, path.c_str(), sizeof(a.sun_path) - 1);
@@ -37,8 +36,7 @@ inline int unix_socket(const std::string &path, bool listening = false)
     return fd;
 }
 
-inline std::string header(uint16_t cmd, uint16_t len, int32_t status = 0)
-{
+inline std::string header(uint16_t cmd, uint16_t len, int32_t status = 0) {
     std::string h(16, '\0');
     std::memcpy(h.data(), &cmd, 2);
     std::memcpy(h.data() + 2, &len, 2);
@@ -46,16 +44,14 @@ inline std::string header(uint16_t cmd, uint16_t len, int32_t status = 0)
     return h;
 }
 
-inline std::string request(uint16_t cmd, const std::string &text)
-{
+inline std::string request(uint16_t cmd, const std::string &text) {
     return header(cmd, static_cast<uint16_t>(text.size() + 1)) + text + '\0';
 }
 
 inline void send_all(int fd, const std::string &bytes) { send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
 // Everything the peer sends until it closes, or until timeout_ms of silence.
-inline std::string read_all(int fd, int timeout_ms = 3000)
-{
+inline std::string read_all(int fd, int timeout_ms = 3000) {
     std::string out;
     char buf[4096];
     pollfd p{fd, POLLIN, 0};

@@ -8,8 +8,7 @@
 #include "lrgbin/rgdb_getset.h"
 #include "support.h"
 
-TEST(PointerArray, GrowsByItsStepAndReleasesOwnedItems)
-{
+TEST(PointerArray, GrowsByItsStepAndReleasesOwnedItems) {
     lrgbin_pa pa;
     int marker = 0;
     for (auto [growby, index, capacity] : {std::tuple{0u, 40u, 48u}, {5u, 6u, 10u}, {5u, 4u, 5u}}) {
@@ -31,8 +30,7 @@ TEST(PointerArray, GrowsByItsStepAndReleasesOwnedItems)
     EXPECT_EQ(pa.slots, nullptr);
 }
 
-TEST(Text, LinesDaysAndWhiteSpace)
-{
+TEST(Text, LinesDaysAndWhiteSpace) {
     std::string longline(200, 'x'), text = "ab\r\ncd\n" + longline;
     for (int strip : {0, 1}) {
         FILE *in = fmemopen(text.data(), text.size(), "r");
@@ -56,8 +54,7 @@ TEST(Text, LinesDaysAndWhiteSpace)
     EXPECT_EQ(blank[0], '\0');
 }
 
-TEST(Shell, RunShellSystemAndCliGetVal)
-{
+TEST(Shell, RunShellSystemAndCliGetVal) {
     for (auto [cmd, size, want] : {std::tuple{"printf 'abc\\n'", 16, "abc"}, {"printf 'two\\n\\n'", 16, "two\n"},
                                    {"printf abcdefgh", 5, "abcd"}, {"printf 'abc\\n'", 4, "abc"}, {"true", 8, ""}}) {
         char buf[16];

@@ -1,10 +1,8 @@
 // Linked as C (no libstdc++) with the device's flags: the protocol headers
-// must work there. The checks run at compile time and once at run time.
+// must work there, at compile time and at run time.
 #include "proto/tags.h"
 #include "proto/wire.h"
 
-static_assert(tav::find_tag(54)->kind == tav::TagKind::kU8);
-static_assert(tav::find_tag(8, tav::kOpGetApArrayDeviceList)->name == "MODEL_NAME");
 static_assert(tav::find_op_code(0x200C)->handler == "tav_set_ap_array_member_list");
 
 int main() {
@@ -14,7 +12,6 @@ int main() {
     tav::TlvReader r(w.bytes());
     int n = 0;
     while (r.next()) ++n;
-    volatile uint16_t tag = 395;
-    if (tav::find_tag(tag, tav::kOpSetSnmp)->kind != tav::TagKind::kU32Le) return 3;
-    return n == 2 ? 0 : 2;
+    volatile uint16_t tag = 395;  // a run-time look-up in context
+    return n == 2 && tav::find_tag(tag, tav::kOpSetSnmp)->kind == tav::TagKind::kU32Le ? 0 : 2;
 }

@@ -38,15 +38,9 @@ Bytes reply(const Message &req, uint16_t result, const TlvList &tlvs, int sequen
 class FakeDevice {
   public:
     explicit FakeDevice(std::function<std::vector<Bytes>(const Message &)> handler) : handler_(std::move(handler)) {}
-    ~FakeDevice() {
-        stop_ = true;
-        thread_.join();
-    }
+    ~FakeDevice() { stop_ = true, thread_.join(); }
     uint16_t port() const { return in_->local_port(); }
-    std::vector<Message> requests() {
-        std::lock_guard g(mu_);
-        return seen_;
-    }
+    std::vector<Message> requests() { return std::lock_guard(mu_), seen_; }
 
   private:
     void run() {

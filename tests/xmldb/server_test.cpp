@@ -18,23 +18,20 @@ using std::chrono::steady_clock;
 
 namespace {
 
-std::string slurp(const std::string &path)
-{
+std::string slurp(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // Exit status of a shell command line.
-int sh(const std::string &cmd)
-{
+int sh(const std::string &cmd) {
     int st = std::system(cmd.c_str());
     return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
 class Server {
 public:
-    Server(const TempDir &dir, std::vector<std::string> args = {}) : sock_(dir.sock())
-    {
+    Server(const TempDir &dir, std::vector<std::string> args = {}) : sock_(dir.sock()) {
         args.insert(args.begin(), {XMLDB_BIN, "-s", sock_});
         std::vector<char *> argv;
         for (auto &a : args)
@@ -45,30 +42,26 @@ public:
             std::this_thread::sleep_for(10ms);
     }
     ~Server() { stop(SIGTERM); }
-    int stop(int sig)
-    {
+    int stop(int sig) {
         int st = -1;
         if (pid_ > 0 && kill(pid_, sig) == 0)
             waitpid(pid_, &st, 0);
         pid_ = -1;
         return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     }
-    std::string text(uint16_t cmd, const std::string &arg) const
-    {
+    std::string text(uint16_t cmd, const std::string &arg) const {
         int fd = unix_socket(sock_);
         send_all(fd, request(cmd, arg));
         std::string r = read_all(fd);
         close(fd);
         return r;
     }
-    std::string get(const std::string &key) const
-    {
+    std::string get(const std::string &key) const {
         std::string r = text(1, key);
         EXPECT_EQ(r.find('\0'), r.size() - 1) << key;  // value, one NUL, nothing else
         return r.substr(0, r.find('\0'));
     }
-    int status(uint16_t cmd, const std::string &arg) const
-    {
+    int status(uint16_t cmd, const std::string &arg) const {
         std::string r = text(cmd, arg);
         int32_t st = -99;
         if (r.size() == 16)
@@ -82,8 +75,7 @@ public:
 
 }  // namespace
 
-TEST(Xmldb, GetSetDeleteAndStatusReplies)
-{
+TEST(Xmldb, GetSetDeleteAndStatusReplies) {
     TempDir dir;
     Server s(dir);
     EXPECT_EQ(s.text(1, "/missing"), "\0"s);
@@ -108,8 +100,7 @@ TEST(Xmldb, GetSetDeleteAndStatusReplies)
     EXPECT_EQ(s.status(3, "/sys/swcontroller"), 0);
 }
 
-TEST(Xmldb, DumpReloadRoundTripAndStateFile)
-{
+TEST(Xmldb, DumpReloadRoundTripAndStateFile) {
     TempDir dir;
     std::ofstream(dir.file("profile")) << "# comment\n\n/p 1\r\n/q from profile\n";
     std::vector<std::string> args = {"-f", dir.file("profile"), "-p", dir.file("state")};
@@ -149,8 +140,7 @@ TEST(Xmldb, DumpReloadRoundTripAndStateFile)
     EXPECT_EQ(Server(dir).status(5, ""), -1);  // no -p state file
 }
 
-TEST(Xmldb, PatchAndEphp)
-{
+TEST(Xmldb, PatchAndEphp) {
     TempDir dir;
     Server s(dir);
     EXPECT_EQ(s.text(7, "/p/1 one\n# c\n\n/p/2 two words\n"), "OK 2\0"s);
@@ -165,8 +155,7 @@ TEST(Xmldb, PatchAndEphp)
               "uno|<? rgdb /p/1 ?>||<?rgdb /p/1\0"s);
 }
 
-TEST(Xmldb, MalformedRequestsCloseOnlyTheirConnection)
-{
+TEST(Xmldb, MalformedRequestsCloseOnlyTheirConnection) {
     TempDir dir;
     Server s(dir);
     ASSERT_EQ(s.set("/k", "v"), 0);
@@ -187,8 +176,7 @@ TEST(Xmldb, MalformedRequestsCloseOnlyTheirConnection)
     }
 }
 
-TEST(Xmldb, ManyClientsHalfBroken)
-{
+TEST(Xmldb, ManyClientsHalfBroken) {
     TempDir dir;
     Server s(dir);
     ASSERT_EQ(s.set("/k", "v"), 0);
@@ -216,8 +204,7 @@ TEST(Xmldb, ManyClientsHalfBroken)
     EXPECT_EQ(waitpid(s.pid_, nullptr, WNOHANG), 0);
 }
 
-TEST(Xmldb, SignalsStaleAndLiveSockets)
-{
+TEST(Xmldb, SignalsStaleAndLiveSockets) {
     TempDir dir;
     close(unix_socket(dir.sock(), true));  // socket file of a server that died: replaced
     const std::string xmldb = XMLDB_BIN " -s "s + dir.sock();
@@ -232,8 +219,7 @@ TEST(Xmldb, SignalsStaleAndLiveSockets)
     EXPECT_EQ(sh(xmldb + " -f bad 2>/dev/null"), 1);
 }
 
-TEST(Xmldb, TypedAccessEndToEnd)
-{
+TEST(Xmldb, TypedAccessEndToEnd) {
     TempDir dir;  // the compiled-in relative socket path lands here
     Server s(dir);
     EXPECT_EQ(tav_rgdb_set_digit(5, "/wlan/inf:%d/wlmode", 1), 0);
@@ -244,8 +230,7 @@ TEST(Xmldb, TypedAccessEndToEnd)
     EXPECT_STREQ(buf, "a b");
 }
 
-TEST(Rgdb, Commands)
-{
+TEST(Rgdb, Commands) {
     TempDir dir;
     Server s(dir);
     std::filesystem::create_directory("sub");
