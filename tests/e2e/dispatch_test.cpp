@@ -1,223 +1,225 @@
-// What the dispatcher does with each message before a handler sees it: op
-// codes locked while the management agent runs, messages it drops without a
-// word, and input that is cut, overlong or altered.
+// Which messages the daemon takes as requests for itself, and how it answers:
+// the target rules of both paths, op codes locked while the management agent
+// runs, messages dropped without a word, the reply header and its addressing,
+// and input that is cut, overlong or altered.
+#include <algorithm>
+
 #include "tests/e2e/e2e.h"
 
 namespace e2e {
 namespace {
 
-constexpr const char *kRunning = "/qm5_agent/running";
-constexpr const char *kNotice = "NOTICE:operation is not allowed in current mode";
-constexpr uint16_t kUnknownOp = 0x0999;
+E2E_SUITE(Dispatch, "disp", 2, "");
 
-class Dispatch : public LabSuite<Dispatch> {
-  public:
-    static constexpr const char *kCode = "disp";
-    static constexpr int kAps = 1;
-};
+constexpr Mac kOwnMac{0x02, 0xe2, 0xe0, 0x00, 0x00, 0x01};  // a manager's MAC of its own
+constexpr uint16_t kRaw = tav::kMsgL2Request, kIp4 = tav::kMsgIpv4Request;
 
-// Selector and ciphertext of a plaintext, as the transport carries them.
-std::vector<uint8_t> seal(const Client &c, std::span<const uint8_t> plain) {
-    auto s = c.cipher().encode(plain).value();
-    std::vector<uint8_t> payload(tav::kSelectorLen);
-    tav::put_be16(payload.data(), s.selector);
-    payload.insert(payload.end(), s.ciphertext.begin(), s.ciphertext.end());
-    return payload;
-}
-
-TEST_F(Dispatch, LockedOpCodesAreRefusedWithANoticeWhileTheAgentRuns) {
-    Finally restore([&] { lab().db_set(1, kRunning, "0"); });
-    ASSERT_TRUE(lab().db_set(1, kRunning, "1"));
-    struct Case {
-        uint16_t op;
-        bool udp;
-        std::optional<uint16_t> result;  // empty: refused
-    } cases[] = {
-        {tav::kOpDiscovery, false, 0},
-        {tav::kOpSupportedFunctions, false, 0},
-        {tav::kOpUserVerification, false, 0x40},
-        {tav::kOpSupportedFunctions, true, 0},
-        {tav::kOpReport, false, {}},
-        {tav::kOpHello, false, {}},
-        {tav::kOpBye, false, {}},
-        {tav::kOpChangeIdPassword, false, {}},
-        {tav::kOpGetDateTime, false, {}},
-        {tav::kOpHello, true, {}},
-    };
-    Client raw = lab().raw();
-    Client udp = lab().udp(1);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.udp ? "udp " : "raw ") + tav::client::format_op_code(c.op));
-        Client &mgr = c.udp ? udp : raw;
-        Output out(lab(), 1);
-        const uint16_t seq = send_to(mgr, c.op, c.udp ? tav::kZeroMac : ap_mac(1), kAnyIp);
-        const auto replies = replies_before_control(mgr, seq, c.op);
-        ASSERT_EQ(replies.size(), c.result ? 1u : 0u);
-        if (c.result) {
-            EXPECT_EQ(replies.front().result(), *c.result);
-        }
-        EXPECT_EQ(out.fresh(), c.result ? "" : std::string(kNotice) + "\n");
-    }
-
-    // Stopped agent: everything goes again.
-    ASSERT_TRUE(lab().db_set(1, kRunning, "0"));
-    Output out(lab(), 1);
-    for (uint16_t op : {tav::kOpReport, tav::kOpHello, tav::kOpBye}) {
-        auto reply = raw.request_one(op, {}, 3s);
-        ASSERT_TRUE(reply) << reply.error();
-        EXPECT_EQ(reply->result(), 0);
-        EXPECT_EQ(reply->header->body_length, 0);
-    }
-    EXPECT_EQ(out.fresh(), "");
-}
-
-TEST_F(Dispatch, MessagesThatAreNoRequestsForUsAreDroppedQuietly) {
-    const Mac stranger{0x02, 0x7a, 0x76, 0x00, 0x00, 0x44};
-    struct Case {
+// Raw requests reach both access points, UDP ones ap1 only. Requests say
+// version 0: replies say 5 whatever the request said.
+TEST_F(Dispatch, WhichMessagesAreAnsweredAndHow) {
+    const Mac m1 = ap_mac(1), m2 = ap_mac(2), bc = tav::kBroadcastMac, zero = tav::kZeroMac;
+    const Ipv4 ip1 = ap_ip(1), ip2 = ap_ip(2), any{};
+    const char *const kNotice = "NOTICE:operation is not allowed in current mode\n";
+    const struct {
         const char *what;
-        bool udp;
-        uint16_t msg_type, op;
-        Mac target;
-        const char *output;
+        uint16_t type, op;
+        Mac mac;
+        Ipv4 ip;
+        bool managed;
+        int answers;  // bit 0: ap1, bit 1: ap2
+        uint16_t result = 0;
+        const char *output = "";  // of ap1
     } cases[] = {
-        {"unknown op code", false, tav::kMsgL2Request, kUnknownOp, ap_mac(1), ""},
-        {"unknown op code", true, tav::kMsgIpv4Request, kUnknownOp, tav::kZeroMac, ""},
-        {"IPv6 request", false, tav::kMsgIpv6Request, tav::kOpDiscovery, ap_mac(1), ""},
-        {"IPv6 request", true, tav::kMsgIpv6Request, tav::kOpDiscovery, ap_mac(1), ""},
-        {"raw reply", false, tav::kMsgL2Reply, tav::kOpDiscovery, ap_mac(1), ""},
-        {"IPv4 reply", true, tav::kMsgIpv4Reply, tav::kOpDiscovery, tav::kZeroMac, ""},
-        {"announcement", false, tav::kMsgAnnounce, tav::kOpHello, tav::kZeroMac, ""},
-        {"type 0x0EEE", false, 0x0EEE, tav::kOpDiscovery, ap_mac(1), ""},
-        {"type 0x0FFF", false, 0x0FFF, tav::kOpDiscovery, ap_mac(1), ""},
-        {"type 0xFFFF", true, 0xFFFF, tav::kOpDiscovery, ap_mac(1), ""},
-        {"wrong target", false, tav::kMsgL2Request, tav::kOpDiscovery, stranger, ""},
-        {"wrong target", true, tav::kMsgIpv4Request, tav::kOpDiscovery, stranger, ""},
-        {"unknown type", false, 0x1234, tav::kOpDiscovery, ap_mac(1), "Unknow message_type !\n"},
-        {"unknown type", true, 0x1234, tav::kOpDiscovery, ap_mac(1), "Unknow message_type !\n"},
+        {"raw to ap1", kRaw, 0xA5, m1, any, false, 1},
+        {"raw to ap2", kRaw, 0xA5, m2, any, false, 2},
+        {"raw to all", kRaw, 0xA5, bc, any, false, 3},
+        {"raw to another", kRaw, 0xA5, {0x02, 0x7a, 0x76, 0, 0, 0x44}, any, false, 0},
+        {"raw to zero", kRaw, 0xA5, zero, any, false, 0},
+        {"ipv4 mac and ip", kIp4, 0xA5, m1, ip1, false, 1},
+        {"ipv4 mac", kIp4, 0xA5, m1, any, false, 1},
+        {"ipv4 ip", kIp4, 0xA5, zero, ip1, false, 1},
+        {"ipv4 anyone", kIp4, 0xA5, zero, any, false, 1},
+        {"ipv4 broadcast mac", kIp4, 0xA5, bc, ip1, false, 0},
+        {"ipv4 broadcast mac only", kIp4, 0xA5, bc, any, false, 0},
+        {"ipv4 other mac", kIp4, 0xA5, m2, ip1, false, 0},
+        {"ipv4 other ip", kIp4, 0xA5, m1, ip2, false, 0},
+        {"ipv4 other ip only", kIp4, 0xA5, zero, ip2, false, 0},
+        {"raw verification", kRaw, 0xA3, m1, any, false, 1, 0x40},
+        {"raw report", kRaw, 0xA0, m1, any, false, 1},
+        {"raw hello", kRaw, 0x104, m1, any, false, 1},
+        {"raw bye", kRaw, 0x105, m1, any, false, 1},
+        {"ipv4 verification", kIp4, 0xA3, zero, any, false, 1, 0x40},
+        {"ipv4 hello", kIp4, 0x104, zero, any, false, 1},
+        // Discovery stays open too: every case ends with one.
+        {"managed: functions", kRaw, 0xA5, m1, any, true, 1},
+        {"managed: verification", kRaw, 0xA3, m1, any, true, 1, 0x40},
+        {"managed: ipv4 functions", kIp4, 0xA5, zero, any, true, 1},
+        {"managed: report", kRaw, 0xA0, m1, any, true, 0, 0, kNotice},
+        {"managed: hello", kRaw, 0x104, m1, any, true, 0, 0, kNotice},
+        {"managed: bye", kRaw, 0x105, m1, any, true, 0, 0, kNotice},
+        {"managed: change password", kRaw, 0xA4, m1, any, true, 0, 0, kNotice},
+        {"managed: get date", kRaw, 0xE4, m1, any, true, 0, 0, kNotice},
+        {"managed: ipv4 hello", kIp4, 0x104, zero, any, true, 0, 0, kNotice},
+        {"unknown op code", kRaw, 0x0999, m1, any, false, 0},
+        {"ipv4 unknown op code", kIp4, 0x0999, zero, any, false, 0},
+        {"ipv6 request", tav::kMsgIpv6Request, 0xA1, m1, any, false, 0},
+        {"raw reply", tav::kMsgL2Reply, 0xA1, m1, any, false, 0},
+        {"ipv4 reply", tav::kMsgIpv4Reply, 0xA1, zero, any, false, 0},
+        {"announcement", tav::kMsgAnnounce, 0x104, zero, any, false, 0},
+        {"type 0x0EEE", 0x0EEE, 0xA1, m1, any, false, 0},
+        {"type 0x0FFF", 0x0FFF, 0xA1, m1, any, false, 0},
+        {"type 0xFFFF", 0xFFFF, 0xA1, m1, any, false, 0},
+        {"unknown type", 0x1234, 0xA1, m1, any, false, 0, 0, "Unknow message_type !\n"},
     };
-    Client raw = lab().raw();
-    Client udp = lab().udp(1);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.udp ? "udp " : "raw ") + c.what);
-        Client &mgr = c.udp ? udp : raw;
+    Client raw = lab().raw(kOwnMac), udp = lab().udp();
+    bool managed = false;
+    auto manage = [&](bool on) {
+        for (int ap : {1, 2}) lab().db_set(ap, "/qm5_agent/running", on ? "1" : "0");
+        managed = on;
+    };
+    Finally restore([&] { manage(false); });
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const auto &c = cases[i];
+        SCOPED_TRACE(c.what);
+        if (c.managed != managed) manage(c.managed);
+        // The header form picks the path; low and high sequence numbers,
+        // never one of a control discovery.
+        const bool ipv4 = tav::is_ipv4_form(c.type);
+        Client &mgr = ipv4 ? udp : raw;
+        const uint16_t seq = uint16_t(i % 2 ? 0xFFFF - 2 * i : 2 * i);
+        tav::Header h = request_header(ipv4, c.op, seq);
+        h.msg_type = c.type, h.target_mac = c.mac, h.target_ip = c.ip, h.version = 0;
         Output out(lab(), 1);
-        tav::Header h = request_header(tav::is_ipv4_form(c.msg_type), c.op, take_sequence(mgr));
-        h.msg_type = c.msg_type;
-        h.target_mac = c.target;
-        ASSERT_TRUE(mgr.send_plaintext(plaintext(h, {})));
-        EXPECT_TRUE(replies_before_control(mgr, h.sequence, c.op).empty());
+        ASSERT_TRUE(mgr.send_plaintext(plaintext(h)));
+        mgr.set_sequence(uint16_t(seq + 1));
+        int from = 0;
+        for (const auto &m : replies_before_control(mgr, seq, c.op, ipv4 ? 1 : 2)) {
+            from |= ipv4 ? (m.src_ip == ip1) | (m.src_ip == ip2) << 1
+                         : (m.src_mac == m1) | (m.src_mac == m2) << 1;
+            EXPECT_EQ(m.msg_type(), ipv4 ? tav::kMsgIpv4Reply : tav::kMsgL2Reply);
+            EXPECT_EQ(m.header->version, tav::kVersion);
+            EXPECT_EQ(m.result(), c.result);
+            // Named after the requester; datagrams from the protocol's port.
+            if (ipv4) {
+                EXPECT_EQ(m.header->target_ip, kMgrIp);
+                EXPECT_EQ(m.src_port, tav::kUdpPort);
+            } else {
+                EXPECT_EQ(m.header->target_mac, kOwnMac);
+            }
+        }
+        EXPECT_EQ(from, c.answers);
         EXPECT_EQ(out.fresh(), c.output);
     }
 }
 
-TEST_F(Dispatch, MalformedInputIsDroppedOrAnsweredAndTheDaemonGoesOn) {
-    using Make = std::function<std::vector<uint8_t>(const Client &, uint16_t seq)>;
-    auto sealed = [](std::function<std::vector<uint8_t>(bool ipv4, uint16_t seq)> plain) -> Make {
-        return [plain](const Client &c, uint16_t seq) { return seal(c, plain(c.ipv4(), seq)); };
-    };
-    // A request for `op` with its header cut or its body length overstated.
-    auto cut = [](uint16_t op, size_t keep) {
-        return [op, keep](bool ipv4, uint16_t seq) {
-            auto p = plaintext(request_header(ipv4, op, seq), {});
-            p.resize(keep);
-            return p;
-        };
-    };
-    auto overstated = [](uint16_t op, uint16_t extra, TlvList tlvs) {
-        return [=](bool ipv4, uint16_t seq) {
-            auto p = plaintext(request_header(ipv4, op, seq), tlvs);
-            const size_t body = p.size() - request_header(ipv4, op, seq).size();
-            return plaintext(request_header(ipv4, op, seq), tlvs, uint16_t(body + extra));
-        };
-    };
-    // Verification whose password record claims more bytes than the body holds.
-    auto long_password = [](bool ipv4, uint16_t seq) {
-        TlvList tlvs{tav::client::tlv_text(55, "admin"), tav::client::tlv_text(56, "admin")};
-        auto p = plaintext(request_header(ipv4, tav::kOpUserVerification, seq), tlvs);
-        tav::put_be16(p.data() + p.size() - 8, 7);
-        return p;
-    };
-    auto stub_body = [](bool ipv4, uint16_t seq) {
-        auto h = request_header(ipv4, tav::kOpUserVerification, seq);
-        auto p = plaintext(h, {}, 4);
-        p.insert(p.end(), {0x00, 0x37, 0x00, 0x06});
-        return p;
-    };
-    // A discovery padded by an ignored record to `total` plaintext bytes.
-    auto padded = [](size_t total) {
-        return [total](bool ipv4, uint16_t seq) {
-            auto h = request_header(ipv4, tav::kOpDiscovery, seq);
-            const size_t fill = total - h.size() - tav::kTlvHeadLen;
-            return plaintext(h, {tav::client::tlv_bytes(999, std::vector<uint8_t>(fill, 0x5a))});
-        };
-    };
-    auto altered = [](size_t at_from_end, bool selector) -> Make {
-        return [=](const Client &c, uint16_t seq) {
-            auto p = seal(c, plaintext(request_header(c.ipv4(), tav::kOpDiscovery, seq), {}));
-            if (selector)
-                tav::put_be16(p.data(), uint16_t(tav::get_be16(p.data()) + 1));
-            else
-                p[p.size() - 1 - at_from_end] ^= 0x20;
-            return p;
-        };
-    };
-    auto bytes = [](std::vector<uint8_t> b) -> Make {
-        return [b](const Client &, uint16_t) { return b; };
-    };
+// Selector and ciphertext of a plaintext, as the transport carries them.
+Bytes seal(const Client &c, std::span<const uint8_t> plain) {
+    auto s = c.cipher().encode(plain).value();
+    Bytes payload{uint8_t(s.selector >> 8), uint8_t(s.selector)};
+    payload.insert(payload.end(), s.ciphertext.begin(), s.ciphertext.end());
+    return payload;
+}
 
-    struct Case {
+TEST_F(Dispatch, CutOverlongOrAlteredInputIsDroppedQuietly) {
+    using Edit = void (*)(Bytes &);
+    const Edit none = [](Bytes &) {};
+    const struct {
         const char *what;
-        uint16_t op;
-        Make make;
-        std::optional<uint16_t> result;  // empty: no reply
+        Edit plain, sealed;  // applied to a discovery's plaintext, then to the payload
+        bool answered = false;
     } cases[] = {
-        {"header cut to 10 bytes", tav::kOpDiscovery, sealed(cut(tav::kOpDiscovery, 10)), {}},
-        {"header one byte short",
-         tav::kOpDiscovery,
-         sealed([&](bool ipv4, uint16_t seq) {
-             return cut(tav::kOpDiscovery, request_header(ipv4, 0, 0).size() - 1)(ipv4, seq);
-         }),
-         {}},
-        {"body length past the end",
-         tav::kOpDiscovery,
-         sealed(overstated(tav::kOpDiscovery, 1, {})),
-         {}},
-        {"body length past the end of a body",
-         tav::kOpUserVerification,
-         sealed(overstated(tav::kOpUserVerification, 2, {tav::client::tlv_text(55, "admin")})),
-         {}},
-        {"record past the body", tav::kOpUserVerification, sealed(long_password), 0x40},
-        {"body below one record", tav::kOpUserVerification, sealed(stub_body), 0x40},
-        {"body that discovery ignores", tav::kOpDiscovery, sealed(padded(300)), 0},
-        {"largest plaintext", tav::kOpDiscovery, sealed(padded(tav::kMaxPlainLen)), 0},
-        {"plaintext one byte too long",
-         tav::kOpDiscovery,
-         sealed(padded(tav::kMaxPlainLen + 1)),
-         {}},
-        {"ciphertext byte flipped", tav::kOpDiscovery, altered(5, false), {}},
-        {"check byte flipped", tav::kOpDiscovery, altered(0, false), {}},
-        {"selector changed", tav::kOpDiscovery, altered(0, true), {}},
-        {"empty payload", tav::kOpDiscovery, bytes({}), {}},
-        {"selector only, cut", tav::kOpDiscovery, bytes({0x12}), {}},
-        {"selector without ciphertext", tav::kOpDiscovery, bytes({0x12, 0x34}), {}},
+        {"header cut to 10 bytes", [](Bytes &p) { p.resize(10); }, none},
+        {"header one byte short", [](Bytes &p) { p.pop_back(); }, none},
+        {"body length past the end", [](Bytes &p) { p.back() = 1; }, none},
+        {"bytes past the body are ignored", [](Bytes &p) { p.push_back(0xAA); }, none, true},
+        {"ciphertext byte flipped", none, [](Bytes &s) { s[s.size() - 6] ^= 0x20; }},
+        {"check byte flipped", none, [](Bytes &s) { s.back() ^= 0x20; }},
+        {"selector changed", none, [](Bytes &s) { s[1] ^= 1; }},
+        {"empty payload", none, [](Bytes &s) { s.clear(); }},
+        {"selector only, cut", none, [](Bytes &s) { s.resize(1); }},
+        {"selector without ciphertext", none, [](Bytes &s) { s.resize(2); }},
     };
-    Client raw = lab().raw();
-    Client udp = lab().udp(1);
+    Client raw = lab().raw(), udp = lab().udp();
     for (const auto &c : cases) {
         for (Client *mgr : {&raw, &udp}) {
             SCOPED_TRACE(std::string(mgr->ipv4() ? "udp " : "raw ") + c.what);
             Output out(lab(), 1);
-            const uint16_t seq = take_sequence(*mgr);
-            ASSERT_TRUE(mgr->transport().send(c.make(*mgr, seq)));
-            const auto replies = replies_before_control(*mgr, seq, c.op);
-            ASSERT_EQ(replies.size(), c.result ? 1u : 0u);
-            if (c.result) {
-                EXPECT_EQ(replies.front().result(), *c.result);
-            }
+            const uint16_t seq = mgr->next_sequence();
+            mgr->set_sequence(uint16_t(seq + 1));
+            tav::Header h = request_header(mgr->ipv4(), tav::kOpDiscovery, seq);
+            if (!mgr->ipv4()) h.target_mac = ap_mac(1);  // ap2 stays out of it
+            Bytes plain = plaintext(h);
+            c.plain(plain);
+            Bytes payload = seal(*mgr, plain);
+            c.sealed(payload);
+            ASSERT_TRUE(mgr->transport().send(payload));
+            const size_t controls = mgr->ipv4() ? 1 : 2;
+            EXPECT_EQ(replies_before_control(*mgr, seq, tav::kOpDiscovery, controls).size(),
+                      c.answered ? 1u : 0u);
             EXPECT_EQ(out.fresh(), "");
         }
     }
     EXPECT_TRUE(lab().daemon_alive(1));
+}
+
+E2E_SUITE(ReplyPaths, "paths", 2, "");
+
+TEST_F(ReplyPaths, RawReplyIsBroadcastFromTheDeviceMac) {
+    FrameTap tap(lab().netns_mgr());
+    ASSERT_TRUE(tap.ok());
+    const uint16_t seq = lab().raw(kOwnMac).send_request(tav::kOpDiscovery, {}).value();
+    auto f = tap.next(
+        [&](const auto &f) {
+            return f.src == ap_mac(1) && f.msg && is_reply_to(*f.msg, seq, tav::kOpDiscovery);
+        },
+        3s);
+    ASSERT_TRUE(f) << "no reply";
+    EXPECT_EQ(f->dst, tav::kBroadcastMac);
+    EXPECT_EQ(f->msg->header->target_mac, kOwnMac);
+}
+
+// A datagram names its sender by the MAC the access point's ARP cache holds
+// for it: zero without an entry (the manager never asks for the access
+// point's address, so the access point learns nothing from ARP by itself).
+TEST_F(ReplyPaths, UdpReplyGoesBackToTheSenderNamedFromTheArpCache) {
+    const std::string forget = "ip neigh del 192.0.2.1 dev br0 2>/dev/null; ip neigh flush dev br0";
+    Finally restore([&] {
+        lab().on_ap(1, forget);
+        lab().exec("mgr", "ip neigh del 192.0.2.11 dev eth0");
+    });
+    ASSERT_EQ(
+        lab()
+            .exec("mgr",
+                  "ip neigh replace 192.0.2.11 lladdr 02:7a:76:00:00:01 dev eth0 nud permanent")
+            .status,
+        0);
+    const std::pair<std::string, Mac> cases[] = {
+        {forget, tav::kZeroMac},
+        {forget + "; ip neigh replace 192.0.2.1 lladdr 02:7a:76:00:00:fe dev br0 nud permanent",
+         kMgrMac},
+        {forget, tav::kZeroMac},
+    };
+    Client mgr = lab().udp();
+    for (const auto &[setup, target_mac] : cases) {
+        SCOPED_TRACE(setup);
+        ASSERT_EQ(lab().on_ap(1, setup).status, 0);
+        auto replies = mgr.request(tav::kOpDiscovery, {}, 1s);
+        ASSERT_TRUE(replies && replies->size() == 1) << "one datagram";
+        EXPECT_EQ(replies->front().src_ip, ap_ip(1));
+        EXPECT_EQ(replies->front().header->target_mac, target_mac);
+    }
+}
+
+TEST_F(ReplyPaths, UdpBroadcastAndMulticastReachEveryDevice) {
+    for (const char *to : {"192.0.2.255", "224.0.0.1"}) {
+        SCOPED_TRACE(to);
+        auto replies = lab().udp(to).request(tav::kOpDiscovery, {}, 1500ms);
+        ASSERT_TRUE(replies);
+        std::vector<Ipv4> from;
+        for (const auto &m : *replies) from.push_back(m.src_ip);
+        std::sort(from.begin(), from.end());
+        EXPECT_EQ(from, (std::vector<Ipv4>{ap_ip(1), ap_ip(2)}));
+    }
 }
 
 }  // namespace

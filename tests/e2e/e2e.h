@@ -1,18 +1,20 @@
 // Shared pieces of the end-to-end suites: a lab instance per suite, shell
-// access to its hosts, the daemon's output, managers built on the client
-// library, a frame tap that also sees Ethernet destinations, and requests
-// with hand-picked header fields.
+// access to its hosts, the daemon's output, managers on the client library,
+// a frame tap that also sees Ethernet addresses, and requests with
+// hand-picked header fields.
 #pragma once
 
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <fstream>
 #include <functional>
 #include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -28,8 +30,21 @@ using tav::client::Client;
 using tav::client::Clock;
 using tav::client::Ipv4;
 using tav::client::Message;
-using tav::client::Record;
 using tav::client::TlvList;
+using Bytes = std::vector<uint8_t>;
+
+// Lab addresses (see lab/README.md).
+inline constexpr Mac kMgrMac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xfe};
+inline constexpr Ipv4 kMgrIp{192, 0, 2, 1}, kAnyIp{};
+inline Mac ap_mac(int n) {
+    return {0x02, 0x7a, 0x76, 0x00, 0x00, uint8_t(n)};
+}
+inline Ipv4 ap_ip(int n) {
+    return {192, 0, 2, uint8_t(10 + n)};
+}
+inline std::string cipher_path(const std::string &name = "TAV_Auth.so") {
+    return std::string(E2E_BUILD_DIR) + "/sim/cipher/" + name;
+}
 
 // Runs its action when the scope ends, also after a failed assertion.
 struct Finally {
@@ -41,64 +56,109 @@ struct Sh {
     int status = -1;
     std::string out;  // stdout and stderr
 };
-Sh sh(const std::string &cmd);
-std::string quote(std::string_view s);
-std::string slurp(const std::string &path);
-std::string trimmed(std::string s);
+inline Sh sh(const std::string &cmd) {
+    Sh r;
+    FILE *p = popen((cmd + " 2>&1").c_str(), "r");
+    if (p == nullptr) return r;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+    const int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+inline std::string quote(std::string_view s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+inline std::string slurp(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
+}
 // Polls `cond` every 20 ms until it holds or `limit` passed.
-bool until(const std::function<bool()> &cond, std::chrono::milliseconds limit);
+inline bool until(const std::function<bool()> &cond, std::chrono::milliseconds limit) {
+    for (const auto deadline = Clock::now() + limit; !cond(); std::this_thread::sleep_for(20ms))
+        if (Clock::now() >= deadline) return false;
+    return true;
+}
 
-// Lab addresses (see lab/README.md).
-Mac ap_mac(int n);
-Ipv4 ap_ip(int n);
-std::string ap_ip_text(int n);
-inline constexpr Mac kMgrMac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xfe};
-inline constexpr Ipv4 kMgrIp{192, 0, 2, 1};
-inline constexpr Ipv4 kAnyIp{0, 0, 0, 0};
-
-// Cipher library of this build tree (sim/cipher/NAME).
-std::string cipher_path(const std::string &name = "TAV_Auth.so");
-
-// One lab instance of this build tree, named after the suite's code.
+// One lab instance of this build tree, named after the suite's code: up for
+// the object's life.
 class Lab {
   public:
-    Lab(const std::string &code, int aps, std::string up_args);
-    bool up();
-    void down();
-    const std::string &up_output() const { return up_out_; }
-    bool ok() const { return ok_; }
-    int aps() const { return aps_; }
+    Lab(const std::string &code, int aps, const std::string &up_args)
+        : instance_(E2E_LAB_TAG + code) {
+        tavlab("down");  // what a crashed earlier run may have left
+        Sh r = tavlab("up -n " + std::to_string(aps) + " --build " + quote(E2E_BUILD_DIR) + " " +
+                      up_args);
+        up_out = r.out;
+        ok = r.status == 0;
+        for (int ap = 1; ok && ap <= aps; ++ap)
+            if (!until([&] { return serving(ap); }, 10s))
+                ok = false, up_out += "\nno daemon on ap" + std::to_string(ap);
+    }
+    ~Lab() {
+        Sh r = tavlab("down");
+        EXPECT_EQ(r.status, 0) << r.out;
+    }
+    bool ok;
+    std::string up_out;
 
     std::string netns_mgr() const { return "tavlab-" + instance_ + "-mgr"; }
-    std::string run_file(int ap, const std::string &name) const;
+    std::string run_file(int ap, const std::string &name) const {
+        return "/run/tavlab-" + instance_ + "/ap" + std::to_string(ap) + "/" + name;
+    }
     // CMD through `sh -c` on host "mgr" or "apN" (apN: inside the access point).
-    Sh exec(const std::string &host, const std::string &cmd) const;
+    Sh exec(const std::string &host, const std::string &cmd) const {
+        return tavlab("exec " + host + " sh -c " + quote(cmd));
+    }
     Sh on_ap(int ap, const std::string &cmd) const { return exec("ap" + std::to_string(ap), cmd); }
-    std::string db_get(int ap, const std::string &key) const;
-    bool db_set(int ap, const std::string &key, const std::string &value) const;
-    // The daemon's pid inside the access point; 0 when none runs.
-    int daemon_pid(int ap) const;
-    bool daemon_alive(int ap) const;
-    bool serving(int ap) const;
-
-    Client raw(std::optional<Mac> source = {}) const;
-    Client udp(int ap) const;  // unicast to the access point
+    std::string db_get(int ap, const std::string &key) const {
+        Sh r = on_ap(ap, "rgdb -g " + quote(key));
+        EXPECT_EQ(r.status, 0) << r.out;
+        if (!r.out.empty() && r.out.back() == '\n') r.out.pop_back();  // rgdb adds one
+        return r.out;
+    }
+    bool db_set(int ap, const std::string &key, const std::string &value) const {
+        Sh r = on_ap(ap, "rgdb -s " + quote(key) + " " + quote(value));
+        EXPECT_EQ(r.status, 0) << r.out;
+        return r.status == 0;
+    }
+    int daemon_pid(int ap) const { return std::atoi(slurp(run_file(ap, "tavc.pid")).c_str()); }
+    bool daemon_alive(int ap) const {
+        const int pid = daemon_pid(ap);
+        return pid > 0 && on_ap(ap, "kill -0 " + std::to_string(pid)).status == 0;
+    }
+    // Requests are queued for the daemon once its UDP port (0xF600) is bound,
+    // which happens after the raw socket is open.
+    bool serving(int ap) const {
+        return daemon_alive(ap) && on_ap(ap, "grep -q ':F600 ' /proc/net/udp").status == 0;
+    }
+    Client raw(std::optional<Mac> source = {}) const {
+        auto o = tav::client::Options::raw("eth0", netns_mgr(), cipher_path());
+        o.source_mac = source;
+        return Client(o);
+    }
+    Client udp(const std::string &to = "192.0.2.11") const {
+        return Client(tav::client::Options::over_udp(to, netns_mgr(), cipher_path()));
+    }
 
   private:
-    Sh tavlab(const std::string &args) const;
+    Sh tavlab(const std::string &args) const {
+        return sh(std::string(E2E_TAVLAB) + " --instance " + instance_ + " " + args);
+    }
     std::string instance_;
-    int aps_;
-    std::string up_args_;
-    std::string up_out_;
-    bool ok_ = false;
 };
 
 // What the daemon of one access point writes to standard output from now on.
 class Output {
   public:
-    Output(const Lab &lab, int ap);
-    std::string fresh() const;
-    size_t count(std::string_view line) const;  // whole lines in fresh()
+    Output(const Lab &lab, int ap)
+        : path_(lab.run_file(ap, "tavc.out")), start_(slurp(path_).size()) {}
+    std::string fresh() const {
+        std::string all = slurp(path_);
+        return all.size() >= start_ ? all.substr(start_) : all;
+    }
 
   private:
     std::string path_;
@@ -106,81 +166,153 @@ class Output {
 };
 
 // Raw frames of the protocol's EtherType as they cross the manager's
-// interface, with the Ethernet destination the client does not expose.
+// interface, with the Ethernet addresses the client does not expose.
 class FrameTap {
   public:
-    FrameTap(const std::string &netns, const std::string &iface = "eth0");
-    ~FrameTap();
-    FrameTap(const FrameTap &) = delete;
-    FrameTap &operator=(const FrameTap &) = delete;
-    bool ok() const { return fd_ >= 0; }
-
     struct Frame {
         Mac dst{}, src{};
         std::optional<Message> msg;  // empty when it did not decipher
     };
+    explicit FrameTap(const std::string &netns) {
+        auto c = tav::client::Cipher::load(cipher_path());
+        auto scope = tav::client::NetnsScope::enter(netns);
+        if (!c || !scope) return;
+        cipher_ = std::make_unique<tav::client::Cipher>(std::move(*c));
+        fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(tav::kEtherType));
+        sockaddr_ll sll{};
+        sll.sll_family = AF_PACKET;
+        sll.sll_protocol = htons(tav::kEtherType);
+        sll.sll_ifindex = int(if_nametoindex("eth0"));
+        if (fd_ >= 0 && ::bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0)
+            ::close(fd_), fd_ = -1;
+    }
+    ~FrameTap() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    FrameTap(const FrameTap &) = delete;
+    bool ok() const { return fd_ >= 0; }
+
     // The next frame that satisfies `pred` within `window`.
     std::optional<Frame> next(const std::function<bool(const Frame &)> &pred,
-                              std::chrono::milliseconds window);
-    // Every frame within `window`.
-    std::vector<Frame> all(std::chrono::milliseconds window);
+                              std::chrono::milliseconds window) {
+        const auto deadline = Clock::now() + window;
+        while (auto f = read(deadline))
+            if (pred(*f)) return f;
+        return std::nullopt;
+    }
+    std::vector<Frame> all(std::chrono::milliseconds window) {
+        std::vector<Frame> out;
+        for (const auto deadline = Clock::now() + window; auto f = read(deadline);)
+            out.push_back(std::move(*f));
+        return out;
+    }
 
   private:
-    std::optional<Frame> read(Clock::time_point deadline);
+    std::optional<Frame> read(Clock::time_point deadline) {
+        Bytes buf(tav::kEthHeaderLen + tav::kSelectorLen + tav::kMaxCipherLen);
+        constexpr size_t kHead = tav::kEthHeaderLen + tav::kSelectorLen;
+        while (fd_ >= 0) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            if (left.count() < 0) return std::nullopt;
+            pollfd p{fd_, POLLIN, 0};
+            if (::poll(&p, 1, int(left.count()) + 1) <= 0) continue;
+            sockaddr_ll from{};
+            socklen_t fl = sizeof from;
+            const ssize_t n = ::recvfrom(fd_, buf.data(), buf.size(), MSG_DONTWAIT,
+                                         reinterpret_cast<sockaddr *>(&from), &fl);
+            if (n < ssize_t(kHead) || from.sll_pkttype == PACKET_OUTGOING) continue;
+            Frame f;
+            std::copy_n(buf.begin(), 6, f.dst.begin());
+            std::copy_n(buf.begin() + 6, 6, f.src.begin());
+            const uint16_t selector = tav::get_be16(buf.data() + tav::kEthHeaderLen);
+            if (auto plain = cipher_->decode(selector, {buf.data() + kHead, size_t(n) - kHead})) {
+                f.msg = tav::client::parse_message(*plain);
+                f.msg->src_mac = f.src;
+            }
+            return f;
+        }
+        return std::nullopt;
+    }
     int fd_ = -1;
     std::unique_ptr<tav::client::Cipher> cipher_;
 };
 
-bool is_announcement(const FrameTap::Frame &f, uint16_t op, const Mac &from);
+inline bool is_announcement(const FrameTap::Frame &f, uint16_t op, const Mac &from) {
+    return f.src == from && f.msg && f.msg->is_announcement() && f.msg->op_code() == op;
+}
 
-// Request plaintexts with any header: `h.body_length` is set from `tlvs`
-// unless `body_length` is given.
-std::vector<uint8_t> plaintext(tav::Header h, const TlvList &tlvs,
-                               std::optional<uint16_t> body_length = {});
-tav::Header request_header(bool ipv4, uint16_t op_code, uint16_t sequence);
-// Sends the header form of the client's path with the given target; returns
-// the sequence used.
-uint16_t send_to(Client &c, uint16_t op_code, const Mac &target, const Ipv4 &ip,
-                 const TlvList &tlvs = {});
-// Takes a fresh sequence number from the client.
-uint16_t take_sequence(Client &c);
-
+// A request header of the raw (ipv4 = false) or IPv4 form, to any target.
+inline tav::Header request_header(bool ipv4, uint16_t op_code, uint16_t sequence) {
+    tav::Header h;
+    h.ipv4 = ipv4;
+    h.msg_type = ipv4 ? tav::kMsgIpv4Request : tav::kMsgL2Request;
+    h.sequence = sequence;
+    h.op_code = op_code;
+    h.target_mac = ipv4 ? tav::kZeroMac : tav::kBroadcastMac;
+    h.version = tav::kVersion;
+    return h;
+}
+// Plaintext of any header with `tlvs` laid out by the client.
+inline Bytes plaintext(tav::Header h, const TlvList &tlvs = {}) {
+    auto built = tav::client::build_request(h.ipv4, 0, 0, {}, {}, tlvs);
+    h.body_length = uint16_t(built.size() - h.size());
+    Bytes out(h.size());
+    tav::encode_header(h, out.data());
+    out.insert(out.end(), built.begin() + long(h.size()), built.end());
+    return out;
+}
+inline bool is_reply_to(const Message &m, uint16_t sequence, uint16_t op_code) {
+    return m.header && (m.msg_type() == tav::kMsgL2Reply || m.msg_type() == tav::kMsgIpv4Reply) &&
+           m.header->sequence == sequence && m.op_code() == op_code;
+}
 // The daemon serves one message at a time, in order: once it answered a
 // discovery sent after a message, it has dealt with that message. Returns
 // the replies (any target) to (sequence, op) seen until the discovery's
 // `controls` replies came.
-std::vector<Message> replies_before_control(Client &c, uint16_t sequence, uint16_t op_code,
-                                            size_t controls = 1);
-bool is_reply_to(const Message &m, uint16_t sequence, uint16_t op_code);
+inline std::vector<Message> replies_before_control(Client &c, uint16_t sequence, uint16_t op_code,
+                                                   size_t controls = 1) {
+    auto ctl = c.request(tav::kOpDiscovery, {}, 5s, controls);
+    EXPECT_TRUE(ctl && ctl->size() == controls) << "no discovery answered after the message";
+    std::vector<Message> out;
+    while (auto m = c.wait_for([&](const Message &x) { return is_reply_to(x, sequence, op_code); },
+                               50ms))
+        out.push_back(std::move(*m));
+    return out;
+}
+inline std::string hex(std::span<const uint8_t> v) { return tav::client::to_hex(v); }
+inline std::string body_hex(const Message &m) {
+    return hex(std::span(m.plaintext).subspan(m.header->size(), m.header->body_length));
+}
 
-std::vector<uint8_t> body_of(const Message &m);
-std::string hex(std::span<const uint8_t> v);
-
-// A suite with one lab: up once before the first test, down after the last
-// (also when tests failed). Self provides kCode, kAps and up_args().
+// A suite with one lab: up before the first test, down after the last (also
+// when tests failed).
 template <class Self>
 class LabSuite : public ::testing::Test {
   public:
     static void SetUpTestSuite() {
-        if (geteuid() != 0) return;
-        lab_ = std::make_unique<Lab>(Self::kCode, Self::kAps, Self::up_args());
-        lab_->up();
+        if (geteuid() == 0) lab_ = std::make_unique<Lab>(Self::kCode, Self::kAps, Self::kUpArgs());
     }
-    static void TearDownTestSuite() {
-        if (lab_) lab_->down();
-        lab_.reset();
-    }
+    static void TearDownTestSuite() { lab_.reset(); }
 
   protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "the lab needs root";
-        ASSERT_TRUE(lab_ && lab_->ok()) << (lab_ ? lab_->up_output() : "");
+        ASSERT_TRUE(lab_ && lab_->ok) << (lab_ ? lab_->up_out : "");
     }
     static Lab &lab() { return *lab_; }
-    static std::string up_args() { return ""; }
 
   private:
     static inline std::unique_ptr<Lab> lab_;
 };
+
+// Suite NAME with a lab instance CODE of APS access points and extra
+// `tavlab up` arguments.
+#define E2E_SUITE(Name, code, aps, up_args)              \
+    struct Name : LabSuite<Name> {                       \
+        static constexpr const char *kCode = code;       \
+        static constexpr int kAps = aps;                 \
+        static std::string kUpArgs() { return up_args; } \
+    }
 
 }  // namespace e2e
