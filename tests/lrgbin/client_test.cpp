@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -64,12 +65,17 @@ std::function<void()> on_conn(std::function<void(int)> op) {
 TEST(Client, ExampleExchangesByteForByte) {
     TempDir dir;
     const std::string zeros(12, '\0');
+    // The header travels in host order: the documented bytes are a
+    // little-endian device's; a big-endian one sends each field reversed.
+    const bool le = std::endian::native == std::endian::little;
+    const std::string get_head = le ? "\x01\x00\x0e\x00"s : "\x00\x01\x00\x0e"s;
+    const std::string set_head = le ? "\x02\x00\x12\x00"s : "\x00\x02\x00\x12"s;
     char buf[16] = {};
     EXPECT_EQ(exchange([&] { EXPECT_EQ(_rgdb_get_(buf, sizeof(buf), "/sys/%s", "hostname"), 0); }, {"ap1\0"s}),
-              "\x01\x00\x0e\x00"s + zeros + "/sys/hostname\0"s);
+              get_head + zeros + "/sys/hostname\0"s);
     EXPECT_STREQ(buf, "ap1");
     EXPECT_EQ(exchange([] { EXPECT_EQ(_rgdb_set_("/sys/hostname", "ap1"), 0); }),
-              "\x02\x00\x12\x00"s + zeros + "/sys/hostname ap1\0"s);
+              set_head + zeros + "/sys/hostname ap1\0"s);
 }
 
 TEST(Client, PayloadsAndCutLimits) {
