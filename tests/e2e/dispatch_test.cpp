@@ -2,8 +2,6 @@
 // the target rules of both paths, op codes locked while the management agent
 // runs, messages dropped without a word, the reply header and its addressing,
 // and input that is cut, overlong or altered.
-#include <algorithm>
-
 #include "tests/e2e/e2e.h"
 
 namespace e2e {
@@ -14,8 +12,8 @@ E2E_SUITE(Dispatch, "disp", 2, "");
 constexpr Mac kOwnMac{0x02, 0xe2, 0xe0, 0x00, 0x00, 0x01};  // a manager's MAC of its own
 constexpr uint16_t kRaw = tav::kMsgL2Request, kIp4 = tav::kMsgIpv4Request;
 
-// Raw requests reach both access points, UDP ones ap1 only. Requests say
-// version 0: replies say 5 whatever the request said.
+// Every request reaches both access points (UDP ones as broadcasts). Requests
+// say version 0: replies say 5 whatever the request said.
 TEST_F(Dispatch, WhichMessagesAreAnsweredAndHow) {
     const Mac m1 = ap_mac(1), m2 = ap_mac(2), bc = tav::kBroadcastMac, zero = tav::kZeroMac;
     const Ipv4 ip1 = ap_ip(1), ip2 = ap_ip(2), any{};
@@ -38,26 +36,24 @@ TEST_F(Dispatch, WhichMessagesAreAnsweredAndHow) {
         {"ipv4 mac and ip", kIp4, 0xA5, m1, ip1, false, 1},
         {"ipv4 mac", kIp4, 0xA5, m1, any, false, 1},
         {"ipv4 ip", kIp4, 0xA5, zero, ip1, false, 1},
-        {"ipv4 anyone", kIp4, 0xA5, zero, any, false, 1},
+        {"ipv4 anyone", kIp4, 0xA5, zero, any, false, 3},
         {"ipv4 broadcast mac", kIp4, 0xA5, bc, ip1, false, 0},
         {"ipv4 broadcast mac only", kIp4, 0xA5, bc, any, false, 0},
         {"ipv4 other mac", kIp4, 0xA5, m2, ip1, false, 0},
         {"ipv4 other ip", kIp4, 0xA5, m1, ip2, false, 0},
-        {"ipv4 other ip only", kIp4, 0xA5, zero, ip2, false, 0},
+        {"ipv4 ip of ap2", kIp4, 0xA5, zero, ip2, false, 2},
         {"raw verification", kRaw, 0xA3, m1, any, false, 1, 0x40},
         {"raw report", kRaw, 0xA0, m1, any, false, 1},
         {"raw hello", kRaw, 0x104, m1, any, false, 1},
         {"raw bye", kRaw, 0x105, m1, any, false, 1},
-        {"ipv4 verification", kIp4, 0xA3, zero, any, false, 1, 0x40},
-        {"ipv4 hello", kIp4, 0x104, zero, any, false, 1},
+        {"ipv4 verification", kIp4, 0xA3, zero, any, false, 3, 0x40},
         // Discovery stays open too: every case ends with one.
         {"managed: functions", kRaw, 0xA5, m1, any, true, 1},
         {"managed: verification", kRaw, 0xA3, m1, any, true, 1, 0x40},
-        {"managed: ipv4 functions", kIp4, 0xA5, zero, any, true, 1},
+        {"managed: ipv4 functions", kIp4, 0xA5, zero, any, true, 3},
         {"managed: report", kRaw, 0xA0, m1, any, true, 0, 0, kNotice},
         {"managed: hello", kRaw, 0x104, m1, any, true, 0, 0, kNotice},
         {"managed: bye", kRaw, 0x105, m1, any, true, 0, 0, kNotice},
-        {"managed: change password", kRaw, 0xA4, m1, any, true, 0, 0, kNotice},
         {"managed: get date", kRaw, 0xE4, m1, any, true, 0, 0, kNotice},
         {"managed: ipv4 hello", kIp4, 0x104, zero, any, true, 0, 0, kNotice},
         {"unknown op code", kRaw, 0x0999, m1, any, false, 0},
@@ -71,7 +67,7 @@ TEST_F(Dispatch, WhichMessagesAreAnsweredAndHow) {
         {"type 0xFFFF", 0xFFFF, 0xA1, m1, any, false, 0},
         {"unknown type", 0x1234, 0xA1, m1, any, false, 0, 0, "Unknow message_type !\n"},
     };
-    Client raw = lab().raw(kOwnMac), udp = lab().udp();
+    Client raw = lab().raw(kOwnMac), udp = lab().udp("192.0.2.255");
     bool managed = false;
     auto manage = [&](bool on) {
         for (int ap : {1, 2}) lab().db_set(ap, "/qm5_agent/running", on ? "1" : "0");
@@ -89,11 +85,11 @@ TEST_F(Dispatch, WhichMessagesAreAnsweredAndHow) {
         const uint16_t seq = uint16_t(i % 2 ? 0xFFFF - 2 * i : 2 * i);
         tav::Header h = request_header(ipv4, c.op, seq);
         h.msg_type = c.type, h.target_mac = c.mac, h.target_ip = c.ip, h.version = 0;
-        Output out(lab(), 1);
+        auto out = output(lab(), 1);
         ASSERT_TRUE(mgr.send_plaintext(plaintext(h)));
         mgr.set_sequence(uint16_t(seq + 1));
         int from = 0;
-        for (const auto &m : replies_before_control(mgr, seq, c.op, ipv4 ? 1 : 2)) {
+        for (const auto &m : replies_before_control(mgr, seq, c.op, 2)) {
             from |= ipv4 ? (m.src_ip == ip1) | (m.src_ip == ip2) << 1
                          : (m.src_mac == m1) | (m.src_mac == m2) << 1;
             EXPECT_EQ(m.msg_type(), ipv4 ? tav::kMsgIpv4Reply : tav::kMsgL2Reply);
@@ -108,16 +104,8 @@ TEST_F(Dispatch, WhichMessagesAreAnsweredAndHow) {
             }
         }
         EXPECT_EQ(from, c.answers);
-        EXPECT_EQ(out.fresh(), c.output);
+        EXPECT_EQ(out(), c.output);
     }
-}
-
-// Selector and ciphertext of a plaintext, as the transport carries them.
-Bytes seal(const Client &c, std::span<const uint8_t> plain) {
-    auto s = c.cipher().encode(plain).value();
-    Bytes payload{uint8_t(s.selector >> 8), uint8_t(s.selector)};
-    payload.insert(payload.end(), s.ciphertext.begin(), s.ciphertext.end());
-    return payload;
 }
 
 TEST_F(Dispatch, CutOverlongOrAlteredInputIsDroppedQuietly) {
@@ -143,30 +131,31 @@ TEST_F(Dispatch, CutOverlongOrAlteredInputIsDroppedQuietly) {
     for (const auto &c : cases) {
         for (Client *mgr : {&raw, &udp}) {
             SCOPED_TRACE(std::string(mgr->ipv4() ? "udp " : "raw ") + c.what);
-            Output out(lab(), 1);
+            auto out = output(lab(), 1);
             const uint16_t seq = mgr->next_sequence();
             mgr->set_sequence(uint16_t(seq + 1));
             tav::Header h = request_header(mgr->ipv4(), tav::kOpDiscovery, seq);
             if (!mgr->ipv4()) h.target_mac = ap_mac(1);  // ap2 stays out of it
             Bytes plain = plaintext(h);
             c.plain(plain);
-            Bytes payload = seal(*mgr, plain);
+            auto sealed = mgr->cipher().encode(plain).value();
+            Bytes payload{uint8_t(sealed.selector >> 8), uint8_t(sealed.selector)};
+            payload.insert(payload.end(), sealed.ciphertext.begin(), sealed.ciphertext.end());
             c.sealed(payload);
             ASSERT_TRUE(mgr->transport().send(payload));
             const size_t controls = mgr->ipv4() ? 1 : 2;
             EXPECT_EQ(replies_before_control(*mgr, seq, tav::kOpDiscovery, controls).size(),
                       c.answered ? 1u : 0u);
-            EXPECT_EQ(out.fresh(), "");
+            EXPECT_EQ(out(), "");
         }
     }
-    EXPECT_TRUE(lab().daemon_alive(1));
+    EXPECT_TRUE(lab().serving(1));
 }
 
 E2E_SUITE(ReplyPaths, "paths", 2, "");
 
 TEST_F(ReplyPaths, RawReplyIsBroadcastFromTheDeviceMac) {
     FrameTap tap(lab().netns_mgr());
-    ASSERT_TRUE(tap.ok());
     const uint16_t seq = lab().raw(kOwnMac).send_request(tav::kOpDiscovery, {}).value();
     auto f = tap.next(
         [&](const auto &f) {
@@ -207,18 +196,6 @@ TEST_F(ReplyPaths, UdpReplyGoesBackToTheSenderNamedFromTheArpCache) {
         ASSERT_TRUE(replies && replies->size() == 1) << "one datagram";
         EXPECT_EQ(replies->front().src_ip, ap_ip(1));
         EXPECT_EQ(replies->front().header->target_mac, target_mac);
-    }
-}
-
-TEST_F(ReplyPaths, UdpBroadcastAndMulticastReachEveryDevice) {
-    for (const char *to : {"192.0.2.255", "224.0.0.1"}) {
-        SCOPED_TRACE(to);
-        auto replies = lab().udp(to).request(tav::kOpDiscovery, {}, 1500ms);
-        ASSERT_TRUE(replies);
-        std::vector<Ipv4> from;
-        for (const auto &m : *replies) from.push_back(m.src_ip);
-        std::sort(from.begin(), from.end());
-        EXPECT_EQ(from, (std::vector<Ipv4>{ap_ip(1), ap_ip(2)}));
     }
 }
 

@@ -124,15 +124,11 @@ class Lab {
         EXPECT_EQ(r.status, 0) << r.out;
         return r.status == 0;
     }
-    int daemon_pid(int ap) const { return std::atoi(slurp(run_file(ap, "tavc.pid")).c_str()); }
-    bool daemon_alive(int ap) const {
-        const int pid = daemon_pid(ap);
-        return pid > 0 && on_ap(ap, "kill -0 " + std::to_string(pid)).status == 0;
-    }
-    // Requests are queued for the daemon once its UDP port (0xF600) is bound,
+    // The daemon runs and takes requests: its UDP port (0xF600) is bound,
     // which happens after the raw socket is open.
     bool serving(int ap) const {
-        return daemon_alive(ap) && on_ap(ap, "grep -q ':F600 ' /proc/net/udp").status == 0;
+        return on_ap(ap, "kill -0 $(cat /var/run/tavc.pid) && grep -q ':F600 ' /proc/net/udp")
+                   .status == 0;
     }
     Client raw(std::optional<Mac> source = {}) const {
         auto o = tav::client::Options::raw("eth0", netns_mgr(), cipher_path());
@@ -151,19 +147,13 @@ class Lab {
 };
 
 // What the daemon of one access point writes to standard output from now on.
-class Output {
-  public:
-    Output(const Lab &lab, int ap)
-        : path_(lab.run_file(ap, "tavc.out")), start_(slurp(path_).size()) {}
-    std::string fresh() const {
-        std::string all = slurp(path_);
-        return all.size() >= start_ ? all.substr(start_) : all;
-    }
-
-  private:
-    std::string path_;
-    size_t start_;
-};
+inline std::function<std::string()> output(const Lab &lab, int ap) {
+    const std::string path = lab.run_file(ap, "tavc.out");
+    return [path, start = slurp(path).size()] {
+        const std::string all = slurp(path);
+        return all.size() >= start ? all.substr(start) : all;  // restarted: all is new
+    };
+}
 
 // Raw frames of the protocol's EtherType as they cross the manager's
 // interface, with the Ethernet addresses the client does not expose.
@@ -173,24 +163,26 @@ class FrameTap {
         Mac dst{}, src{};
         std::optional<Message> msg;  // empty when it did not decipher
     };
+    // Opened in the manager's namespace; a tap that cannot listen fails the
+    // test at once (it would otherwise see no frame and prove nothing).
     explicit FrameTap(const std::string &netns) {
         auto c = tav::client::Cipher::load(cipher_path());
         auto scope = tav::client::NetnsScope::enter(netns);
-        if (!c || !scope) return;
-        cipher_ = std::make_unique<tav::client::Cipher>(std::move(*c));
-        fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(tav::kEtherType));
+        if (c && scope) {
+            cipher_ = std::make_unique<tav::client::Cipher>(std::move(*c));
+            fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(tav::kEtherType));
+        }
         sockaddr_ll sll{};
         sll.sll_family = AF_PACKET;
         sll.sll_protocol = htons(tav::kEtherType);
         sll.sll_ifindex = int(if_nametoindex("eth0"));
-        if (fd_ >= 0 && ::bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0)
-            ::close(fd_), fd_ = -1;
+        if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0)
+            ADD_FAILURE() << "no frame tap in " << netns;
     }
     ~FrameTap() {
         if (fd_ >= 0) ::close(fd_);
     }
     FrameTap(const FrameTap &) = delete;
-    bool ok() const { return fd_ >= 0; }
 
     // The next frame that satisfies `pred` within `window`.
     std::optional<Frame> next(const std::function<bool(const Frame &)> &pred,
@@ -199,12 +191,6 @@ class FrameTap {
         while (auto f = read(deadline))
             if (pred(*f)) return f;
         return std::nullopt;
-    }
-    std::vector<Frame> all(std::chrono::milliseconds window) {
-        std::vector<Frame> out;
-        for (const auto deadline = Clock::now() + window; auto f = read(deadline);)
-            out.push_back(std::move(*f));
-        return out;
     }
 
   private:
@@ -237,10 +223,6 @@ class FrameTap {
     int fd_ = -1;
     std::unique_ptr<tav::client::Cipher> cipher_;
 };
-
-inline bool is_announcement(const FrameTap::Frame &f, uint16_t op, const Mac &from) {
-    return f.src == from && f.msg && f.msg->is_announcement() && f.msg->op_code() == op;
-}
 
 // A request header of the raw (ipv4 = false) or IPv4 form, to any target.
 inline tav::Header request_header(bool ipv4, uint16_t op_code, uint16_t sequence) {
@@ -280,9 +262,8 @@ inline std::vector<Message> replies_before_control(Client &c, uint16_t sequence,
         out.push_back(std::move(*m));
     return out;
 }
-inline std::string hex(std::span<const uint8_t> v) { return tav::client::to_hex(v); }
-inline std::string body_hex(const Message &m) {
-    return hex(std::span(m.plaintext).subspan(m.header->size(), m.header->body_length));
+inline std::string hex(std::span<const uint8_t> v) {
+    return tav::client::to_hex(v);
 }
 
 // A suite with one lab: up before the first test, down after the last (also

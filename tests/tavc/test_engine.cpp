@@ -1,12 +1,48 @@
-// The engine's building blocks: TLV bounds, the shared request walk, shell
-// quoting, the manager registry and the credential check.
+// Unit tests of the daemon's engine, linked against the in-process store and
+// the launch/frame recorder: what only the engine can show. Discovery,
+// dispatch, verification and start-up are compared on the wire by the e2e
+// suites.
+#include <gtest/gtest.h>
+
+#include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <string>
+#include <vector>
 
-#include "engine_fixture.h"
+#include "lrgbin/rgdb_store.h"
+#include "proto/wire.h"
 #include "tavc/proc.h"
 #include "tavc/reply.h"
+#include "tavc/tavc.h"
 #include "tavc/tlv_walk.h"
+
+using Bytes = std::vector<uint8_t>;
+
+// The engine's buffers, an administrator in the store, and standard output
+// captured.
+class Engine : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        lrgbin_store::clear();
+        ASSERT_EQ(init_buff(), 0);
+        lrgbin_store::put("/sys/user:1/name", "admin");
+        lrgbin_store::put("/sys/user:1/password", "secret");
+        testing::internal::CaptureStdout();
+    }
+    void TearDown() override {
+        fflush(stdout);
+        testing::internal::GetCapturedStdout();
+        free_buff();
+    }
+    // Standard output since SetUp or the last out().
+    static std::string out() {
+        fflush(stdout);
+        std::string s = testing::internal::GetCapturedStdout();
+        testing::internal::CaptureStdout();
+        return s;
+    }
+};
 
 namespace {
 
@@ -51,19 +87,17 @@ TEST(TlvAdd, BoundedByTheReplyArea) {
     EXPECT_EQ(tav::tlv_add(value, &pos, nullptr, 1, 1), 0xFFFF);
 }
 
-TEST(Reply, WholeAreaIsBoundedAndListsKeepRoomForTheirEnd) {
+TEST(Reply, WholeAreaIsBounded) {
     static uint8_t buf[kReplyBodySize + 16];
     std::memset(buf, 0, sizeof buf);
     Reply r(buf);
     int added = 0;
-    while (r.add_be16(500, 0x1234, 6)) ++added;
-    EXPECT_TRUE(r.add_be16(501, 0)) << "closing record must still fit";
-    EXPECT_EQ(added, (65490 - 6) / 6);
-    EXPECT_FALSE(r.add_u8(1, 0));
+    while (r.add_be16(500, 0x1234)) ++added;
+    EXPECT_EQ(added, 65490 / 6);
     r.finish(0);
     uint16_t n;
     std::memcpy(&n, buf, 2);
-    EXPECT_EQ(n, 65490);
+    EXPECT_EQ(n, 65490 / 6 * 6);
     for (size_t i = kReplyBodySize; i < sizeof buf; ++i) ASSERT_EQ(buf[i], 0) << i;
 }
 
@@ -137,16 +171,6 @@ TEST_F(Walk, AppliesTheWalkRule) {
     }
 }
 
-TEST_F(Walk, PrecedenceRefusalEndsTheWalkWithTheDescribedCode) {
-    tav_tmp_server->functions[0].op_code = 0x00E1;
-    tav_server other = sender(9);
-    check_server_precedence(0x00E1, 9, &other);
-    const Bytes body = tlv(54, {3}) + tlv(300, {7});
-    WalkReq req{};
-    EXPECT_EQ(tlv_walk(kWalk, body.data(), uint16_t(body.size()), &req), 0x1234);
-    EXPECT_EQ(req.u8, 0) << "nothing after the refusal is walked";
-}
-
 TEST(ShellQuote, QuotesAndRefusesWhatDoesNotFit) {
     char out[32];
     const std::pair<const char *, const char *> cases[] = {
@@ -164,7 +188,7 @@ TEST(ShellQuote, QuotesAndRefusesWhatDoesNotFit) {
 // Scenarios between managers through user verification are end-to-end
 // tests; here the registry's own limits.
 class Registry : public Engine {
-   protected:
+  protected:
     static int size() {
         int n = 0;
         for (tav_server *s = tav_server_list; s; s = s->next) ++n;
@@ -243,4 +267,178 @@ TEST_F(Auth, AuthenticMeansExactEquality) {
     }
     EXPECT_EQ(tav_authentic(nullptr, ""), -1);
     EXPECT_EQ(tav_authentic("", nullptr), -1);
+}
+
+// ---- identity conversions and the wizard-page rule ---------------------------
+
+TEST(MacString2Hex, ConvertsTheFirstTwoCharactersOfSixFields) {
+    const std::pair<const char *, tav::Mac> cases[] = {
+        {"02:7a:76:00:00:01", {0x02, 0x7a, 0x76, 0x00, 0x00, 0x01}},
+        {"0:1:2:a:B:f", {0x0, 0x1, 0x2, 0xa, 0xb, 0xf}},
+        {"aabb:cc:dd:ee:ff:11:22", {0xaa, 0xcc, 0xdd, 0xee, 0xff, 0x11}},
+        {"FF:FF:FF:FF:FF:FF", {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
+        {"zz:1g:01:02:03:04", {0x00, 0x01, 0x01, 0x02, 0x03, 0x04}},
+        {"12:34", {0x12, 0x34, 0xEE, 0xEE, 0xEE, 0xEE}},  // fewer fields: rest untouched
+    };
+    for (const auto &[text, mac] : cases) {
+        char buf[64];
+        std::strcpy(buf, text);
+        tav::Mac out;
+        out.fill(0xEE);
+        EXPECT_EQ(mac_string2hex(buf, out.data()), 0);
+        EXPECT_EQ(out, mac) << text;
+    }
+    uint8_t out[6];
+    char text[] = "01:02:03:04:05:06";
+    EXPECT_EQ(mac_string2hex(nullptr, out), 0);
+    EXPECT_EQ(mac_string2hex(text, nullptr), 0);
+}
+
+TEST(DateTime, PositionalCopyOfDateAndTimePieces) {
+    const struct {
+        const char *date, *time, *text;
+    } cases[] = {
+        {"11/16/2026", "12:34:56", "20261116123456"},
+        {"01/02/1999", "", "19990102"},
+        {"", "07:08:09", ""},               // the year is missing, so the text is empty
+        {"1/5/2026", "12:34:56", "20261"},  // a one-digit month brings its NUL along
+        {"11/16/2026/9", "1:2:3:4", "202611161"},
+        {"111/222/33333", "444:555:666", "33331122445566"},
+    };
+    for (const auto &c : cases) {
+        char dt[16] = {};
+        convert_date_time(dt, c.date, c.time);
+        EXPECT_STREQ(dt, c.text) << c.date << " " << c.time;
+    }
+    char dt[16] = "99999999999999";
+    convert_date_time(dt, "", "");
+    EXPECT_STREQ(dt, "99999999999999") << "missing pieces leave positions as they were";
+}
+
+class Identity : public Engine {};
+
+TEST_F(Identity, WizardPageRetiredOnceCredentialsTimeAndCountryAreSet) {
+    const struct {
+        const char *first_init, *password, *time, *country_code, *country_changed, *after;
+    } cases[] = {
+        {"1", "1", "1", "840", "0", "0"},   {"1", "1", "1", "376", "0", "0"},
+        {"1", "1", "1", "276", "0", "1"},   {"1", "1", "1", "276", "1", "0"},
+        {"1", "0", "1", "840", "1", "1"},   {"1", "1", "0", "840", "1", "1"},
+        {"1", "256", "1", "840", "1", "1"},  // only the low byte counts
+        {"0", "1", "1", "840", "1", "0"},
+    };
+    for (const auto &c : cases) {
+        lrgbin_store::put("/sys/first_init", c.first_init);
+        lrgbin_store::put("/tavclient/password_changed", c.password);
+        lrgbin_store::put("/tavclient/time_changed", c.time);
+        lrgbin_store::put("/runtime/layout/countrycode", c.country_code);
+        lrgbin_store::put("/tavclient/country_changed", c.country_changed);
+        wizard_page_check();
+        EXPECT_EQ(lrgbin_store::find("/sys/first_init"), c.after)
+            << c.password << c.time << " " << c.country_code << " " << c.country_changed;
+    }
+}
+
+// ---- cipher binding (what then leaves the device is an e2e test) -------------
+
+namespace {
+int g_size;
+int sized(uint16_t) {
+    return g_size;
+}
+int sized_dec(const uint8_t *, uint16_t) {
+    return g_size;
+}
+int failing_enc(int, tav_buf *, tav_buf *, uint16_t *) {
+    return 7;
+}
+int failing_dec(uint16_t, tav_buf *, tav_buf *) {
+    return 9;
+}
+int overlong_enc(int, tav_buf *, tav_buf *out, uint16_t *) {
+    out->length = uint16_t(out->length + 1);
+    return 0;
+}
+int fill_enc(int, tav_buf *, tav_buf *out, uint16_t *sel) {
+    std::memset(out->data, 0xAB, out->length);
+    *sel = 1;
+    return 0;
+}
+int fill_dec(uint16_t, tav_buf *, tav_buf *out) {
+    std::memset(out->data, 0xCD, out->length);
+    return 0;
+}
+}  // namespace
+
+class Transport : public Engine {};
+
+TEST_F(Transport, EncodeLimitAndFailures) {
+    uint8_t buf[kTavEncodedMax];
+    uint16_t n = 0;
+    const uint8_t plain[4] = {1, 2, 3, 4};
+    tav_get_encrypted_msg_len = sized;
+    tav_encode = fill_enc;
+    for (auto [size, message] : {std::pair<int, const char *>{65507, ""},
+                                 {65508, "tav_encode_buf, message too long\n"},
+                                 {-1, "tav_encode_buf, calloc failed\n"}}) {
+        g_size = size;
+        EXPECT_EQ(tav_encode_buf(plain, 4, buf, &n), *message ? -1 : 0) << size;
+        EXPECT_EQ(out(), message);
+    }
+    EXPECT_EQ(n, 2 + 65507);
+    EXPECT_EQ(tav::get_be16(buf), 1) << "the selector leads";
+    EXPECT_EQ(tav_encode_buf(nullptr, 4, buf, &n), -1);
+    EXPECT_EQ(tav_encode_buf(plain, 4, nullptr, &n), -1);
+    g_size = 4;
+    tav_encode = failing_enc;
+    EXPECT_EQ(tav_encode_buf(plain, 4, buf, &n), -1);
+    EXPECT_EQ(out(), "tav_encode_buf, tav_encode failed:7\n");
+    tav_encode = overlong_enc;
+    EXPECT_EQ(tav_encode_buf(plain, 4, buf, &n), -1) << "more than the room it was given";
+}
+
+TEST_F(Transport, DecodeSizeLimit) {
+    tav_get_decrypted_msg_len = sized_dec;
+    tav_decode = fill_dec;
+    static uint8_t plain[tav::kMaxPlainLen + 64];
+    const uint8_t cipher[8] = {};
+    uint16_t n = 0;
+    for (auto [size, rc] : {std::pair{1024, 0}, {1025, -1}, {-1, -1}, {0, 0}}) {
+        std::memset(plain, 0x11, sizeof plain);
+        g_size = size;
+        EXPECT_EQ(tav_decode_buf(1, cipher, sizeof cipher, plain, &n), rc) << size;
+        if (rc == 0) {
+            EXPECT_EQ(n, size);
+        }
+        EXPECT_EQ(plain[tav::kMaxPlainLen], 0x11) << "never written past 1024 bytes";
+    }
+    tav_decode = failing_dec;
+    g_size = 10;
+    EXPECT_EQ(tav_decode_buf(1, cipher, sizeof cipher, plain, &n), -1);
+    EXPECT_EQ(tav_decode_buf(1, nullptr, 0, plain, &n), -1);
+    EXPECT_EQ(tav_decode_buf(1, cipher, 0, nullptr, &n), -1);
+    EXPECT_EQ(out(), "") << "dropped without a message";
+}
+
+// The shipped daemon must run with libc alone: its dynamic section may name
+// nothing but libc (and libdl where that is separate).
+TEST(Binary, NeedsOnlyLibc) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "sanitizer runtimes are linked in this build";
+#endif
+    FILE *p = popen("readelf -d '" TAVC_BINARY "' 2>&1", "r");
+    ASSERT_NE(p, nullptr);
+    std::string all;
+    int needed = 0;
+    for (char line[512]; fgets(line, sizeof line, p);) {
+        all += line;
+        std::string l(line);
+        if (l.find("(NEEDED)") == std::string::npos) continue;
+        ++needed;
+        EXPECT_TRUE(l.find("[libc.so.6]") != std::string::npos ||
+                    l.find("[libdl.so.2]") != std::string::npos)
+            << l;
+    }
+    EXPECT_EQ(pclose(p), 0) << all;
+    EXPECT_GT(needed, 0) << all;
 }
