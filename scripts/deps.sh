@@ -5,7 +5,7 @@
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
-      iproute2 util-linux coreutils procps python3 "$@")
+      iproute2 util-linux coreutils procps "$@")
 
 missing=()
 for p in "${pkgs[@]}"; do
