@@ -176,12 +176,8 @@ TEST_F(ReplyPaths, UdpReplyGoesBackToTheSenderNamedFromTheArpCache) {
         lab().on_ap(1, forget);
         lab().exec("mgr", "ip neigh del 192.0.2.11 dev eth0");
     });
-    ASSERT_EQ(
-        lab()
-            .exec("mgr",
-                  "ip neigh replace 192.0.2.11 lladdr 02:7a:76:00:00:01 dev eth0 nud permanent")
-            .status,
-        0);
+    const std::string pin = "ip neigh replace 192.0.2.11 lladdr 02:7a:76:00:00:01 dev eth0";
+    ASSERT_EQ(lab().exec("mgr", pin + " nud permanent").status, 0);
     const std::pair<std::string, Mac> cases[] = {
         {forget, tav::kZeroMac},
         {forget + "; ip neigh replace 192.0.2.1 lladdr 02:7a:76:00:00:fe dev br0 nud permanent",
