@@ -35,7 +35,7 @@ using Bytes = std::vector<uint8_t>;
 
 // Lab addresses (see lab/README.md).
 inline constexpr Mac kMgrMac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xfe};
-inline constexpr Ipv4 kMgrIp{192, 0, 2, 1}, kAnyIp{};
+inline constexpr Ipv4 kMgrIp{192, 0, 2, 1};
 inline Mac ap_mac(int n) {
     return {0x02, 0x7a, 0x76, 0x00, 0x00, uint8_t(n)};
 }
