@@ -130,14 +130,8 @@ start_daemon() {
         rm -f /var/run/tavc.pid
         return 0
     fi
-    local -a buf=()
-    # Line-buffered output, as on the device's console; stdbuf's preload does
-    # not mix with a sanitizer runtime.
-    if command -v stdbuf >/dev/null && ! LC_ALL=C grep -qa 'libasan\|libtsan' "$TAVLAB_TAVC"; then
-        buf=(stdbuf -oL -eL)
-    fi
     # Own session and process group, so a reboot can end all its children.
-    setsid env -i PATH="$TAVLAB_PATH" HOME=/ "${buf[@]}" "$TAVLAB_TAVC" \
+    setsid env -i PATH="$TAVLAB_PATH" HOME=/ "$TAVLAB_TAVC" \
         </dev/null >>/var/run/tavc.out 2>>/var/run/tavc.err &
     TAVC_PID=$!
     echo "$TAVC_PID" >/var/run/tavc.pid

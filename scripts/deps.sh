@@ -5,7 +5,7 @@
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
-      iproute2 util-linux coreutils procps "$@")
+      iproute2 util-linux procps "$@")
 
 missing=()
 for p in "${pkgs[@]}"; do
