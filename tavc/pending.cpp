@@ -10,6 +10,7 @@
         return kTavNoReply; \
     }
 
+// administration
 TAV_PENDING(tav_change_ID_and_password)
 TAV_PENDING(tav_reset)
 TAV_PENDING(tav_reset_factory_settings)
@@ -20,11 +21,15 @@ TAV_PENDING(tav_set_ipv4_address)
 TAV_PENDING(tav_set_device_information)
 TAV_PENDING(tav_get_device_date_time)
 TAV_PENDING(tav_set_device_date_time)
+
+// maintenance
 TAV_PENDING(tav_set_ag_profile)
 TAV_PENDING(tav_firmware_upgrade)
 TAV_PENDING(tav_configuration_backup)
 TAV_PENDING(tav_configuration_restore)
 TAV_PENDING(tav_reboot)
+
+// wireless
 TAV_PENDING(tav_get_device_status)
 TAV_PENDING(tav_get_ssid_list)
 TAV_PENDING(tav_set_ssid_list)
