@@ -34,7 +34,9 @@ class Engine : public ::testing::Test {
     }
     void TearDown() override {
         fflush(stdout);
-        testing::internal::GetCapturedStdout();
+        std::string rest = testing::internal::GetCapturedStdout();
+        // Failure messages went into the capture too: show them.
+        if (HasFailure()) std::fputs(rest.c_str(), stderr);
         free_buff();
     }
     // Standard output since SetUp or the last out().

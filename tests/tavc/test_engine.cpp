@@ -230,12 +230,12 @@ class Groups : public Engine {};
 TEST_F(Groups, RecordsOpenInOrderAndFillTheLatest) {
     static GroupReq req;
     req = GroupReq{};
-    Bytes body = text(927, "lost") + tlv(926, {5}) + text(927, "abcdef") + tlv(926, {6}) +
-                 tlv(927, {'x', 0});
+    Bytes body = tlv(927, {'l', 'o', 's', 't'}) + tlv(926, {5}) + tlv(927, {'a', 'b', 'c', 'd'}) +
+                 tlv(926, {6}) + tlv(927, {'x', 0});
     EXPECT_FALSE(tlv_walk(kGroups, body.data(), uint16_t(body.size()), &req).ended());
     ASSERT_EQ(req.count, 2);
     EXPECT_EQ(req.recs[0].index, 5);
-    EXPECT_STREQ(req.recs[0].name, "abcd");  // cut to 4; "ef\0" then read as a record
+    EXPECT_STREQ(req.recs[0].name, "abcd");
     EXPECT_EQ(req.recs[1].index, 6);
     EXPECT_STREQ(req.recs[1].name, "x");
     // A fourth record finds the pool full: the walk ends with the group refusal.
