@@ -23,20 +23,13 @@
 #include <string>
 #include <vector>
 
+#include "request.h"
 #include "store.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr auto kDeadline = std::chrono::seconds(2);
-constexpr std::size_t kHeader = 16;
-constexpr std::size_t kMaxReply = 1u << 20;  // cap of an expanded ephp reply
-
-enum Command : uint16_t {
-    GET = 1, SET = 2, DEL = 3, RELOAD = 4, DUMP = 5,
-    PATCH = 6, PATCH_BUFFER = 7, SET_NOTIFY = 8, EPHP = 10,
-};
-
 struct Options {
     std::string sock = "/var/run/xmldb_sock";
     std::string profile;
@@ -49,13 +42,6 @@ struct Conn {
     std::size_t out_off = 0;
     bool registered = false;
 };
-
-uint16_t get16(const char *p)
-{
-    uint16_t v;
-    std::memcpy(&v, p, sizeof(v));
-    return v;
-}
 
 class Server {
 public:
@@ -74,10 +60,6 @@ private:
     void drop(int fd);
     void expire();
     int timeout_ms() const;
-    std::string run_command(uint16_t cmd, uint64_t flags, std::string_view arg, bool &known);
-    std::string status_reply(uint16_t cmd, uint64_t flags, int32_t status);
-    std::string patch(std::string_view text);
-    const std::string &state_or(std::string_view arg, std::string &tmp) const;
 
     Options opt_;
     xmldb::Store store_;
@@ -91,7 +73,7 @@ private:
         uint32_t gen;
     };
     std::deque<Due> due_;  // accept order == deadline order
-    char rbuf_[kHeader + 65536];
+    char rbuf_[xmldb::kHeaderSize + 65536];
 };
 
 bool Server::load_initial()
@@ -294,23 +276,14 @@ void Server::on_readable(int fd)
 
 bool Server::try_request(int fd, const char *data, std::size_t len)
 {
-    if (len < kHeader)
+    auto req = xmldb::parse_request(std::string_view(data, len));
+    if (!req)
         return false;
-    std::size_t need = kHeader + get16(data + 2);
-    if (len < need)
-        return false;
-    uint16_t cmd = get16(data);
-    uint64_t flags;
-    std::memcpy(&flags, data + 4, sizeof(flags));
-    std::string_view payload(data + kHeader, need - kHeader);
-    // The argument is text: up to its NUL, or all of it when there is none.
-    std::string_view arg = payload.substr(0, payload.find('\0'));
-    bool known = true;
-    std::string out = run_command(cmd, flags, arg, known);
-    if (!known)
+    auto out = xmldb::run_command(store_, opt_.state, *req);
+    if (!out)
         drop(fd);
     else
-        reply(fd, std::move(out));
+        reply(fd, std::move(*out));
     return true;
 }
 
@@ -375,98 +348,6 @@ int Server::timeout_ms() const
         return -1;
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(due_.front().at - Clock::now());
     return left.count() < 0 ? 0 : static_cast<int>(left.count()) + 1;
-}
-
-std::string Server::status_reply(uint16_t cmd, uint64_t flags, int32_t status)
-{
-    char raw[kHeader] = {};
-    std::memcpy(raw, &cmd, 2);
-    std::memcpy(raw + 4, &flags, 8);
-    std::memcpy(raw + 12, &status, 4);
-    return std::string(raw, sizeof(raw));
-}
-
-const std::string &Server::state_or(std::string_view arg, std::string &tmp) const
-{
-    if (arg.empty())
-        return opt_.state;
-    tmp.assign(arg);
-    return tmp;
-}
-
-std::string Server::patch(std::string_view text)
-{
-    xmldb::Entries entries;
-    std::string err;
-    if (!xmldb::parse_profile(text, entries, err))
-        return "ERROR " + err;
-    store_.apply(entries);
-    return "OK " + std::to_string(entries.size());
-}
-
-std::string Server::run_command(uint16_t cmd, uint64_t flags, std::string_view arg, bool &known)
-{
-    std::string tmp, err;
-    switch (cmd) {
-    case GET: {
-        std::string_view v = store_.get(arg);
-        std::string out;
-        out.reserve(v.size() + 1);
-        out.append(v);
-        out += '\0';
-        return out;
-    }
-    case SET:
-    case SET_NOTIFY: {
-        // Key up to the first space; the value is the rest, spaces and all.
-        std::size_t sp = arg.find(' ');
-        std::string_view key = arg.substr(0, sp);
-        std::string_view value = sp == std::string_view::npos ? std::string_view() : arg.substr(sp + 1);
-        return status_reply(cmd, flags, store_.set(key, value) ? 0 : -1);
-    }
-    case DEL:
-        store_.erase_subtree(arg);
-        return status_reply(cmd, flags, arg.empty() ? -1 : 0);
-    case RELOAD: {
-        const std::string &path = state_or(arg, tmp);
-        xmldb::Map map;
-        if (path.empty() || !xmldb::load_file(path, map, err)) {
-            if (!err.empty())
-                std::fprintf(stderr, "xmldb: reload: %s\n", err.c_str());
-            return status_reply(cmd, flags, -1);
-        }
-        store_.replace(std::move(map));
-        return status_reply(cmd, flags, 0);
-    }
-    case DUMP: {
-        const std::string &path = state_or(arg, tmp);
-        if (path.empty() || !xmldb::dump_file(path, store_.map(), err)) {
-            if (!err.empty())
-                std::fprintf(stderr, "xmldb: dump: %s\n", err.c_str());
-            return status_reply(cmd, flags, -1);
-        }
-        return status_reply(cmd, flags, 0);
-    }
-    case PATCH: {
-        std::string text;
-        std::string out = xmldb::read_file(std::string(arg), text, err) ? patch(text) : "ERROR " + err;
-        out += '\0';
-        return out;
-    }
-    case PATCH_BUFFER: {
-        std::string out = patch(arg);
-        out += '\0';
-        return out;
-    }
-    case EPHP: {
-        std::string out = store_.expand(arg, kMaxReply);
-        out += '\0';
-        return out;
-    }
-    default:
-        known = false;
-        return {};
-    }
 }
 
 void usage(FILE *to)
