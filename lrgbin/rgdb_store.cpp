@@ -62,6 +62,11 @@ bool load_profile(const std::string &path, std::string *error)
     return ok;
 }
 
+void replace(const std::map<std::string, std::string, std::less<>> &contents)
+{
+    store().replace(contents);
+}
+
 void set_online(bool on)
 {
     online = on;

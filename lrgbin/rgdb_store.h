@@ -12,7 +12,10 @@ namespace lrgbin_store {
 void clear();
 void put(const std::string &key, const std::string &value);
 std::optional<std::string> find(const std::string &key);
+// Everything there is, and a return to such a state (a fuzzer restores the
+// profile before every input).
 const std::map<std::string, std::string, std::less<>> &contents();
+void replace(const std::map<std::string, std::string, std::less<>> &contents);
 // Loads a profile file (the xmldb format) on top of what is there.
 bool load_profile(const std::string &path, std::string *error = nullptr);
 // While offline every typed call fails as if the database were unreachable.

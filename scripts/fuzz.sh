@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Builds the fuzz preset and runs every libFuzzer target for a bounded time,
+# starting from the generated seed corpora (plus the corpus kept from earlier
+# runs in build/fuzz/corpus). Fails on any finding: the crashing input is left
+# in build/fuzz/findings/TARGET/ and replays with
+#   build/fuzz/fuzz/TARGET build/fuzz/findings/TARGET/crash-...
+# Prints executions and coverage per target; --summary FILE also writes them
+# as "target execs cov ft corpus" lines.
+# Usage: scripts/fuzz.sh [SECONDS-PER-TARGET (default 60)] [--summary FILE] [TARGET...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds=60
+summary=""
+only=()
+while [ $# -gt 0 ]; do
+    case $1 in
+        --summary) summary=$2; shift 2 ;;
+        -h|--help) sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        [0-9]*) seconds=$1; shift ;;
+        *) only+=("$1"); shift ;;
+    esac
+done
+
+scripts/deps.sh clang libclang-rt-14-dev
+cmake --preset fuzz >/dev/null
+cmake --build build/fuzz --target fuzz_all -j"$(nproc)"
+
+out=build/fuzz
+seeds=$out/seeds
+rm -rf "$seeds"
+"$out/fuzz/make_seeds" "$seeds"
+
+mapfile -t targets < "$out/fuzz/targets.txt"
+((${#only[@]})) && targets=("${only[@]}")
+[ -n "$summary" ] && : > "$summary"
+failed=0
+for t in "${targets[@]}"; do
+    [ -n "$t" ] || continue
+    corpus=$out/corpus/${t%_fuzz}
+    findings=$out/findings/$t
+    mkdir -p "$corpus" "$findings"
+    dict=()
+    maxlen=4096
+    # The daemon deciphers at most 1024 bytes.
+    [ "$t" = engine_fuzz ] && dict=(-dict="$seeds/engine.dict") maxlen=1024
+    log=$out/$t.log
+    echo "fuzz: $t for ${seconds}s"
+    set +e
+    "$out/fuzz/$t" -max_total_time="$seconds" -max_len="$maxlen" -timeout=10 -rss_limit_mb=2048 \
+        -print_final_stats=1 -artifact_prefix="$findings/" "${dict[@]}" \
+        "$corpus" "$seeds/${t%_fuzz}" >"$log" 2>&1
+    rc=$?
+    set -e
+    execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1 || true)
+    cov=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | cut -d' ' -f2 || true)
+    ft=$(grep -o 'ft: [0-9]*' "$log" | tail -1 | cut -d' ' -f2 || true)
+    units=$(grep -o 'corp: [0-9]*' "$log" | tail -1 | cut -d' ' -f2 || true)
+    printf 'fuzz: %-12s execs %-10s cov %-6s ft %-6s corpus %s\n' "$t" "${execs:-?}" "${cov:-?}" "${ft:-?}" "${units:-?}"
+    [ -n "$summary" ] && echo "$t ${execs:-0} ${cov:-0} ${ft:-0} ${units:-0}" >> "$summary"
+    if [ $rc -ne 0 ]; then
+        echo "fuzz: $t FOUND A PROBLEM (exit $rc); its log: $log" >&2
+        grep -E '^(==[0-9]+==|SUMMARY|engine_fuzz|xmldb_fuzz|reply_fuzz|base64_fuzz|fuzz guard|.*runtime error)' "$log" | head -20 >&2
+        ls "$findings" >&2
+        failed=1
+    fi
+done
+exit $failed
