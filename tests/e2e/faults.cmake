@@ -1,0 +1,9 @@
+# Faults around the daemon that ships (release build when present, as in
+# hostile.cmake): the database absent, killed, stalled and restarted;
+# SIGTERM mid-flood; delayed children; a full manager registry.
+tav_e2e_executable(tav_e2e_faults faults_test.cpp)
+target_compile_definitions(tav_e2e_faults PRIVATE E2E_RELEASE_DIR="${PROJECT_SOURCE_DIR}/build/release"
+  E2E_PROFILE="${PROJECT_SOURCE_DIR}/sim/profiles/default")
+tav_e2e_suites(tav_e2e_faults faults_db=DatabaseFaults faults_term=TermMidFlood
+  faults_children=DelayedChildren faults_managers=ManyManagers)
+set_tests_properties(e2e_faults_db e2e_faults_children e2e_faults_managers PROPERTIES TIMEOUT 300)
