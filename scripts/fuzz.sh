@@ -22,7 +22,7 @@ while [ $# -gt 0 ]; do
     esac
 done
 
-scripts/deps.sh clang libclang-rt-14-dev
+scripts/deps.sh
 cmake --preset fuzz >/dev/null
 cmake --build build/fuzz --target fuzz_all -j"$(nproc)"
 
