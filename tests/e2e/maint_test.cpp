@@ -359,5 +359,63 @@ TEST_F(Reboot, AnswersAtOnceAndRebootsAfterTheDelay) {
     }
 }
 
+MAINT_SUITE(ToolWait, "tool");
+
+// tavctl on the manager's raw path to access point 1, with the profile's
+// password; the exit status and what it printed (stdout, then stderr).
+struct Tool {
+    int status;
+    std::string out, err;
+};
+Tool tavctl(const std::string &netns, const std::string &args) {
+    const std::string err_file = "/tmp/e2e-maint-tavctl-" + std::to_string(getpid());
+    Sh r = sh("{ env TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=admin " + std::string(E2E_BUILD_DIR) +
+              "/tools/tavctl/tavctl --netns " + netns + " --cipher " + quote(cipher_path()) +
+              " --iface eth0 --target 02:7a:76:00:00:01 --user admin " + args + " 2>" + err_file + "; }");
+    Tool t{r.status, r.out, slurp(err_file)};
+    std::remove(err_file.c_str());
+    return t;
+}
+
+TEST_F(ToolWait, FollowsTransfersToTheirOutcome) {
+    const std::string mgr = lab().netns_mgr();
+    const std::string fw = "firmware upgrade --server 192.0.2.1 --file fw.bin --wait --limit 60";
+    put_file("tftp.outcome", "slow\n");
+    Tool ok = tavctl(mgr, fw);
+    EXPECT_EQ(ok.status, 0) << ok.err;
+    const size_t running = ok.out.find("firmware upgrade: running (status 2, ");
+    const size_t bye = ok.out.find("firmware upgrade: bye from 02:7a:76:00:00:01");
+    const size_t hello = ok.out.find("firmware upgrade: hello from 02:7a:76:00:00:01");
+    EXPECT_TRUE(running < bye && bye < hello && hello != std::string::npos) << ok.out;
+
+    put_file("tftp.outcome", "fail\n");
+    Tool failed = tavctl(mgr, fw);
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_NE(failed.err.find("failed: upgrade FW failed"), std::string::npos) << failed.err;
+
+    put_file("tftp.outcome", "slow\n");
+    Tool backup = tavctl(mgr, "config backup --server 192.0.2.1 --file t.cfg --wait --limit 60");
+    EXPECT_EQ(backup.status, 0) << backup.err;
+    EXPECT_NE(backup.out.find("configuration backup: ended after"), std::string::npos) << backup.out;
+    Tool restore = tavctl(mgr, "config restore --server 192.0.2.1 --file t.cfg --wait --limit 60");
+    EXPECT_EQ(restore.status, 0) << restore.err;
+    EXPECT_NE(restore.out.find("configuration restore: hello from"), std::string::npos) << restore.out;
+    put_file("tftp.outcome", "fail\n");
+    Tool restore_failed = tavctl(mgr, "config restore --server 192.0.2.1 --file t.cfg --wait --limit 60");
+    EXPECT_EQ(restore_failed.status, 1) << restore_failed.out;
+
+    // The time limit, and a second start while the first runs.
+    put_file("tftp.outcome", "success\n");
+    put_file("tftp.delay", "4\n");
+    Finally normal([&] { std::remove(lab().run_file(1, "tftp.delay").c_str()); });
+    Tool late = tavctl(mgr, "config backup --server 192.0.2.1 --file t.cfg --wait --limit 1");
+    EXPECT_EQ(late.status, 3);
+    EXPECT_NE(late.err.find("no outcome within"), std::string::npos) << late.err;
+    Tool busy = tavctl(mgr, "config backup --server 192.0.2.1 --file t.cfg");
+    EXPECT_EQ(busy.status, 1);
+    EXPECT_NE(busy.err.find("already runs"), std::string::npos) << busy.err;
+    EXPECT_TRUE(db_is(kBackupStatus, "0", 10s));
+}
+
 }  // namespace
 }  // namespace e2e
