@@ -12,7 +12,7 @@
 
 namespace maint {
 
-inline constexpr uint8_t kConfigure = 1;   // SUBSERVICE_TYPE: start a transfer
+inline constexpr uint8_t kConfigure = 1;  // SUBSERVICE_TYPE: start a transfer
 inline constexpr uint8_t kStatusQuery = 2;
 inline constexpr uint8_t kTftpServer = 1;  // SERVER_TYPE
 inline constexpr size_t kFileNameMax = 128;

@@ -19,18 +19,23 @@ const std::string kFwStatus = "/runtime/tavclient/function/fw_upgrade/status";
 const std::string kBackupStatus = "/runtime/tavclient/function/tav_configuration_backup/status";
 const std::string kRestoreStatus = "/runtime/tavclient/function/tav_configuration_restore/status";
 
-TlvList admin() { return {tlv_text(55, "admin"), tlv_text(56, "admin")}; }
+TlvList admin() {
+    return {tlv_text(55, "admin"), tlv_text(56, "admin")};
+}
 TlvList operator+(TlvList a, const TlvList &b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
 // A "Parameter configure" for `file` (under tag 0x185 or 0x186) on 192.0.2.1.
 TlvList configure(uint16_t file_tag, const std::string &file, bool server_type = true) {
-    TlvList t = admin() + TlvList{tlv_u8(0x0180, 1), tlv_ipv4(0x0183, kMgrIp), tlv_text(file_tag, file)};
+    TlvList t =
+        admin() + TlvList{tlv_u8(0x0180, 1), tlv_ipv4(0x0183, kMgrIp), tlv_text(file_tag, file)};
     if (server_type) t.push_back(tlv_u8(0x0181, 1));
     return t;
 }
-TlvList query() { return admin() + TlvList{tlv_u8(0x0180, 2)}; }
+TlvList query() {
+    return admin() + TlvList{tlv_u8(0x0180, 2)};
+}
 
 // The reply body of a transfer, as hex: SUBSERVICE_TYPE, REPLY_STATUS and,
 // for a failed upgrade, the failure text with its NUL.
@@ -38,8 +43,9 @@ std::string transfer_reply(uint8_t sub, uint8_t status, bool failure_text = fals
     char b[32];
     snprintf(b, sizeof b, "01800001%02x01840001%02x", sub, status);
     std::string s = b;
-    if (failure_text) s += "01870012" + hex(Bytes{'u', 'p', 'g', 'r', 'a', 'd', 'e', ' ', 'F', 'W', ' ',
-                                                 'f', 'a', 'i', 'l', 'e', 'd', 0});
+    if (failure_text)
+        s += "01870012" + hex(Bytes{'u', 'p', 'g', 'r', 'a', 'd', 'e', ' ', 'F', 'W', ' ', 'f', 'a',
+                                    'i', 'l', 'e', 'd', 0});
     return s;
 }
 
@@ -50,7 +56,7 @@ std::string body_hex(const Message &m) {
 // A suite with one access point, its manager, and the access point's records.
 template <class Self>
 class MaintSuite : public LabSuite<Self> {
-  protected:
+   protected:
     using LabSuite<Self>::lab;
 
     // Sends and returns the reply's result code and body (hex); fails the
@@ -98,11 +104,11 @@ class MaintSuite : public LabSuite<Self> {
     }
 };
 
-#define MAINT_SUITE(Name, code)                          \
-    struct Name : MaintSuite<Name> {                     \
-        static constexpr const char *kCode = code;       \
-        static constexpr int kAps = 1;                   \
-        static std::string kUpArgs() { return ""; }      \
+#define MAINT_SUITE(Name, code)                     \
+    struct Name : MaintSuite<Name> {                \
+        static constexpr const char *kCode = code;  \
+        static constexpr int kAps = 1;              \
+        static std::string kUpArgs() { return ""; } \
     }
 
 MAINT_SUITE(Upgrade, "upg");
@@ -168,7 +174,8 @@ TEST_F(Upgrade, FileNamesReachTftpAsOneLiteralArgument) {
         ASSERT_TRUE(db_is(kFwStatus, "1", 10s));
         const std::string args = slurp(lab().run_file(1, "tftp.args"));
         std::string want;
-        for (const std::string &a : {std::string("-f"), std::string("192.0.2.1"), std::string("-r"), name})
+        for (const std::string &a :
+             {std::string("-f"), std::string("192.0.2.1"), std::string("-r"), name})
             want += a + '\0';
         EXPECT_EQ(args, want);
         const auto ev = events();
@@ -194,8 +201,9 @@ TEST_F(Transfers, BackupThenRestoreRestartsWithTheSavedConfiguration) {
     EXPECT_EQ(ask(0x101, query()), std::pair(0, transfer_reply(2, 2)));
     ASSERT_TRUE(db_is(kBackupStatus, "0", 10s));
     EXPECT_EQ(ask(0x101, query()), std::pair(0, transfer_reply(2, 0)));
-    EXPECT_EQ(events(), (std::vector<std::string>{"sys -s configsave",
-                                                  "tftp -r ap1.cfg -p 192.0.2.1 -l /var/config.bin"}));
+    EXPECT_EQ(events(),
+              (std::vector<std::string>{"sys -s configsave",
+                                        "tftp -r ap1.cfg -p 192.0.2.1 -l /var/config.bin"}));
     const std::string saved = slurp(lab().run_file(1, "tftpboot/ap1.cfg"));
     EXPECT_NE(saved.find("\n/sys/systemName Saved-Name\n"), std::string::npos);
     EXPECT_EQ(saved.find("/runtime/"), std::string::npos);
@@ -238,10 +246,9 @@ TEST_F(Transfers, FailuresEndBackupAtZeroAndRestoreAtOneWithoutReboot) {
     ASSERT_TRUE(db_is(kRestoreStatus, "1", 10s));
     std::this_thread::sleep_for(6s);  // past the 5 s a successful restore waits
     EXPECT_EQ(boots(), boots_before);
-    EXPECT_EQ(events(), (std::vector<std::string>{"sys -s configsave",
-                                                  "tftp -r b.cfg -p 192.0.2.1 -l /var/config.bin",
-                                                  "tftp -d 192.0.2.1 -r b.cfg",
-                                                  "tftp -d 192.0.2.1 -r no-such.cfg"}));
+    EXPECT_EQ(events(), (std::vector<std::string>{
+                            "sys -s configsave", "tftp -r b.cfg -p 192.0.2.1 -l /var/config.bin",
+                            "tftp -d 192.0.2.1 -r b.cfg", "tftp -d 192.0.2.1 -r no-such.cfg"}));
 }
 
 MAINT_SUITE(Agent, "agt");
@@ -256,18 +263,24 @@ TEST_F(Agent, ProfileStoresKeysAndStartsTheAgentUnlessOneRuns) {
         lab().on_ap(1, "pkill -f '^(/usr/sbin/)?qm5_agent '");
         lab().db_set(1, "/qm5_agent/running", "0");
     });
-    ASSERT_EQ(lab().on_ap(1, "rgdb -s /qm5_agent/running 0 && rgdb -s /qm5_agent/record_unmanaged 5"
-                             " && rgdb -s /qm5_agent/reg_pass 5"
-                             " && rgdb -s /runtime/qm5_agent/tav_sync_version 98")
+    ASSERT_EQ(lab()
+                  .on_ap(1,
+                         "rgdb -s /qm5_agent/running 0 && rgdb -s /qm5_agent/record_unmanaged 5"
+                         " && rgdb -s /qm5_agent/reg_pass 5"
+                         " && rgdb -s /runtime/qm5_agent/tav_sync_version 98")
                   .status,
               0);
     clear_events();
     EXPECT_EQ(ask(0xE6, profile("grp-1 50%s", "https://nms.example.net/x", 45)), kProfileAccepted);
     const std::pair<const char *, const char *> keys[] = {
-        {"/qm5_agent/ag_uuid", "grp-1 50%s"},   {"/qm5_agent/nms_server", "https://nms.example.net/x"},
-        {"/qm5_agent/keep_alive", "45"},        {"/qm5_agent/enable", "1"},
-        {"/qm5_agent/running", "1"},            {"/qm5_agent/record_unmanaged", "0"},
-        {"/qm5_agent/reg_pass", "0"},           {"/runtime/qm5_agent/tav_sync_version", "99"},
+        {"/qm5_agent/ag_uuid", "grp-1 50%s"},
+        {"/qm5_agent/nms_server", "https://nms.example.net/x"},
+        {"/qm5_agent/keep_alive", "45"},
+        {"/qm5_agent/enable", "1"},
+        {"/qm5_agent/running", "1"},
+        {"/qm5_agent/record_unmanaged", "0"},
+        {"/qm5_agent/reg_pass", "0"},
+        {"/runtime/qm5_agent/tav_sync_version", "99"},
         {"/sys/swcontroller/enable", ""},
     };
     for (auto [k, v] : keys) EXPECT_EQ(db(k), v) << k;
@@ -284,8 +297,10 @@ TEST_F(Agent, ProfileStoresKeysAndStartsTheAgentUnlessOneRuns) {
     EXPECT_EQ(db("/qm5_agent/record_unmanaged"), "5");
 
     // Only a process whose first argument is exactly "qm5_agent" counts.
-    ASSERT_EQ(lab().on_ap(1, "pkill -f '^qm5_agent '; bash -c '(exec -a /usr/sbin/qm5_agent sleep 600"
-                             " </dev/null >/dev/null 2>&1 &)'")
+    ASSERT_EQ(lab()
+                  .on_ap(1,
+                         "pkill -f '^qm5_agent '; bash -c '(exec -a /usr/sbin/qm5_agent sleep 600"
+                         " </dev/null >/dev/null 2>&1 &)'")
                   .status,
               0);
     ASSERT_NE(lab().on_ap(1, "pgrep -f '^qm5_agent '").status, 0);
@@ -318,11 +333,12 @@ TEST_F(Agent, RunningAgentLocksTransfersButNotProfileOrReboot) {
     }
     // Served: the profile, and reboot (refused here by its password).
     EXPECT_EQ(ask(0xE6, profile("g", "n", 3)), kProfileAccepted);
-    EXPECT_EQ(ask(0x103, {tlv_text(55, "admin"), tlv_text(56, "x")}), std::pair(0x40, std::string()));
+    EXPECT_EQ(ask(0x103, {tlv_text(55, "admin"), tlv_text(56, "x")}),
+              std::pair(0x40, std::string()));
     const std::string notices = out();
     size_t count = 0;
-    for (size_t at = 0; (at = notices.find("NOTICE:operation is not allowed in current mode\n", at)) !=
-                        std::string::npos;
+    for (size_t at = 0; (at = notices.find("NOTICE:operation is not allowed in current mode\n",
+                                           at)) != std::string::npos;
          ++at)
         ++count;
     EXPECT_EQ(count, 3u) << notices;
@@ -371,7 +387,8 @@ Tool tavctl(const std::string &netns, const std::string &args) {
     const std::string err_file = "/tmp/e2e-maint-tavctl-" + std::to_string(getpid());
     Sh r = sh("{ env TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=admin " + std::string(E2E_BUILD_DIR) +
               "/tools/tavctl/tavctl --netns " + netns + " --cipher " + quote(cipher_path()) +
-              " --iface eth0 --target 02:7a:76:00:00:01 --user admin " + args + " 2>" + err_file + "; }");
+              " --iface eth0 --target 02:7a:76:00:00:01 --user admin " + args + " 2>" + err_file +
+              "; }");
     Tool t{r.status, r.out, slurp(err_file)};
     std::remove(err_file.c_str());
     return t;
@@ -396,12 +413,15 @@ TEST_F(ToolWait, FollowsTransfersToTheirOutcome) {
     put_file("tftp.outcome", "slow\n");
     Tool backup = tavctl(mgr, "config backup --server 192.0.2.1 --file t.cfg --wait --limit 60");
     EXPECT_EQ(backup.status, 0) << backup.err;
-    EXPECT_NE(backup.out.find("configuration backup: ended after"), std::string::npos) << backup.out;
+    EXPECT_NE(backup.out.find("configuration backup: ended after"), std::string::npos)
+        << backup.out;
     Tool restore = tavctl(mgr, "config restore --server 192.0.2.1 --file t.cfg --wait --limit 60");
     EXPECT_EQ(restore.status, 0) << restore.err;
-    EXPECT_NE(restore.out.find("configuration restore: hello from"), std::string::npos) << restore.out;
+    EXPECT_NE(restore.out.find("configuration restore: hello from"), std::string::npos)
+        << restore.out;
     put_file("tftp.outcome", "fail\n");
-    Tool restore_failed = tavctl(mgr, "config restore --server 192.0.2.1 --file t.cfg --wait --limit 60");
+    Tool restore_failed =
+        tavctl(mgr, "config restore --server 192.0.2.1 --file t.cfg --wait --limit 60");
     EXPECT_EQ(restore_failed.status, 1) << restore_failed.out;
 
     // The time limit, and a second start while the first runs.

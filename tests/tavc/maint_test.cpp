@@ -17,9 +17,13 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-std::string key(const char *k) { return lrgbin_store::find(k).value_or("<unset>"); }
+std::string key(const char *k) {
+    return lrgbin_store::find(k).value_or("<unset>");
+}
 
-Bytes u8(uint16_t tag, uint8_t v, int declared = -1) { return tlv(tag, {v}, declared); }
+Bytes u8(uint16_t tag, uint8_t v, int declared = -1) {
+    return tlv(tag, {v}, declared);
+}
 const Bytes kServer = tlv(0x0183, {192, 0, 2, 1});
 
 // A configure request (subservice 1, TFTP server) for `file` under `file_tag`.
@@ -27,14 +31,16 @@ Bytes configure(uint16_t file_tag, const std::string &file, bool server_type = t
     Bytes b = admin() + u8(0x0180, 1) + kServer + tlv(file_tag, Bytes(file.begin(), file.end()));
     return server_type ? b + u8(0x0181, 1) : b;
 }
-Bytes status_query() { return admin() + u8(0x0180, 2); }
+Bytes status_query() {
+    return admin() + u8(0x0180, 2);
+}
 
 }  // namespace
 
 // Engine::call() points tav_tmp_server at the fixture's own sender record;
 // the engine's record goes back before free_buff() releases it.
 class MaintEngine : public Engine {
-  protected:
+   protected:
     void SetUp() override {
         Engine::SetUp();
         own_sender_ = tav_tmp_server;
@@ -44,12 +50,12 @@ class MaintEngine : public Engine {
         Engine::TearDown();
     }
 
-  private:
+   private:
     tav_server *own_sender_ = nullptr;
 };
 
 class AgentProfile : public MaintEngine {
-  protected:
+   protected:
     void SetUp() override {
         MaintEngine::SetUp();
         for (auto [k, v] : {std::pair{"/qm5_agent/record_unmanaged", "7"},
@@ -126,10 +132,11 @@ TEST_F(AgentProfile, StoresProfileCommitsAndStartsTheAgent) {
 
 TEST_F(AgentProfile, WalkAndRefusals) {
     // Tag 49 moves the walk by 5 whatever its length says.
-    ASSERT_EQ(call(tav_set_ag_profile, 0xE6,
-                   text(47, "g") + Bytes{0x00, 0x31, 0x00, 0x02, 0x21, 0x00, 0x30, 0x00, 0x02, 'n',
-                                         0} + admin()),
-              0);
+    ASSERT_EQ(
+        call(tav_set_ag_profile, 0xE6,
+             text(47, "g") + Bytes{0x00, 0x31, 0x00, 0x02, 0x21, 0x00, 0x30, 0x00, 0x02, 'n', 0} +
+                 admin()),
+        0);
     EXPECT_EQ(key("/qm5_agent/keep_alive"), "33");
     EXPECT_EQ(key("/qm5_agent/nms_server"), "n");
     // Tag 55 takes at most 65 value bytes: the rest is the next record.
@@ -195,15 +202,24 @@ TEST_F(Upgrade, ProgressMachine) {
         Strings commands;  // "" = the fork
         const char *after;
     } cases[] = {
-        {"idle, success", "0", "FW_SUCCESS", configure(0x0185, "fw.bin"), answer(1, 0), success_run, "3"},
-        {"idle, failure", "0", "FW_FAILED", configure(0x0185, "fw.bin"), answer(1, 0), failed_run, "1"},
-        {"verdict must match exactly", "0", "FW_SUCCESS ", configure(0x0185, "fw.bin"), answer(1, 0),
-         failed_run, "1"},
-        {"failed, again", "1", "FW_SUCCESS", configure(0x0185, "fw.bin"), answer(1, 0), success_run, "3"},
+        {"idle, success", "0", "FW_SUCCESS", configure(0x0185, "fw.bin"), answer(1, 0), success_run,
+         "3"},
+        {"idle, failure", "0", "FW_FAILED", configure(0x0185, "fw.bin"), answer(1, 0), failed_run,
+         "1"},
+        {"verdict must match exactly", "0", "FW_SUCCESS ", configure(0x0185, "fw.bin"),
+         answer(1, 0), failed_run, "1"},
+        {"failed, again", "1", "FW_SUCCESS", configure(0x0185, "fw.bin"), answer(1, 0), success_run,
+         "3"},
         {"running: nothing", "2", "", configure(0x0185, "fw.bin"), answer(1, 0), {}, "2"},
         {"done: nothing", "3", "", configure(0x0185, "fw.bin"), answer(1, 0), {}, "3"},
         {"unknown progress: nothing", "4", "", configure(0x0185, "fw.bin"), answer(1, 0), {}, "4"},
-        {"no server type: nothing", "0", "", configure(0x0185, "fw.bin", false), answer(1, 0), {}, "0"},
+        {"no server type: nothing",
+         "0",
+         "",
+         configure(0x0185, "fw.bin", false),
+         answer(1, 0),
+         {},
+         "0"},
         {"query idle", "0", "", status_query(), answer(2, 0), {}, "0"},
         {"query failed", "1", "", status_query(), answer(2, 1) + failed_text, {}, "1"},
         {"query running", "2", "", status_query(), answer(2, 2), {}, "2"},
@@ -222,7 +238,8 @@ TEST_F(Upgrade, ProgressMachine) {
         EXPECT_EQ(reply_tlvs(), c.reply);
         EXPECT_EQ(commands(), c.commands);
         EXPECT_EQ(key(kFwUpgradeStatusKey), c.after);
-        EXPECT_EQ(out(), c.commands.empty() ? "" : "firmware upgrade:" + std::string(c.verdict) + "\n");
+        EXPECT_EQ(out(),
+                  c.commands.empty() ? "" : "firmware upgrade:" + std::string(c.verdict) + "\n");
     }
 }
 
@@ -264,7 +281,8 @@ TEST_F(Upgrade, FileNamesAndAddressesReachTftpAsOneArgument) {
          admin() + u8(0x0180, 1) + u8(0x0181, 1) + tlv(0x0183, {10, 0, 0}) + text(0x0185, "f"),
          "tftp -f '' -r f"},
         {"address of 5 bytes ignored",
-         admin() + u8(0x0180, 1) + u8(0x0181, 1) + tlv(0x0183, {10, 0, 0, 1, 0}) + text(0x0185, "f"),
+         admin() + u8(0x0180, 1) + u8(0x0181, 1) + tlv(0x0183, {10, 0, 0, 1, 0}) +
+             text(0x0185, "f"),
          "tftp -f '' -r f"},
         {"one-byte tags move by 5",
          admin() + Bytes{0x01, 0x80, 0x00, 0x02, 0x01, 0x01, 0x81, 0x00, 0x01, 0x01} + kServer +
@@ -325,7 +343,10 @@ TEST_F(Transfers, BackupUploadsAfterSavingAndEndsAtZero) {
         {"after another value", "1", configure(0x0186, "cfg.bin"), run,
          u8(0x0180, 1) + u8(0x0184, 0)},
         {"running: nothing", "2", configure(0x0186, "cfg.bin"), {}, u8(0x0180, 1) + u8(0x0184, 2)},
-        {"other server type", "0", configure(0x0186, "cfg.bin", false) + u8(0x0181, 2), {},
+        {"other server type",
+         "0",
+         configure(0x0186, "cfg.bin", false) + u8(0x0181, 2),
+         {},
          u8(0x0180, 1) + u8(0x0184, 0)},
         {"query answers the key", "5", status_query(), {}, u8(0x0180, 2) + u8(0x0184, 5)},
         {"low 8 bits", "258", status_query(), {}, u8(0x0180, 2) + u8(0x0184, 2)},
@@ -348,10 +369,24 @@ TEST_F(Transfers, RestoreRebootsOnlyAfterASuccessfulDownload) {
         Strings commands;
         const char *after;
     } cases[] = {
-        {"success", "0", configure(0x0186, "cfg.bin"), 0,
-         {"", "tftp -d 192.0.2.1 -r cfg.bin", "", "sleep 5; reboot"}, "0"},
-        {"failure", "1", configure(0x0186, "cfg.bin"), 256, {"", "tftp -d 192.0.2.1 -r cfg.bin"}, "1"},
-        {"not started", "0", configure(0x0186, "cfg.bin"), -1, {"", "tftp -d 192.0.2.1 -r cfg.bin"}, "1"},
+        {"success",
+         "0",
+         configure(0x0186, "cfg.bin"),
+         0,
+         {"", "tftp -d 192.0.2.1 -r cfg.bin", "", "sleep 5; reboot"},
+         "0"},
+        {"failure",
+         "1",
+         configure(0x0186, "cfg.bin"),
+         256,
+         {"", "tftp -d 192.0.2.1 -r cfg.bin"},
+         "1"},
+        {"not started",
+         "0",
+         configure(0x0186, "cfg.bin"),
+         -1,
+         {"", "tftp -d 192.0.2.1 -r cfg.bin"},
+         "1"},
         {"running: nothing", "2", configure(0x0186, "cfg.bin"), 0, {}, "2"},
         {"no server type: nothing", "1", configure(0x0186, "cfg.bin", false), 0, {}, "1"},
         {"query", "1", status_query(), 0, {}, "1"},
@@ -373,7 +408,8 @@ TEST_F(Transfers, RestoreRebootsOnlyAfterASuccessfulDownload) {
 class Reboot : public MaintEngine {};
 
 TEST_F(Reboot, AnswersAtOnceAndLeavesADelayedChild) {
-    const Bytes answer{0x01, 0x89, 0x00, 0x04, 0, 0, 0, 2, 0x01, 0x8A, 0x00, 0x04, 0x00, 0x04, 0x93, 0xE0};
+    const Bytes answer{0x01, 0x89, 0x00, 0x04, 0,    0,    0,    2,
+                       0x01, 0x8A, 0x00, 0x04, 0x00, 0x04, 0x93, 0xE0};
     const struct {
         const char *name;
         Bytes body;
@@ -382,8 +418,7 @@ TEST_F(Reboot, AnswersAtOnceAndLeavesADelayedChild) {
         {"no delay", admin(), 0},
         {"delay 30", be32(0x0188, 30) + admin(), 30},
         {"delay 4294967295", admin() + be32(0x0188, 0xFFFFFFFF), 0xFFFFFFFF},
-        {"length field 2 still takes 4 bytes",
-         tlv(0x0188, {0, 0, 1, 2}, 2) + admin(), 0x0102},
+        {"length field 2 still takes 4 bytes", tlv(0x0188, {0, 0, 1, 2}, 2) + admin(), 0x0102},
         {"4 value bytes past the body: the walk ends", admin() + tlv(0x0188, {0, 9}), 0},
     };
     for (const auto &c : cases) {

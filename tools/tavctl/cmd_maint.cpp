@@ -10,7 +10,8 @@ namespace tavctl {
 
 namespace {
 
-const char kHelp_agent_set[] = R"(usage: tavctl [OPTIONS] agent set --uuid ID --server ADDR --interval N
+const char kHelp_agent_set[] =
+    R"(usage: tavctl [OPTIONS] agent set --uuid ID --server ADDR --interval N
 
 Hands the device over to a central management server (op 0xE6): stores the
 agent group identifier ID (at most 32 characters), the management server's
@@ -22,7 +23,8 @@ Needs --user and a password (see "tavctl verify --help") and one device
 (--target, or --udp to its address).
 )";
 
-const char kHelp_firmware_upgrade[] = R"(usage: tavctl [OPTIONS] firmware upgrade --server ADDR --file NAME [--wait [--limit S]]
+const char kHelp_firmware_upgrade[] =
+    R"(usage: tavctl [OPTIONS] firmware upgrade --server ADDR --file NAME [--wait [--limit S]]
 
 Has the device fetch the firmware image NAME (at most 128 bytes) from the TFTP
 server at IPv4 address ADDR and install it (op 0x100); on success the device
@@ -35,7 +37,8 @@ reboots. Refused when an upgrade already runs on the device.
 Needs --user and a password and one device.
 )";
 
-const char kHelp_config_backup[] = R"(usage: tavctl [OPTIONS] config backup --server ADDR --file NAME [--wait [--limit S]]
+const char kHelp_config_backup[] =
+    R"(usage: tavctl [OPTIONS] config backup --server ADDR --file NAME [--wait [--limit S]]
 
 Has the device save its configuration and upload it by TFTP to the server at
 IPv4 address ADDR as NAME (at most 128 bytes) (op 0x101).
@@ -45,7 +48,8 @@ IPv4 address ADDR as NAME (at most 128 bytes) (op 0x101).
 Needs --user and a password and one device.
 )";
 
-const char kHelp_config_restore[] = R"(usage: tavctl [OPTIONS] config restore --server ADDR --file NAME [--wait [--limit S]]
+const char kHelp_config_restore[] =
+    R"(usage: tavctl [OPTIONS] config restore --server ADDR --file NAME [--wait [--limit S]]
 
 Has the device download the configuration file NAME (at most 128 bytes) from
 the TFTP server at IPv4 address ADDR and apply it (op 0x102); on success the
@@ -72,9 +76,12 @@ struct TransferKind {
     bool fails_visibly;  // 1 means failure (the backup never reports one)
     bool reboots;        // success ends with a reboot
 };
-constexpr TransferKind kUpgrade{"firmware upgrade", kOpFirmwareUpgrade, kTagFwOrUrlName, true, true};
-constexpr TransferKind kBackup{"configuration backup", kOpConfigBackup, kTagCfgOrUrlName, false, false};
-constexpr TransferKind kRestore{"configuration restore", kOpConfigRestore, kTagCfgOrUrlName, true, true};
+constexpr TransferKind kUpgrade{"firmware upgrade", kOpFirmwareUpgrade, kTagFwOrUrlName, true,
+                                true};
+constexpr TransferKind kBackup{"configuration backup", kOpConfigBackup, kTagCfgOrUrlName, false,
+                               false};
+constexpr TransferKind kRestore{"configuration restore", kOpConfigRestore, kTagCfgOrUrlName, true,
+                                true};
 
 constexpr uint8_t kConfigure = 1, kStatusQuery = 2;
 constexpr uint8_t kTftpServer = 1, kIpv4Server = 1;
@@ -82,7 +89,8 @@ constexpr uint8_t kRunning = 2, kFailed = 1;
 
 void require_one_device(const Args &a) {
     if (a.target.empty() && !addressed_to_one(a))
-        throw UsageError{a.command + " acts on one device: name it with --target (MAC, address or host name)"};
+        throw UsageError{a.command +
+                         " acts on one device: name it with --target (MAC, address or host name)"};
 }
 
 // One request in an open session: the reply, or empty after printing why.
@@ -104,7 +112,8 @@ std::optional<Message> ask(Args &a, Session &s, uint16_t op, const TlvList &tlvs
     }
     Message m = std::move(r->front());
     if (m.result() != 0) {
-        std::fprintf(stderr, "tavctl: %s: refused: %s\n", a.command.c_str(), refusal_text(m.result(), op).c_str());
+        std::fprintf(stderr, "tavctl: %s: refused: %s\n", a.command.c_str(),
+                     refusal_text(m.result(), op).c_str());
         rc = kExitResult;
         return std::nullopt;
     }
@@ -121,8 +130,8 @@ struct Report {
         std::fprintf(a.json ? stderr : stdout, "%s: %s\n", name, text.c_str());
         std::fflush(a.json ? stderr : stdout);
     }
-    int finish(const std::string &from, const char *outcome, int status, const std::string &detail, int seconds,
-               int rc) const {
+    int finish(const std::string &from, const char *outcome, int status, const std::string &detail,
+               int seconds, int rc) const {
         if (a.json) {
             JsonWriter j;
             j.begin_object();
@@ -152,8 +161,9 @@ bool follow_reboot(Session &s, const Report &rep, const Mac &device, Clock::time
         };
     };
     auto left = [&] {
-        return std::max(std::chrono::milliseconds(0),
-                        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
+        return std::max(
+            std::chrono::milliseconds(0),
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
     };
     if (!s.client.wait_for(announced(kOpBye), left())) return false;
     rep.line("bye from " + format_mac(device) + " (rebooting)");
@@ -166,13 +176,18 @@ int run_transfer(Args &a, const TransferKind &k) {
     std::optional<std::string> server, file;
     std::optional<uint64_t> limit;
     bool wait = false;
-    OptParser(a).text("--server", server).text("--file", file).flag("--wait", wait).number("--limit", 86400, limit)
+    OptParser(a)
+        .text("--server", server)
+        .text("--file", file)
+        .flag("--wait", wait)
+        .number("--limit", 86400, limit)
         .parse_none();
     if (!server || !file) throw UsageError{a.command + " needs --server ADDR and --file NAME"};
     auto ip = parse_ipv4(*server);
     if (!ip) throw UsageError{"--server: \"" + *server + "\" is not an IPv4 address"};
     if (file->empty() || file->size() > 128)
-        throw UsageError{"--file: the name must have 1 to 128 bytes (the device ignores longer ones)"};
+        throw UsageError{
+            "--file: the name must have 1 to 128 bytes (the device ignores longer ones)"};
     if (file->find('\0') != std::string::npos) throw UsageError{"--file: the name holds a NUL"};
     if (limit && !wait) throw UsageError{"--limit applies to --wait only"};
     if (limit && *limit == 0) throw UsageError{"--limit: at least 1 second"};
@@ -184,7 +199,8 @@ int run_transfer(Args &a, const TransferKind &k) {
     query.push_back(tlv_u8(kTagSubserviceType, kStatusQuery));
     TlvList configure = cred;
     for (auto r : {tlv_u8(kTagSubserviceType, kConfigure), tlv_u8(kTagServerType, kTftpServer),
-                   tlv_u8(kTagServerIpType, kIpv4Server), tlv_ipv4(kTagServerIpAddr, *ip), tlv_text(k.file_tag, *file)})
+                   tlv_u8(kTagServerIpType, kIpv4Server), tlv_ipv4(kTagServerIpAddr, *ip),
+                   tlv_text(k.file_tag, *file)})
         configure.push_back(r);
 
     std::optional<Session> s;
@@ -198,23 +214,30 @@ int run_transfer(Args &a, const TransferKind &k) {
     auto before = ask(a, *s, k.op, query, rc);
     if (!before) {
         if (rc == kExitNoReply)
-            std::fprintf(stderr, "tavctl: (a device whose management agent runs does not answer %s requests)\n",
-                         k.name);
+            std::fprintf(
+                stderr,
+                "tavctl: (a device whose management agent runs does not answer %s requests)\n",
+                k.name);
         return rc;
     }
     const std::string from = from_text(*before, ipv4);
     if (before->u8(kTagReplyStatus) == kRunning) {
-        std::fprintf(stderr, "tavctl: %s: %s already runs on %s\n", a.command.c_str(), k.name, from.c_str());
+        std::fprintf(stderr, "tavctl: %s: %s already runs on %s\n", a.command.c_str(), k.name,
+                     from.c_str());
         return rep.finish(from, "busy", kRunning, "already running", 0, kExitResult);
     }
     auto started = ask(a, *s, k.op, configure, rc);
     if (!started) return rc;
     rep.line("started on " + from + " (server " + *server + ", file " + *file + ")");
-    if (!wait) return rep.finish(from, "started", started->u8(kTagReplyStatus).value_or(0), "", 0, kExitOk);
+    if (!wait)
+        return rep.finish(from, "started", started->u8(kTagReplyStatus).value_or(0), "", 0,
+                          kExitOk);
 
     const auto t0 = Clock::now();
     const auto deadline = t0 + std::chrono::seconds(limit.value_or(300));
-    auto elapsed = [&] { return int(std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - t0).count()); };
+    auto elapsed = [&] {
+        return int(std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - t0).count());
+    };
     int last_shown = -1;
     bool silent = false;
     while (Clock::now() < deadline) {
@@ -241,11 +264,13 @@ int run_transfer(Args &a, const TransferKind &k) {
             return rep.finish(from, "failed", status, why, elapsed(), kExitResult);
         }
         if (status != 0) {
-            std::fprintf(stderr, "tavctl: %s: the device reports the unknown status %d\n", a.command.c_str(), status);
+            std::fprintf(stderr, "tavctl: %s: the device reports the unknown status %d\n",
+                         a.command.c_str(), status);
             return rep.finish(from, "unknown", status, "", elapsed(), kExitResult);
         }
         if (!k.reboots) {
-            rep.line("ended after " + std::to_string(elapsed()) + " s (the device does not report whether the upload succeeded)");
+            rep.line("ended after " + std::to_string(elapsed()) +
+                     " s (the device does not report whether the upload succeeded)");
             return rep.finish(from, "ended", status, "", elapsed(), kExitOk);
         }
         rep.line("succeeded after " + std::to_string(elapsed()) + " s; the device reboots");
@@ -254,9 +279,11 @@ int run_transfer(Args &a, const TransferKind &k) {
             return rep.finish(from, "succeeded", status, "rebooting", elapsed(), kExitOk);
         }
         if (!follow_reboot(*s, rep, m->src_mac, deadline)) {
-            std::fprintf(stderr, "tavctl: %s: the device did not announce its restart within the limit\n",
+            std::fprintf(stderr,
+                         "tavctl: %s: the device did not announce its restart within the limit\n",
                          a.command.c_str());
-            return rep.finish(from, "succeeded", status, "restart not seen", elapsed(), kExitNoReply);
+            return rep.finish(from, "succeeded", status, "restart not seen", elapsed(),
+                              kExitNoReply);
         }
         return rep.finish(from, "succeeded", status, "rebooted", elapsed(), kExitOk);
     }
@@ -264,17 +291,30 @@ int run_transfer(Args &a, const TransferKind &k) {
     return rep.finish(from, "timeout", -1, "", elapsed(), kExitNoReply);
 }
 
-int cmd_firmware_upgrade(Args &a) { return run_transfer(a, kUpgrade); }
-int cmd_config_backup(Args &a) { return run_transfer(a, kBackup); }
-int cmd_config_restore(Args &a) { return run_transfer(a, kRestore); }
+int cmd_firmware_upgrade(Args &a) {
+    return run_transfer(a, kUpgrade);
+}
+int cmd_config_backup(Args &a) {
+    return run_transfer(a, kBackup);
+}
+int cmd_config_restore(Args &a) {
+    return run_transfer(a, kRestore);
+}
 
 int cmd_agent_set(Args &a) {
     std::optional<std::string> uuid, server;
     std::optional<uint64_t> interval;
-    OptParser(a).text("--uuid", uuid).text("--server", server).number("--interval", 255, interval).parse_none();
-    if (!uuid || !server || !interval) throw UsageError{"agent set needs --uuid ID, --server ADDR and --interval N"};
-    if (uuid->size() > 32) throw UsageError{"--uuid: at most 32 characters (the device keeps no more)"};
-    if (server->size() > 256) throw UsageError{"--server: at most 256 characters (the device keeps no more)"};
+    OptParser(a)
+        .text("--uuid", uuid)
+        .text("--server", server)
+        .number("--interval", 255, interval)
+        .parse_none();
+    if (!uuid || !server || !interval)
+        throw UsageError{"agent set needs --uuid ID, --server ADDR and --interval N"};
+    if (uuid->size() > 32)
+        throw UsageError{"--uuid: at most 32 characters (the device keeps no more)"};
+    if (server->size() > 256)
+        throw UsageError{"--server: at most 256 characters (the device keeps no more)"};
     require_one_device(a);
     TlvList t;
     if (int rc = add_credentials(a, t)) return rc;
@@ -293,9 +333,11 @@ int cmd_agent_set(Args &a) {
         j.end_object();
         std::fputs(j.str().c_str(), stdout);
     } else {
-        std::printf("agent profile: accepted by %s; the management agent runs, and the device now refuses most "
-                    "other operations\n",
-                    from.c_str());
+        std::printf(
+            "agent profile: accepted by %s; the management agent runs, and the device now refuses "
+            "most "
+            "other operations\n",
+            from.c_str());
     }
     return kExitOk;
 }
@@ -321,26 +363,33 @@ int cmd_reboot(Args &a) {
         j.end_object();
         std::fputs(j.str().c_str(), stdout);
     } else {
-        std::printf("reboot: accepted by %s; the device restarts %s; allow it %u s to come back\n", from.c_str(),
-                    delay && *delay ? ("in " + std::to_string(*delay) + " s").c_str() : "now", wait_ms / 1000);
+        std::printf("reboot: accepted by %s; the device restarts %s; allow it %u s to come back\n",
+                    from.c_str(),
+                    delay && *delay ? ("in " + std::to_string(*delay) + " s").c_str() : "now",
+                    wait_ms / 1000);
     }
     return kExitOk;
 }
 
 const Command kMaint[] = {
-    {"agent set", "--uuid ID --server ADDR --interval N", "hand the device to a management server (op 0xE6)",
-     kHelp_agent_set, cmd_agent_set},
-    {"firmware upgrade", "--server ADDR --file NAME [--wait]", "install firmware from a TFTP server (op 0x100)",
-     kHelp_firmware_upgrade, cmd_firmware_upgrade},
-    {"config backup", "--server ADDR --file NAME [--wait]", "upload the configuration to a TFTP server (op 0x101)",
-     kHelp_config_backup, cmd_config_backup},
-    {"config restore", "--server ADDR --file NAME [--wait]", "apply a configuration from a TFTP server (op 0x102)",
-     kHelp_config_restore, cmd_config_restore},
+    {"agent set", "--uuid ID --server ADDR --interval N",
+     "hand the device to a management server (op 0xE6)", kHelp_agent_set, cmd_agent_set},
+    {"firmware upgrade", "--server ADDR --file NAME [--wait]",
+     "install firmware from a TFTP server (op 0x100)", kHelp_firmware_upgrade,
+     cmd_firmware_upgrade},
+    {"config backup", "--server ADDR --file NAME [--wait]",
+     "upload the configuration to a TFTP server (op 0x101)", kHelp_config_backup,
+     cmd_config_backup},
+    {"config restore", "--server ADDR --file NAME [--wait]",
+     "apply a configuration from a TFTP server (op 0x102)", kHelp_config_restore,
+     cmd_config_restore},
     {"reboot", "[--delay S]", "restart the device (op 0x103)", kHelp_reboot, cmd_reboot},
 };
 
 }  // namespace
 
-std::span<const Command> maint_commands() { return kMaint; }
+std::span<const Command> maint_commands() {
+    return kMaint;
+}
 
 }  // namespace tavctl
