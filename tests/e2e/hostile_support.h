@@ -32,20 +32,23 @@ inline long private_dirty_kb(const Lab &lab, int ap = 1) {
     return r.status == 0 && !r.out.empty() ? std::atol(r.out.c_str()) : -1;
 }
 
+// A command listing the pids of the daemon's children (inside its access
+// point) that satisfy an awk condition on their stat fields after the name
+// ($1 state, $2 parent).
+inline std::string daemon_children_cmd(const std::string &cond = "1") {
+    return "p=$(cat /var/run/tavc.pid); cat /proc/[0-9]*/stat 2>/dev/null | "
+           "awk -v p=\"$p\" '{ pid = $1; sub(/^.*\\) /, \"\"); if ($2 == p && (" +
+           cond + ")) print pid }'";
+}
+
 // Zombie children of the daemon (their pids), seen from inside its access point.
 inline std::string daemon_zombies(const Lab &lab, int ap = 1) {
-    return lab
-        .on_ap(ap, "p=$(cat /var/run/tavc.pid); for f in /proc/[0-9]*/stat; do "
-                   "set -- $(sed 's/^.*) //' \"$f\" 2>/dev/null); "
-                   "[ \"$1\" = Z ] && [ \"$2\" = \"$p\" ] && echo \"${f#/proc/}\"; done; true")
-        .out;
+    return lab.on_ap(ap, daemon_children_cmd("$1 == \"Z\"")).out;
 }
 
 // Children of the daemon that are still running or not yet reaped.
 inline int daemon_children(const Lab &lab, int ap = 1) {
-    Sh r = lab.on_ap(ap, "p=$(cat /var/run/tavc.pid); n=0; for f in /proc/[0-9]*/stat; do "
-                         "set -- $(sed 's/^.*) //' \"$f\" 2>/dev/null); "
-                         "[ \"$2\" = \"$p\" ] && n=$((n+1)); done; echo $n");
+    Sh r = lab.on_ap(ap, daemon_children_cmd() + " | wc -l");
     return std::atoi(r.out.c_str());
 }
 
