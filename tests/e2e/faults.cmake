@@ -7,3 +7,6 @@ target_compile_definitions(tav_e2e_faults PRIVATE E2E_RELEASE_DIR="${PROJECT_SOU
 tav_e2e_suites(tav_e2e_faults faults_db=DatabaseFaults faults_term=TermMidFlood
   faults_children=DelayedChildren faults_managers=ManyManagers)
 set_tests_properties(e2e_faults_db e2e_faults_children e2e_faults_managers PROPERTIES TIMEOUT 300)
+if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=address")
+  target_compile_definitions(tav_e2e_faults PRIVATE E2E_SANITIZED=1)
+endif()

@@ -65,7 +65,7 @@ int burst(HostileTraffic &gen, Client &raw, Client &udp, Counts &n) {
 TEST_F(Hostile, FloodLeavesTheDaemonServingWithoutGrowthOrZombies) {
     const std::string build = daemon_build();
     std::printf("hostile: daemon from %s%s\n", build.c_str(),
-                build == E2E_RELEASE_DIR ? " (release)" : " (this build: no release build found)");
+                build == E2E_RELEASE_DIR ? " (release)" : kSanitized ? " (this build, sanitized)" : " (this build: no release build found)");
     Client raw = lab().raw(), udp = lab().udp();
     HostileTraffic gen(0x7a76);
     Counts warm;
