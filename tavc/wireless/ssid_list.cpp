@@ -1,5 +1,6 @@
 // Ops 0x2004 and 0x2005: the SSIDs of both bands, read and rewritten in one
 // exchange through the SSID settings store.
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -38,12 +39,15 @@ namespace {
 // accepts holds more groups than this: every group of a request gets a record.
 constexpr size_t kMaxSsidGroups = (tav::kMaxPlainLen - tav::kL2HeaderLen) / 5;
 
+// Members are placed by 16-bit offsets: the records come last, as they take
+// the struct past 64 KiB.
 struct SetSsidList {
     char user_name[66];
     char password[66];
-    ssid_info records[kMaxSsidGroups];
     uint16_t count;
+    ssid_info records[kMaxSsidGroups];
 };
+static_assert(offsetof(SetSsidList, records) < 0x10000);
 
 #define SSID(member) TAVC_FIELD(ssid_info, member)
 constexpr TlvRule kSetSsidListRules[] = {

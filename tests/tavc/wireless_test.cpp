@@ -178,11 +178,12 @@ TEST_F(Wireless, SsidRecordWritesTheKeysOfItsForm) {
 TEST_F(Wireless, SsidGroupsBeyondEveryAcceptedRequestAreRefused) {
     for (int groups : {201, 202}) {
         Bytes body = admin();
-        for (int i = 0; i < groups; ++i) body = body + u8(926, 1);
-        lrgbin_store::put("/wlan/inf:1/multi/index:1/state", "7");
+        for (int i = 1; i < groups; ++i) body = body + u8(926, 1);  // band mask 0: no writes
+        body = body + u8(926, 1) + text(927, "Last") + u8(928, 1) + u8(935, 1);
+        lrgbin_store::put("/wlan/inf:1/multi/index:1/ssid", "Before");
         const int result = call(tav_set_ssid_list, tav::kOpSetSsidList, body);
         EXPECT_EQ(result, groups == 201 ? 0 : 65533) << groups;
-        EXPECT_EQ(db("/wlan/inf:1/multi/index:1/state"), "7") << "band mask 0 writes nothing";
+        EXPECT_EQ(db("/wlan/inf:1/multi/index:1/ssid"), groups == 201 ? "Last" : "Before");
         EXPECT_EQ(commands().empty(), groups != 201);
         tavc_record::clear();
     }
