@@ -2,6 +2,7 @@
 // loopback UDP (and raw frames on lo): cipher binding, reply matching, kept
 // messages, error texts, output forms and exit statuses.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -169,10 +170,11 @@ struct Run {
     std::string out, err;
 };
 
-// No terminal (setsid) and no password in the environment unless given.
+// No terminal (setsid), no config file and no settings in the environment
+// unless given.
 Run tavctl(const std::string &args, const std::string &env = "") {
     const std::string err = ::testing::TempDir() + "tavctl_err_" + std::to_string(getpid());
-    FILE *p = popen(("env -u TAVCTL_PASSWORD " + env + " setsid -w " TAVCTL " " + args + " </dev/null 2>" + err).c_str(), "r");
+    FILE *p = popen(("env -u TAVCTL_PASSWORD -u TAVCTL_USER -u TAVCTL_UDP -u TAVCTL_IFACE -u TAVCTL_PASSWORD_FILE TAVCTL_CONFIG=/dev/null " + env + " setsid -w " TAVCTL " " + args + " </dev/null 2>" + err).c_str(), "r");
     Run r{-1, {}, {}};
     char buf[4096];
     for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
@@ -256,6 +258,63 @@ TEST(Tavctl, VerifyPasswordSourcesAndSetupErrors) {
     EXPECT_NE(iface.err.find("no such network interface"), std::string::npos) << iface.err;
     EXPECT_EQ(tavctl("discover").status, 2);  // no path
     EXPECT_EQ(tavctl("frobnicate --udp 127.0.0.1").status, 2);
+}
+
+// Settings come from the config file, the environment over it and the
+// command line over both; a password only from a private file.
+TEST(Tavctl, ConfigFileEnvironmentAndCommandLineLayers) {
+    FakeDevice dev([](const Message &req) {
+        bool ok = req.text(kTagPassword) == "pw-from-file";
+        return std::vector<Bytes>{reply(req, ok ? 0 : 64, {{kTagVerification, {1, 0, 0, 0}}})};
+    });
+    const std::string conf = ::testing::TempDir() + "tavctl_conf_" + std::to_string(getpid());
+    std::ofstream(conf) << "# lab\nudp = 127.0.0.1\nport = " << dev.port()
+                        << "\ncipher = " TEST_CIPHER "\ntimeout = 0.3\nuser = cfg-user\npassword = pw-from-file\n";
+    ::chmod(conf.c_str(), 0600);
+    const std::string env = "TAVCTL_CONFIG=" + conf;
+    EXPECT_EQ(tavctl("verify", env).status, 0);
+    EXPECT_EQ(dev.requests().back().text(kTagUserName), "cfg-user");
+    EXPECT_EQ(tavctl("verify", env + " TAVCTL_USER=env-user").status, 0);
+    EXPECT_EQ(dev.requests().back().text(kTagUserName), "env-user");
+    EXPECT_EQ(tavctl("verify --user cli-user", env + " TAVCTL_USER=env-user").status, 0);
+    EXPECT_EQ(dev.requests().back().text(kTagUserName), "cli-user");
+    EXPECT_EQ(tavctl("verify", env + " TAVCTL_PASSWORD=other").status, 1);  // environment wins
+    EXPECT_EQ(tavctl("--iface tavnoif0 verify", env).status, 5);             // the path as a whole
+    EXPECT_EQ(tavctl("--iface lo --udp 127.0.0.1 verify", env).status, 2);
+
+    ::chmod(conf.c_str(), 0644);
+    auto open = tavctl("verify", env);
+    EXPECT_EQ(open.status, 2);
+    EXPECT_NE(open.err.find(conf + ":7: a password may only stand in a file no one else can read"),
+              std::string::npos) << open.err;
+    std::ofstream(conf) << "udp 127.0.0.1\n";
+    EXPECT_NE(tavctl("hello", env).err.find(":1: expected \"key = value\""), std::string::npos);
+    std::remove(conf.c_str());
+    EXPECT_EQ(tavctl("--version").out.rfind("tavctl ", 0), 0u);
+}
+
+// --target by host name asks discovery and addresses the device's MAC and
+// address; an unknown name is no reply (3) and nothing else is sent.
+TEST(Tavctl, TargetByHostNameResolvesThroughDiscovery) {
+    const Mac mac{2, 0x7a, 0x76, 0, 0, 9};
+    FakeDevice dev([&](const Message &req) {
+        if (req.op_code() != kOpDiscovery) return std::vector<Bytes>{reply(req, 0, {})};
+        return std::vector<Bytes>{reply(req, 0, {tlv_text(kTagHostName, "other"), tlv_mac(kTagMac, {2, 0, 0, 0, 0, 1})}),
+                                  reply(req, 0, {tlv_text(kTagHostName, "ap-lobby"), tlv_mac(kTagMac, mac),
+                                                 tlv_ipv4(kTagIpAddress, {192, 0, 2, 31})})};
+    });
+    auto r = tavctl(udp(dev, "hello --target ap-lobby"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    auto seen = dev.requests();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(std::tuple(seen[1].op_code(), seen[1].header->target_mac, seen[1].header->target_ip),
+              std::tuple(uint16_t(kOpHello), mac, std::array<uint8_t, 4>{192, 0, 2, 31}));
+    auto none = tavctl(udp(dev, "--target ap-attic hello"));
+    EXPECT_EQ(none.status, 3);
+    EXPECT_NE(none.err.find("no device named \"ap-attic\""), std::string::npos) << none.err;
+    EXPECT_EQ(dev.requests().size(), 3u);
+    EXPECT_EQ(tavctl(udp(dev, "--target 192.0.2.31 hello")).status, 0);  // UDP: the address goes in the header
+    EXPECT_EQ(dev.requests().back().header->target_ip, (std::array<uint8_t, 4>{192, 0, 2, 31}));
 }
 
 }  // namespace
