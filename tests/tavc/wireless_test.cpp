@@ -189,79 +189,33 @@ TEST_F(Wireless, SsidGroupsBeyondEveryAcceptedRequestAreRefused) {
     }
 }
 
-TEST_F(Wireless, SetRequestsCommitThenStartTheirService) {
-    const Bytes creds = admin();
-    struct Row {
-        const char *what;
-        int (*handler)(const uint8_t *, uint16_t, uint8_t *);
-        uint16_t op;
-        Bytes body;
-        std::vector<std::string> commands;
-        uint32_t wait;
-    } rows[] = {
-        {"ssid list", tav_set_ssid_list, tav::kOpSetSsidList, creds,
-         {"submit COMMIT", "", "submit WAN; submit WLAN"}, 60000},
-        {"same country", tav_set_wireless_information, tav::kOpSetWirelessInfo,
-         creds + be16(59, 82), {"submit COMMIT", "", "submit WAN; submit WLAN"}, 60000},
-        {"new country", tav_set_wireless_information, tav::kOpSetWirelessInfo,
-         creds + be16(59, 233), {"submit COMMIT", "", "sleep 5; reboot"}, 120000},
-        {"ap array", tav_set_ap_array_information, tav::kOpSetApArrayInfo, creds,
-         {"submit COMMIT", "", "submit SMESH"}, 60000},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
-        tavc_record::clear();
-        ASSERT_EQ(call(row.handler, row.op, row.body), 0);
-        EXPECT_EQ(commands(), row.commands);
-        EXPECT_EQ(tavc_record::launches().at(1).kind, tavc_record::LaunchKind::Fork);
-        EXPECT_EQ(parse(reply_tlvs()),
-                  (Tlvs{{393, {0, 0, 0, 2}},
-                        {394, {0, uint8_t(row.wait >> 16), uint8_t(row.wait >> 8), uint8_t(row.wait)}},
-                        {395, {0, 0, 0, 0}}}));
-    }
-    EXPECT_EQ(db("/runtime/layout/countrycode"), "826");
-    EXPECT_EQ(db("/sys/next_ccode"), "826");
+// Entry n of the domain table names, by its seq, the entry that holds the
+// index and the code.
+TEST_F(Wireless, CountryIsLookedUpThroughSeq) {
+    lrgbin_store::put("/runtime/countrydomaintable:1/seq", "2");
+    lrgbin_store::put("/runtime/countrydomaintable:2/seq", "0");
+    lrgbin_store::put("/runtime/countrydomaintable:2/index", "20");
+    lrgbin_store::put("/runtime/countrydomaintable:2/code", "250");
+    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 20)), 0);
+    EXPECT_EQ(db("/runtime/layout/countrycode"), "250");
     EXPECT_EQ(db("/sys/country_name"), "2");
-    EXPECT_EQ(db("/tavclient/country_changed"), "1");
+    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "sleep 5; reboot"}));
+    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 82)), 218);
+    EXPECT_EQ(out(), "set_country_code: Unknown country!\n");
 }
 
-// Actions wait for authentication; the recorder shows what ran and when.
-TEST_F(Wireless, MemberActionsRunOnlyOnceAuthenticated) {
-    const Bytes mac = tlv(14, {0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC});
-    const Bytes mac2 = tlv(14, {0x02, 0, 0, 0, 0, 0x0F});
-    const std::string approve = "nb_submit ADD_APPROVE_LIST 00:11:22:aa:bb:cc";
-    const struct {
-        const char *what;
-        Bytes body;
-        int result;
-        std::vector<std::string> commands;
-    } rows[] = {
-        {"approve after 54", admin() + u8(54, 1) + be16(502, 0) + mac + u8(946, 1), 0, {approve}},
-        {"held until 54", mac + u8(946, 1) + admin() + u8(54, 1), 0, {approve}},
-        {"action first, reboot on the MAC", u8(946, 3) + mac + admin(), 0,
-         {"nb_submit REBOOT_AP 00:11:22:aa:bb:cc"}},
-        {"two MACs, one action", u8(946, 1) + mac + mac2 + admin(), 0,
-         {approve, "nb_submit ADD_APPROVE_LIST 02:00:00:00:00:0f"}},
-        {"group forgets the action", u8(946, 2) + be16(502, 0) + mac + admin(), 0, {}},
-        {"short MAC", tlv(14, {0xAB, 0xCD}) + u8(946, 2) + admin(), 0,
-         {"nb_submit DEL_APPROVE_LIST ab:cd:00:00:00:00"}},
-        {"action 4", mac + u8(946, 4) + admin(), 0, {}},
-        {"wrong password at 54", mac + u8(946, 1) + text(55, "admin") + text(56, "x") + u8(54, 1),
-         64, {}},
-        {"credentials after 54", mac + u8(946, 1) + u8(54, 1) + admin(), 64, {}},
-        {"no 54, wrong password", mac + u8(946, 1) + text(55, "admin"), 64, {}},
-        {"no 54, nothing to do, wrong password", text(55, "nobody"), 64, {}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        tavc_record::clear();
-        tav_server from = sender(1);
-        EXPECT_EQ(call(tav_set_ap_array_member_list, tav::kOpSetApArrayMemberList, row.body, from),
-                  row.result);
-        EXPECT_EQ(commands(), row.commands);
-        EXPECT_EQ(reply_tlvs().size(), row.result ? 0u : 24u);
-    }
-    free_tav_server();
+// At most 255 stations per SSID; numbering stops at the first gap.
+TEST_F(Wireless, ClientNumbersEndAt255OrAtAGap) {
+    for (int n = 1; n <= 256; ++n)
+        lrgbin_store::put("/runtime/stats/wlan/inf:1/client:" + std::to_string(n) + "/mac", "02:00:00:00:00:01");
+    for (int n : {1, 2, 4})
+        lrgbin_store::put("/runtime/stats/wlan/inf:1/mssid:1/client:" + std::to_string(n) + "/mac", "02:00:00:00:00:02");
+    lrgbin_store::put("/wlan/inf:1/multi/index:1/state", "1");
+    ASSERT_EQ(call(tav_get_client_list, tav::kOpGetClientList, {}), 0);
+    std::map<uint8_t, int> per_ssid;  // by the MAC's last byte
+    for (const auto &[tag, v] : parse(reply_tlvs()))
+        if (tag == 14) ++per_ssid[v[5]];
+    EXPECT_EQ(per_ssid, (std::map<uint8_t, int>{{1, 255}, {2, 2}}));
 }
 
 // Client and device lists stop before the group that would not fit and
@@ -308,28 +262,6 @@ TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
         for (const auto &[tag, v] : t) opened += tag == row.opening_tag;
         EXPECT_EQ(opened, groups);
     }
-}
-
-TEST_F(Wireless, StatusCountersAreBigEndianSixtyFourBit) {
-    const std::pair<const char *, Bytes> counters[] = {
-        {"12345678901", {0, 0, 0, 2, 0xDF, 0xDC, 0x1C, 0x35}},
-        {"1024 bytes", {0, 0, 0, 0, 0, 0, 4, 0}},
-        {"bytes", {0, 0, 0, 0, 0, 0, 0, 0}},
-        {"18446744073709551615", {0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},  // cut to 30
-        {" 4294967296", {0, 0, 0, 1, 0, 0, 0, 0}},
-        {"", {0, 0, 0, 0, 0, 0, 0, 0}},
-    };
-    const char *keys[] = {"/runtime/stats/wireless/inf:1/showtx/bytes", "/runtime/stats/wireless/inf:1/showrx/bytes",
-                          "/runtime/stats/wireless/inf:2/showtx/bytes", "/runtime/stats/wireless/inf:2/showrx/bytes",
-                          "/runtime/stats/ethernet/tx/bytes", "/runtime/stats/ethernet/rx/bytes"};
-    lrgbin_store::put("/runtime/cpu/status/alluser_utilize", "300");
-    lrgbin_store::put("/runtime/mem/status/alluser_utilize", "-1");
-    for (size_t i = 0; i < 6; ++i) lrgbin_store::put(keys[i], counters[i].first);
-    ASSERT_EQ(call(tav_get_device_status, tav::kOpGetDeviceStatus, text(999, "ignored")), 0);
-    Tlvs want{{517, {44}}, {518, {255}}};
-    for (size_t i = 0; i < 6; ++i) want.emplace_back(uint16_t(519 + i), counters[i].second);
-    EXPECT_EQ(parse(reply_tlvs()), want);
-    EXPECT_EQ(reply_tlvs().size(), 82u);
 }
 
 }  // namespace
