@@ -786,5 +786,37 @@ TEST_F(ApArray, ApprovedAccessPointJoinsTheMembers) {
                                                 "0 00:00:5e:00:53:a2", "1 00:00:5e:00:53:a1"}));
 }
 
+// The manager tool sends what it is told and the device's current values for
+// the rest: a rename keeps a WPA-PSK SSID's passphrase, a mode change keeps
+// the country, an approval carries its precedence after the credentials.
+TEST_F(ApArray, ManagerToolChangesOnlyWhatItIsTold) {
+    auto tavctl = [&](const std::string &args) {
+        return sh("TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=admin " E2E_BUILD_DIR
+                  "/tools/tavctl/tavctl --iface eth0 --netns " + lab().netns_mgr() +
+                  " --cipher " + cipher_path() + " --target 02:7a:76:00:00:01 --user admin " + args);
+    };
+    const std::string legacy = "/wlan/inf:1/multi/index:2/";
+    Sh r = tavctl("ssid set --index 2 --band 1 --name Renamed-Legacy");
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(ap.get(legacy + "ssid"), "Renamed-Legacy");
+    EXPECT_EQ(ap.get(legacy + "auth"), "3");
+    EXPECT_EQ(ap.get(legacy + "passphrase"), "legacy-passphrase");
+    EXPECT_EQ(ap.get(legacy + "vlan_id"), "20");
+    r = tavctl("wireless set --mode2 ax --band1 off");
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(ap.get("/wlan/inf:2/wlmode"), "5");
+    EXPECT_EQ(ap.get("/wlan/inf:1/enable"), "0");
+    EXPECT_EQ(ap.get("/wlan/inf:2/enable"), "1");
+    EXPECT_EQ(ap.get("/sys/country_index"), "82");
+    r = tavctl("array approve 00:00:5E:00:53:A2 --precedence 4");
+    EXPECT_EQ(r.status, 0) << r.out;
+    r = tavctl("--json clients");
+    EXPECT_NE(r.out.find("\"rssi\": -48"), std::string::npos) << r.out;
+    EXPECT_EQ(ap.commands_when(7),
+              (std::vector<std::string>{"submit COMMIT", "submit WAN", "submit WLAN", "submit COMMIT",
+                                        "submit WAN", "submit WLAN",
+                                        "nb_submit ADD_APPROVE_LIST 00:00:5e:00:53:a2"}));
+}
+
 }  // namespace
 }  // namespace e2e
