@@ -158,7 +158,6 @@ bool list_devices(Reply &r, bool member) {
 TAV_HANDLER(tav_get_ap_array_device_list) {
     DeviceListReq req{};
     (void)tlv_walk(kDeviceList, body, body_length, &req);  // ends only by the walk rule
-    (void)reply;
     proc_system("submit GET_PENDING_LIST");
     proc_system("submit GET_MEMBERAP_LIST");
     Reply r(reply);
