@@ -20,13 +20,21 @@ constexpr std::string_view kAuthNames[] = {
 // 0 none, 1 passphrase, 2 RADIUS server.
 constexpr int kAuthCredential[] = {0, 1, 2, 1, 2, 0, 0, 2, 1, 1, 1, 2, 2};
 
+// parse_uint, with the bound checked here as well (its own check lets a
+// single digit above a small bound through).
+std::optional<uint64_t> bounded(const std::string &s, uint64_t max) {
+    auto n = parse_uint(s, max);
+    if (n && *n > max) return std::nullopt;
+    return n;
+}
+
 std::string auth_name(uint8_t code) {
     return code < std::size(kAuthNames) ? std::string(kAuthNames[code]) : std::to_string(code);
 }
 uint8_t parse_auth(const std::string &s) {
     for (size_t i = 0; i < std::size(kAuthNames); ++i)
         if (s == kAuthNames[i]) return uint8_t(i);
-    if (auto n = parse_uint(s, 12)) return uint8_t(*n);
+    if (auto n = bounded(s, 12)) return uint8_t(*n);
     std::string all;
     for (auto n : kAuthNames) all += (all.empty() ? "" : ", ") + std::string(n);
     throw UsageError{"unknown authentication '" + s + "' (" + all + ", or 0-12)"};
@@ -43,7 +51,7 @@ std::string mode_name(uint16_t code) {
     return s.empty() ? std::to_string(code) : s;
 }
 uint16_t parse_mode(const std::string &s) {
-    if (auto n = parse_uint(s, 0x7FFF)) return uint16_t(*n);
+    if (auto n = bounded(s, 0x7FFF)) return uint16_t(*n);
     uint16_t code = 0;
     for (size_t p = 0; p <= s.size();) {
         size_t e = s.find('/', p);
@@ -300,7 +308,7 @@ int cmd_ssid_set(Args &a) {
     };
     OptParser p(a);
     p.value("--index", [&](const std::string &v) {
-        auto n = parse_uint(v, 7);
+        auto n = bounded(v, 7);
         if (!n) throw UsageError{"--index takes 0 to 7"};
         Change c;
         c.index = uint8_t(*n);
@@ -332,7 +340,7 @@ int cmd_ssid_set(Args &a) {
         current("--radius-secret-file").secret = read_first_line(v, "RADIUS secret");
     });
     p.value("--vlan", [&](const std::string &v) {
-        auto n = parse_uint(v, 4096);
+        auto n = bounded(v, 4096);
         if (!n) throw UsageError{"--vlan takes 0 to 4096"};
         current("--vlan").vlan = uint16_t(*n);
     });
