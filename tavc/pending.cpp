@@ -22,9 +22,3 @@ TAV_PENDING(tav_set_device_information)
 TAV_PENDING(tav_get_device_date_time)
 TAV_PENDING(tav_set_device_date_time)
 
-// maintenance
-TAV_PENDING(tav_set_ag_profile)
-TAV_PENDING(tav_firmware_upgrade)
-TAV_PENDING(tav_configuration_backup)
-TAV_PENDING(tav_configuration_restore)
-TAV_PENDING(tav_reboot)
