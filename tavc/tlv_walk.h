@@ -109,6 +109,7 @@ struct TlvRule {
     uint16_t size = 0;    // its size in bytes
     tlv_action action = nullptr;
     bool in_group = false;  // the member belongs to the current group record
+    uint16_t seen = 0;  // 1 + offset of a bool member set when the tag is met (0: none)
 };
 
 namespace tlv_detail {
@@ -166,6 +167,14 @@ constexpr TlvRule tlv_group_start(uint16_t tag, Take take, uint16_t n, Field<G, 
 }
 constexpr TlvRule tlv_in_group(TlvRule r) {
     r.in_group = true;
+    return r;
+}
+// Also notes that the tag was met, in a bool member beside the value (in the
+// group record for group rules), for requests where an absent tag differs
+// from an empty or zero value.
+template <class O>
+constexpr TlvRule tlv_seen(TlvRule r, Field<O, bool> seen) {
+    r.seen = uint16_t(seen.offset + 1);
     return r;
 }
 
@@ -269,9 +278,12 @@ struct TlvRequest : TlvRequestBase {
             if (r.in_group) {
                 if (groups.capacity != 0 && r.offset + r.size > groups.record)
                     tlv_description_error();
-            } else if (r.offset + r.size > sizeof(O)) {
+                if (groups.capacity != 0 && r.seen > groups.record) tlv_description_error();
+            } else if (r.offset + r.size > sizeof(O) || r.seen > sizeof(O)) {
                 tlv_description_error();
             }
+            if (r.seen != 0 && (r.store == Store::Call || r.store == Store::Precedence))
+                tlv_description_error();
             if (r.store == Store::Call && r.action == nullptr) tlv_description_error();
             if (r.take == Take::Stop) tlv_description_error();
         }

@@ -59,7 +59,7 @@ class Engine : public ::testing::Test {
              tav_server from = {}) {
         from_ = from;
         from_.functions[0].op_code = op;
-        tav_tmp_server = &from_;
+        *tav_tmp_server = from_;  // the engine's own record: free_buff releases it
         std::memset(reply_, 0, sizeof reply_);
         return handler(body.data(), uint16_t(body.size()), reply_);
     }
