@@ -132,6 +132,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check_reply(plain, size);
     free(plain);
 
+    // TAVC_FUZZ_SHOW=1: what an input launched, for replaying a corpus by hand.
+    static const bool show = getenv("TAVC_FUZZ_SHOW") != nullptr;
+    if (show)
+        for (const auto &l : tavc_record::launches()) fprintf(stderr, "launch %d: %s\n", int(l.kind), l.command.c_str());
     for (const auto &l : tavc_record::launches())
         if (l.kind == tavc_record::LaunchKind::System || l.kind == tavc_record::LaunchKind::Spawn ||
             l.kind == tavc_record::LaunchKind::Read)
