@@ -1,0 +1,76 @@
+// Request texts holding shell and format characters, sent with the right
+// credentials to every op code in every text tag it takes: none may run a
+// command (the marker file stays absent) or upset the daemon; credentials
+// holding such characters compare literally. File names, MAC texts and AP-array
+// actions have suites of their own beside their handlers.
+#include <cstdio>
+
+#include "tests/e2e/hostile_support.h"
+
+namespace e2e {
+namespace {
+
+using tav::client::tlv_text;
+
+E2E_SUITE(Security, "sec", 1, "--build " + quote(daemon_build()));
+
+const char *const kInjections[] = {
+    "$(touch /var/run/pwned)", "`touch /var/run/pwned`", "x;touch /var/run/pwned;",
+    "a' ; touch /var/run/pwned ; '", "%n%n%s%s%s%s%x%x", "x\ntouch /var/run/pwned",
+};
+
+TEST_F(Security, ShellAndFormatTextsInEveryTextTagRunNothing) {
+    // Ops that restart the access point on success are left to their suites.
+    const uint16_t kRestarts[] = {tav::kOpReboot, tav::kOpReset, tav::kOpResetFactory, 0x0100, 0x0102};
+    ASSERT_EQ(lab().on_ap(1, "echo fail >/var/run/tftp.outcome; rm -f /var/run/pwned").status, 0);
+    Client udp = lab().udp();
+    int sent = 0, answered = 0;
+    // The agent's profile last: once the agent runs, most op codes are locked.
+    std::vector<tav::OpCodeInfo> ops(tav::kOpCodes.begin(), tav::kOpCodes.end());
+    std::stable_partition(ops.begin(), ops.end(), [](const auto &r) { return r.code != tav::kOpSetAgProfile; });
+    for (const auto &row : ops) {
+        if (std::find(std::begin(kRestarts), std::end(kRestarts), row.code) != std::end(kRestarts)) continue;
+        for (const char *bad : kInjections) {
+            TlvList tlvs = tav::requests::lead("admin", "admin");
+            bool any = false;
+            for (auto r : tav::requests::tags_of(row.code, "request")) {
+                const tav::TagInfo *info = tav::find_tag(r.tag, row.code);
+                if (info && info->kind == tav::TagKind::kText) r = tlv_text(r.tag, bad), any = true;
+                tlvs.push_back(r);
+            }
+            if (!any) continue;
+            ++sent;
+            answered += bool(udp.request_one(row.code, tlvs, 1s));
+        }
+    }
+    // Children started by the handlers get their time to run.
+    std::this_thread::sleep_for(3s);
+    ASSERT_TRUE(until([&] { return lab().serving(1); }, 20s)) << "the daemon is gone";
+    EXPECT_FALSE(lab().on_ap(1, "test -e /var/run/pwned").status == 0) << "a request text ran a command";
+    EXPECT_TRUE(udp.request_one(tav::kOpDiscovery, {}, 2s));
+    std::printf("security: %d requests with shell and format texts (%d answered), nothing ran\n", sent, answered);
+}
+
+TEST_F(Security, CredentialsWithShellAndFormatCharactersCompareLiterally) {
+    Finally restore([&] { lab().db_set(1, "/sys/user:1/password", "admin"); });
+    Client raw = lab().raw();
+    for (const char *stored : kInjections) {
+        if (std::string_view(stored).find('\n') != std::string_view::npos) continue;  // rgdb takes one line
+        SCOPED_TRACE(stored);
+        ASSERT_TRUE(lab().db_set(1, "/sys/user:1/password", stored));
+        const std::string literal = stored;
+        const struct {
+            std::string given;
+            uint16_t result;
+        } cases[] = {{literal, 0}, {literal + " ", 0x40}, {literal.substr(1), 0x40}, {"admin", 0x40}};
+        for (const auto &c : cases) {
+            auto r = raw.request_one(tav::kOpUserVerification, tav::requests::lead("admin", c.given), 3s);
+            ASSERT_TRUE(r) << r.error();
+            EXPECT_EQ(r->result(), c.result) << "given " << c.given;
+        }
+    }
+    EXPECT_NE(lab().on_ap(1, "test -e /var/run/pwned").status, 0);
+}
+
+}  // namespace
+}  // namespace e2e
