@@ -72,12 +72,11 @@ TAV_HANDLER(tav_discovery) {
 TAV_HANDLER(tav_query_supported_optional_functions) {
     (void)body_length;
     if (tav_function_parameter_check(body, reply) != 0) return tav::kResultRefused;
-    constexpr size_t kEndRecord = tav::kTlvHeadLen + 2;  // room kept for tag 501
     Reply r(reply);
+    r.close_with(2);  // room kept for tag 501
     for (const tav_function_row &row : tav_function)
-        if (tav::is_advertised(row.op_code))
-            r.add_be16(kTagSupportedFunction, row.op_code, kEndRecord);
-    r.add_be16(kTagEolOrCnt, 0);
+        if (tav::is_advertised(row.op_code)) r.add_be16(kTagSupportedFunction, row.op_code);
+    r.close_be16(kTagEolOrCnt, 0);
     return r.finish(tav::kResultSuccess);
 }
 

@@ -52,18 +52,21 @@ constexpr TlvRule kVerifyRules[] = {
     tlv_text(tav::kTagPassword, Take::Declared, 0, TAVC_FIELD(Verify, password)),
 };
 
-constexpr TlvRequest kVerify = {
-    kVerifyRules,        std::size(kVerifyRules),        Take::Declared,
-    tav::kResultRefused, tav::kResultRefusedHigh,        tav::kResultAuthFailed,
-    TAVC_FIELD(Verify, user_name), TAVC_FIELD(Verify, password),
+constexpr TlvRequest<Verify> kVerify{
+    kVerifyRules,
+    Take::Declared,
+    ParamRefusal{tav::kResultRefused},
+    PrecedenceRefusal{tav::kResultRefusedHigh},
+    AuthRefusal{tav::kResultAuthFailed},
+    tlv_credentials(TAVC_FIELD(Verify, user_name), TAVC_FIELD(Verify, password)),
 };
 
 }  // namespace
 
 TAV_HANDLER(tav_user_verification) {
     Verify req{};
-    if (int rc = tlv_request_prologue(kVerify, body, body_length, reply, &req); rc != kGoOn)
-        return rc;
+    if (Step s = tlv_request_prologue(kVerify, body, body_length, reply, &req); s.ended())
+        return s.result();
     static const uint8_t kOneLittleEndian[4] = {1, 0, 0, 0};
     Reply r(reply);
     r.add(tav::kTagVerification, kOneLittleEndian, sizeof kOneLittleEndian);

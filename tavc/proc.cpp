@@ -34,6 +34,19 @@ pid_t proc_fork(void (*child)(void *arg), void *arg) {
     return pid;
 }
 
+pid_t proc_exec(unsigned delay, const char *path, const char *const argv[], int fail_status) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        signal(SIGTERM, SIG_DFL);
+        signal(SIGCHLD, SIG_DFL);
+        if (delay > 0) sleep(delay);
+        char *const no_env[] = {nullptr};
+        execve(path, const_cast<char *const *>(argv), no_env);
+        _exit(fail_status);
+    }
+    return pid;
+}
+
 int proc_read(const char *cmd, char *out, int size) {
     if (out == nullptr || size < 1) return -1;
     out[0] = '\0';

@@ -23,6 +23,12 @@ pid_t proc_spawn(const char *cmd);
 // the parent returns at once with the child's pid, or -1 when fork fails.
 pid_t proc_fork(void (*child)(void *arg), void *arg);
 
+// Starts a child that sleeps `delay` seconds (not at all for 0), then
+// replaces itself with `path` and the NULL-terminated `argv`, with an empty
+// environment; if that fails, the child ends with `fail_status`. The parent
+// returns at once with the child's pid, or -1; the SIGCHLD handler reaps it.
+pid_t proc_exec(unsigned delay, const char *path, const char *const argv[], int fail_status);
+
 // Runs `cmd` with the shell (popen) and keeps the first size - 1 bytes of its
 // output, NUL-terminated. Returns the number of bytes kept, or -1.
 int proc_read(const char *cmd, char *out, int size);

@@ -168,6 +168,13 @@ int report_device_info();
 int tav_own_hello();
 int tav_own_bye();
 
+// ---- service actions (service.cpp) -----------------------------------------
+
+// Each starts its command line in a child process and returns the child's
+// pid at once (-1 when fork fails, and nothing runs).
+pid_t submit_wlan();      // "submit WAN; submit WLAN"
+pid_t reboot_after_5s();  // "sleep 5; reboot"
+
 // ---- date and time (admin/) -------------------------------------------------
 
 void init_time_zone_table();

@@ -5,9 +5,9 @@
 #include "proto/wire.h"
 #include "tavc/tavc.h"
 
-static const TlvRule *find_rule(const TlvRequest &d, uint16_t tag) {
-    for (size_t i = 0; i < d.count; ++i)
-        if (d.rules[i].tag == tag) return &d.rules[i];
+static const TlvRule *find_rule(const TlvRequestBase &d, uint16_t tag) {
+    for (const TlvRule &r : d.rules)
+        if (r.tag == tag) return &r;
     return nullptr;
 }
 
@@ -19,9 +19,10 @@ static void store_text(char *dst, uint16_t size, const uint8_t *v, uint16_t take
     memcpy(dst, v, n);
 }
 
-// Stores the taken bytes of one value; numbers need all their bytes.
-static void store_value(const TlvRule &r, uint8_t *req, const uint8_t *v, uint16_t taken) {
-    uint8_t *dst = req + r.offset;
+// Stores the taken bytes of one value into `base` (the request struct or the
+// current group record); numbers need all their bytes.
+static void store_value(const TlvRule &r, uint8_t *base, const uint8_t *v, uint16_t taken) {
+    uint8_t *dst = base + r.offset;
     switch (r.store) {
     case Store::Text:
         store_text(reinterpret_cast<char *>(dst), r.size, v, taken);
@@ -31,6 +32,7 @@ static void store_value(const TlvRule &r, uint8_t *req, const uint8_t *v, uint16
         memcpy(dst, v, taken < r.size ? taken : r.size);
         break;
     case Store::U8:
+    case Store::GroupStart:
         if (taken >= 1) *dst = v[0];
         break;
     case Store::Be16:
@@ -50,7 +52,26 @@ static void store_value(const TlvRule &r, uint8_t *req, const uint8_t *v, uint16
     }
 }
 
-int tlv_walk(const TlvRequest &d, const uint8_t *body, uint16_t body_length, void *req) {
+// The record that group values go to: the one opened last, or none yet.
+static uint8_t *current_group(const GroupSpec &g, uint8_t *req) {
+    uint16_t count;
+    memcpy(&count, req + g.count_offset, sizeof count);
+    if (count == 0 || count > g.capacity) return nullptr;
+    return req + g.offset + size_t(count - 1) * g.record;
+}
+
+// Opens a new zero-filled record; false when the pool is full.
+static bool open_group(const GroupSpec &g, uint8_t *req) {
+    uint16_t count;
+    memcpy(&count, req + g.count_offset, sizeof count);
+    if (count >= g.capacity) return false;
+    memset(req + g.offset + size_t(count) * g.record, 0, g.record);
+    ++count;
+    memcpy(req + g.count_offset, &count, sizeof count);
+    return true;
+}
+
+Step tlv_walk_any(const TlvRequestBase &d, const uint8_t *body, uint16_t body_length, void *req) {
     const uint8_t *p = body;
     uint16_t left = body_length;
     uint8_t *fields = static_cast<uint8_t *>(req);
@@ -65,7 +86,7 @@ int tlv_walk(const TlvRequest &d, const uint8_t *body, uint16_t body_length, voi
         switch (take) {
         case Take::Fixed:
             taken = n;
-            if (uint32_t(taken) + 4 > left) return kGoOn;  // value would run past the body
+            if (uint32_t(taken) + 4 > left) return Step::go_on();  // value would run past the body
             break;
         case Take::DeclaredMax:
             taken = length < n ? length : n;
@@ -74,44 +95,62 @@ int tlv_walk(const TlvRequest &d, const uint8_t *body, uint16_t body_length, voi
             taken = length;
             break;
         default:
-            return kGoOn;
+            return Step::go_on();
         }
         const uint8_t *v = p + 4;
         if (r == nullptr) {
             if (d.on_unknown) {
-                int rc = d.on_unknown(req, tag, v, taken);
-                if (rc != kGoOn) return rc;
+                if (Step s = d.on_unknown(req, tag, v, taken); s.ended()) return s;
             }
         } else if (r->store == Store::Precedence) {
             if (taken >= 1 &&
                 check_server_precedence(tav_tmp_server->functions[0].op_code, v[0],
                                         tav_tmp_server) != 0)
-                return int(d.precedence_refusal);
+                return Step::end(d.precedence_refusal);
         } else if (r->store == Store::Call) {
-            int rc = r->action(req, tag, v, taken);
-            if (rc != kGoOn) return rc;
+            if (Step s = r->action(req, tag, v, taken); s.ended()) return s;
+        } else if (r->in_group) {
+            if (d.groups.capacity != 0) {
+                if (r->store == Store::GroupStart && !open_group(d.groups, fields))
+                    return Step::end(d.group_refusal);
+                if (uint8_t *rec = current_group(d.groups, fields)) store_value(*r, rec, v, taken);
+            }
         } else {
             store_value(*r, fields, v, taken);
         }
         p += taken + 4;
         left = uint16_t(left - taken - 4);
     }
-    return kGoOn;
+    return Step::go_on();
 }
 
-int tlv_authenticate(const TlvRequest &d, const void *req) {
-    if (d.auth_refusal == kNoCode) return kGoOn;
+Step tlv_authenticate_any(const TlvRequestBase &d, const void *req) {
+    if (d.auth_refusal < 0) return Step::go_on();
     const char *fields = static_cast<const char *>(req);
-    if (tav_authentic(fields + d.user_name.offset, fields + d.password.offset) != 0)
-        return int(d.auth_refusal);
-    return kGoOn;
+    // The description keeps both members inside the struct; copying them
+    // bounded by their sizes keeps the comparison inside them too, whatever
+    // they hold.
+    char user[66] = {}, pass[66] = {};
+    auto copy = [](char *dst, const char *src, uint16_t size) {
+        size_t n = strnlen(src, size < 65 ? size : 65);
+        memcpy(dst, src, n);
+    };
+    copy(user, fields + d.user_offset, d.user_size);
+    copy(pass, fields + d.pass_offset, d.pass_size);
+    if (d.user_size == 0 || d.pass_size == 0 || tav_authentic(user, pass) != 0)
+        return Step::end(uint16_t(d.auth_refusal));
+    return Step::go_on();
 }
 
-int tlv_request_prologue(const TlvRequest &d, const uint8_t *body, uint16_t body_length,
-                         const uint8_t *reply, void *req) {
-    if (d.param_refusal != kNoCode && tav_function_parameter_check(body, reply) != 0)
-        return int(d.param_refusal);
-    int rc = tlv_walk(d, body, body_length, req);
-    if (rc != kGoOn) return rc;
-    return tlv_authenticate(d, req);
+Step tlv_param_check(const TlvRequestBase &d, const uint8_t *body, const uint8_t *reply) {
+    if (d.param_refusal >= 0 && tav_function_parameter_check(body, reply) != 0)
+        return Step::end(uint16_t(d.param_refusal));
+    return Step::go_on();
+}
+
+Step tlv_request_prologue_any(const TlvRequestBase &d, const uint8_t *body,
+                              uint16_t body_length, const uint8_t *reply, void *req) {
+    if (Step s = tlv_param_check(d, body, reply); s.ended()) return s;
+    if (Step s = tlv_walk_any(d, body, body_length, req); s.ended()) return s;
+    return tlv_authenticate_any(d, req);
 }

@@ -49,6 +49,14 @@ pid_t proc_fork(void (*child)(void *arg), void *arg) {
     return g_next_pid++;
 }
 
+// Never forks and never replaces the test runner: only what would run.
+pid_t proc_exec(unsigned delay, const char *path, const char *const argv[], int fail_status) {
+    Launch l{LaunchKind::Exec, path ? path : "", delay, fail_status};
+    for (size_t i = 0; argv != nullptr && argv[i] != nullptr; ++i) l.command += std::string(" ") + argv[i];
+    g_launches.push_back(std::move(l));
+    return g_next_pid++;
+}
+
 int proc_read(const char *cmd, char *out, int size) {
     g_launches.push_back({LaunchKind::Read, cmd ? cmd : ""});
     if (out == nullptr || size < 1) return -1;

@@ -11,11 +11,14 @@
 
 namespace tavc_record {
 
-enum class LaunchKind { System, Spawn, Fork, Read, Sleep };
+enum class LaunchKind { System, Spawn, Fork, Read, Sleep, Exec };
 
 struct Launch {
     LaunchKind kind;
-    std::string command;  // empty for Fork; the seconds for Sleep
+    std::string command;  // empty for Fork; the seconds for Sleep; for Exec the
+                          // path, then the arguments, joined by spaces
+    unsigned delay = 0;   // Exec: seconds the child sleeps first
+    int fail_status = 0;  // Exec: the child's status when execve fails
 };
 
 struct Frame {

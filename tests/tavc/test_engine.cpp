@@ -10,64 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "lrgbin/rgdb_store.h"
-#include "proto/wire.h"
+#include "tavc/command.h"
 #include "tavc/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
 #include "tavc/tlv_walk.h"
+#include "tests/tavc/handler_fixture.h"
 
-using Bytes = std::vector<uint8_t>;
-
-// The engine's buffers, an administrator in the store, and standard output
-// captured.
-class Engine : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        lrgbin_store::clear();
-        ASSERT_EQ(init_buff(), 0);
-        lrgbin_store::put("/sys/user:1/name", "admin");
-        lrgbin_store::put("/sys/user:1/password", "secret");
-        testing::internal::CaptureStdout();
-    }
-    void TearDown() override {
-        fflush(stdout);
-        testing::internal::GetCapturedStdout();
-        free_buff();
-    }
-    // Standard output since SetUp or the last out().
-    static std::string out() {
-        fflush(stdout);
-        std::string s = testing::internal::GetCapturedStdout();
-        testing::internal::CaptureStdout();
-        return s;
-    }
-};
-
-namespace {
-
-// A TLV record as given (declared length = value size unless set).
-Bytes tlv(uint16_t tag, Bytes value, int declared = -1) {
-    Bytes b{uint8_t(tag >> 8), uint8_t(tag), 0, 0};
-    tav::put_be16(b.data() + 2, uint16_t(declared < 0 ? value.size() : size_t(declared)));
-    b.insert(b.end(), value.begin(), value.end());
-    return b;
-}
-Bytes text(uint16_t tag, const char *s) {
-    return tlv(tag, Bytes(s, s + strlen(s) + 1));
-}
-Bytes operator+(Bytes a, const Bytes &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-tav_server sender(uint16_t last) {
-    tav_server s{};  // MAC 02:00:00:00:hi:lo
-    s.mac[0] = 0x02, s.mac[4] = uint8_t(last >> 8), s.mac[5] = uint8_t(last);
-    return s;
-}
-
-}  // namespace
+using namespace fixture;
 
 TEST(TlvAdd, BoundedByTheReplyArea) {
     static uint8_t value[65490], area[tav::kReplyArea + 8];
@@ -111,9 +60,9 @@ struct WalkReq {
     int unknown_seen;
 };
 
-int count_unknown(void *req, uint16_t, const uint8_t *, uint16_t) {
+Step count_unknown(void *req, uint16_t, const uint8_t *, uint16_t) {
     static_cast<WalkReq *>(req)->unknown_seen++;
-    return kGoOn;
+    return Step::go_on();
 }
 
 constexpr TlvRule kRules[] = {
@@ -123,8 +72,8 @@ constexpr TlvRule kRules[] = {
     tlv_be16(303, TAVC_FIELD(WalkReq, be16)),
     tlv_text(36, Take::DeclaredMax, 3, TAVC_FIELD(WalkReq, cut)),
 };
-constexpr TlvRequest kWalk = {kRules,  std::size(kRules), Take::Declared, kNoCode,      0x1234,
-                              kNoCode, kNoField,          kNoField,       count_unknown};
+constexpr TlvRequest<WalkReq> kWalk{kRules, Take::Declared, NoParamCheck{},
+                                    PrecedenceRefusal{0x1234}, NoAuth{}, count_unknown};
 
 }  // namespace
 
@@ -162,7 +111,7 @@ TEST_F(Walk, AppliesTheWalkRule) {
     };
     for (const auto &c : cases) {
         WalkReq req{};
-        EXPECT_EQ(tlv_walk(kWalk, c.body.data(), uint16_t(c.body.size()), &req), kGoOn) << c.name;
+        EXPECT_FALSE(tlv_walk(kWalk, c.body.data(), uint16_t(c.body.size()), &req).ended()) << c.name;
         EXPECT_STREQ(req.text, c.text) << c.name;
         EXPECT_EQ(req.u8, c.u8) << c.name;
         EXPECT_EQ(req.be16, c.be16) << c.name;
@@ -183,6 +132,126 @@ TEST(ShellQuote, QuotesAndRefusesWhatDoesNotFit) {
     EXPECT_STREQ(out, "");
     EXPECT_EQ(shell_quote(out, 5, "abc"), -1);
     EXPECT_EQ(shell_quote(out, 6, "abc"), 5);
+}
+
+TEST(Command, RequestValuesStayOneLiteralArgument) {
+    const struct {
+        const char *value, *command;
+    } cases[] = {
+        {"fw.bin", "tftp -f 192.0.2.1 -r fw.bin"},
+        {"a/b_c-1.2:3+4@5=6,7%8", "tftp -f 192.0.2.1 -r a/b_c-1.2:3+4@5=6,7%8"},
+        {"", "tftp -f 192.0.2.1 -r ''"},
+        {"fw.bin; reboot", "tftp -f 192.0.2.1 -r 'fw.bin; reboot'"},
+        {"$(reboot)", "tftp -f 192.0.2.1 -r '$(reboot)'"},
+        {"`id`", "tftp -f 192.0.2.1 -r '`id`'"},
+        {"it's", "tftp -f 192.0.2.1 -r 'it'\\''s'"},
+        {"a\nb", "tftp -f 192.0.2.1 -r 'a\nb'"},
+        {"-x y", "tftp -f 192.0.2.1 -r '-x y'"},
+    };
+    for (const auto &c : cases) {
+        Command cmd("tftp -f %s -r %s", "192.0.2.1", c.value);
+        EXPECT_TRUE(cmd.ok()) << c.value;
+        EXPECT_STREQ(cmd.text(), c.command) << c.value;
+    }
+}
+
+TEST(Command, NumbersAndLimits) {
+    EXPECT_STREQ(Command("date -s '%d-%02d-%02d %02d:%02d:%02d'", 2024, 5, 13, 8, 30, 5).text(),
+                 "date -s '2024-05-13 08:30:05'");
+    EXPECT_STREQ(Command("x %u%% %d", 7u, -3).text(), "x 7% -3");
+    // 10 bytes with the NUL: fits a limit of 10, not of 9; an unfit command never runs.
+    EXPECT_TRUE(Command(10, "echo %s", "abcd").ok());
+    Command cut(9, "echo %s", "abcd");
+    EXPECT_FALSE(cut.ok());
+    EXPECT_STREQ(cut.text(), "");
+    EXPECT_EQ(cut.system(), -1);
+    std::string big(2000, 'a');
+    EXPECT_FALSE(Command("echo %s", big.c_str()).ok());
+}
+
+TEST(Reply, IntegersAndSetReply) {
+    static uint8_t buf[kReplyBodySize];
+    Reply r(buf);
+    r.add_le32(526, 0x1FF);
+    r.add_be64(600, 0x0102030405060708ull);
+    r.add_set_reply(2, 60000, 3, /*mask_little_endian=*/true);
+    const Bytes want = tlv(526, {0xFF, 0x01, 0, 0}) + tlv(600, {1, 2, 3, 4, 5, 6, 7, 8}) +
+                       be32(393, 2) + be32(394, 60000) + tlv(395, {3, 0, 0, 0});
+    EXPECT_EQ(Bytes(buf + 2, buf + 2 + r.size()), want);
+}
+
+TEST(Reply, ListKeepsRoomForItsClosingRecord) {
+    static uint8_t buf[kReplyBodySize];
+    Reply r(buf);
+    r.close_with(2);
+    size_t groups = 0;
+    while (r.fits(2 * Reply::tlv_size(4))) {  // a group of two 4-byte records, whole or not at all
+        ASSERT_TRUE(r.add_be32(1, 0));
+        ASSERT_TRUE(r.add_be32(2, 0));
+        ++groups;
+    }
+    EXPECT_EQ(groups, (tav::kReplyArea - 6) / 16) << "the list stops only when full";
+    size_t singles = 0;
+    while (r.add_be16(3, 0)) ++singles;
+    EXPECT_EQ(r.size(), tav::kReplyArea - 6) << "every record leaves the closing record's room";
+    EXPECT_TRUE(r.close_be16(501, 0xEEEE));
+    EXPECT_EQ(r.size(), tav::kReplyArea);
+    EXPECT_FALSE(r.add_be16(3, 0));
+}
+
+namespace {
+
+struct GroupRec {
+    uint8_t index;
+    char name[8];
+};
+struct GroupReq {
+    char user_name[65], password[65];
+    GroupRec recs[3];
+    uint16_t count;
+};
+constexpr TlvRule kGroupRules[] = {
+    tlv_text(55, Take::DeclaredMax, 65, TAVC_FIELD(GroupReq, user_name)),
+    tlv_text(56, Take::DeclaredMax, 65, TAVC_FIELD(GroupReq, password)),
+    tlv_group_start(926, Take::Fixed, 1, TAVC_FIELD(GroupRec, index)),
+    tlv_in_group(tlv_text(927, Take::DeclaredMax, 4, TAVC_FIELD(GroupRec, name))),
+};
+constexpr auto kGroups =
+    TlvRequest<GroupReq>{kGroupRules, Take::Declared, ParamRefusal{0xFFFF},
+                         PrecedenceRefusal{0xFFFD}, AuthRefusal{64},
+                         tlv_credentials(TAVC_FIELD(GroupReq, user_name),
+                                         TAVC_FIELD(GroupReq, password))}
+        .with_groups(TAVC_GROUPS(GroupReq, recs, count), GroupRefusal{0xFFFD});
+
+}  // namespace
+
+class Groups : public Engine {};
+
+TEST_F(Groups, RecordsOpenInOrderAndFillTheLatest) {
+    static GroupReq req;
+    req = GroupReq{};
+    Bytes body = tlv(927, {'l', 'o', 's', 't'}) + tlv(926, {5}) + tlv(927, {'a', 'b', 'c', 'd'}) +
+                 tlv(926, {6}) + tlv(927, {'x', 0});
+    EXPECT_FALSE(tlv_walk(kGroups, body.data(), uint16_t(body.size()), &req).ended());
+    ASSERT_EQ(req.count, 2);
+    EXPECT_EQ(req.recs[0].index, 5);
+    EXPECT_STREQ(req.recs[0].name, "abcd");
+    EXPECT_EQ(req.recs[1].index, 6);
+    EXPECT_STREQ(req.recs[1].name, "x");
+    // A fourth record finds the pool full: the walk ends with the group refusal.
+    req = GroupReq{};
+    body = tlv(926, {1}) + tlv(926, {2}) + tlv(926, {3});
+    EXPECT_FALSE(tlv_walk(kGroups, body.data(), uint16_t(body.size()), &req).ended());
+    body = body + tlv(926, {4});
+    req = GroupReq{};
+    EXPECT_EQ(tlv_walk(kGroups, body.data(), uint16_t(body.size()), &req), Step::end(0xFFFD));
+    // Credentials through the description: right ones go on, wrong ones refuse.
+    body = admin();
+    EXPECT_FALSE(tlv_request_prologue(kGroups, body.data(), uint16_t(body.size()), reply_, &req)
+                     .ended());
+    body = text(55, "admin") + text(56, "secreT");
+    EXPECT_EQ(tlv_request_prologue(kGroups, body.data(), uint16_t(body.size()), reply_, &req),
+              Step::end(64));
 }
 
 // Scenarios between managers through user verification are end-to-end

@@ -1,0 +1,108 @@
+// What every unit test of the daemon's handlers starts from: tavc_core linked
+// against the in-process store (lrgbin_store) and the launch/frame recorder
+// (tavc_record). Each test gets the engine's buffers, an empty store with an
+// administrator "admin"/"secret", an empty recorder, a fresh time-zone table
+// and captured standard output.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "lrgbin/rgdb_store.h"
+#include "proto/wire.h"
+#include "tavc/handlers.h"
+#include "tavc/record/record.h"
+#include "tavc/tavc.h"
+
+using Bytes = std::vector<uint8_t>;
+
+class Engine : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        lrgbin_store::clear();
+        tavc_record::clear();
+        ASSERT_EQ(init_buff(), 0);
+        init_time_zone_table();
+        lrgbin_store::put("/sys/user:1/name", "admin");
+        lrgbin_store::put("/sys/user:1/password", "secret");
+        testing::internal::CaptureStdout();
+    }
+    void TearDown() override {
+        fflush(stdout);
+        std::string rest = testing::internal::GetCapturedStdout();
+        // Failure messages went into the capture too: show them.
+        if (HasFailure()) std::fputs(rest.c_str(), stderr);
+        free_buff();
+    }
+    // Standard output since SetUp or the last out().
+    static std::string out() {
+        fflush(stdout);
+        std::string s = testing::internal::GetCapturedStdout();
+        testing::internal::CaptureStdout();
+        return s;
+    }
+    // The commands launched so far, in order (Exec: path and arguments).
+    static std::vector<std::string> commands() {
+        std::vector<std::string> v;
+        for (const auto &l : tavc_record::launches()) v.push_back(l.command);
+        return v;
+    }
+
+    // Calls a handler as the dispatcher would for `op` from `from`; the reply
+    // body's TLVs are in reply_tlvs() afterwards.
+    int call(int (*handler)(const uint8_t *, uint16_t, uint8_t *), uint16_t op, const Bytes &body,
+             tav_server from = {}) {
+        from_ = from;
+        from_.functions[0].op_code = op;
+        tav_tmp_server = &from_;
+        std::memset(reply_, 0, sizeof reply_);
+        return handler(body.data(), uint16_t(body.size()), reply_);
+    }
+    // The reply body after call(): its TLV bytes (length from the first two
+    // bytes, host order).
+    Bytes reply_tlvs() const {
+        uint16_t n;
+        std::memcpy(&n, reply_, sizeof n);
+        return Bytes(reply_ + 2, reply_ + 2 + n);
+    }
+
+    tav_server from_{};
+    uint8_t reply_[kReplyBodySize + 2] = {};
+};
+
+namespace fixture {
+
+inline Bytes operator+(Bytes a, const Bytes &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// A TLV record as given (declared length = value size unless set).
+inline Bytes tlv(uint16_t tag, Bytes value, int declared = -1) {
+    Bytes b{uint8_t(tag >> 8), uint8_t(tag), 0, 0};
+    tav::put_be16(b.data() + 2, uint16_t(declared < 0 ? value.size() : size_t(declared)));
+    b.insert(b.end(), value.begin(), value.end());
+    return b;
+}
+// Text with its NUL, as managers send it.
+inline Bytes text(uint16_t tag, const char *s) { return tlv(tag, Bytes(s, s + strlen(s) + 1)); }
+inline Bytes be16(uint16_t tag, uint16_t v) { return tlv(tag, {uint8_t(v >> 8), uint8_t(v)}); }
+inline Bytes be32(uint16_t tag, uint32_t v) {
+    return tlv(tag, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
+}
+// Credentials of the fixture's administrator (tags 55 and 56).
+inline Bytes admin() { return text(55, "admin") + text(56, "secret"); }
+
+// A manager's record: MAC 02:00:00:00:hi:lo.
+inline tav_server sender(uint16_t last) {
+    tav_server s{};
+    s.mac[0] = 0x02, s.mac[4] = uint8_t(last >> 8), s.mac[5] = uint8_t(last);
+    return s;
+}
+
+}  // namespace fixture
