@@ -7,10 +7,13 @@
 # so it runs as process 1 of the access point's own process namespace, in its
 # network namespace and in a private mount namespace. There it
 #   - lays the lab over the system: /usr/lib/TAV_Auth.so (the lab's cipher),
-#     /usr/lib/tavlab (stubs, environment, profile), /usr/sbin/submit, sys,
-#     reboot, /usr/bin/date, /etc/templates; a writable private /var; and the
-#     access point's run directory /run/LAB/apN as /var/run (= /run);
-#   - starts xmldb and the daemon (when built);
+#     /usr/lib/tavlab (stubs, environment, profile, marker), every device
+#     command (reboot, date, submit, tftp, ...) by name in /usr/local/sbin,
+#     /usr/local/bin, /usr/sbin, /usr/bin, /sbin and /bin, /etc/templates; a
+#     writable private /var; and the access point's run directory
+#     /run/LAB/apN as /var/run (= /run);
+#   - runs the safety probe (probe.sh) and refuses to go on unless it passes;
+#   - starts xmldb and the daemon (when built), the daemon through the probe;
 #   - turns reboot requests of the stubs into a simulated reboot: daemon
 #     stopped with SIGTERM, its leftover children killed, database restarted
 #     from the committed state (or the profile), identity keys set again,
@@ -35,7 +38,15 @@ fail() {
 }
 
 [ "$$" = 1 ] || fail "must run as process 1 of its own process namespace"
-[ -r "$LAYERS/usr-lib/tavlab/lab.env" ] || fail "missing $LAYERS (start the lab with tavlab up)"
+[ -r "$LAYERS/usr-lib/tavlab/lab.env" ] && [ -r "$PRIV/supervisor.env" ] &&
+    [ -r "$PRIV/probe.sh" ] || fail "missing $LAYERS (start the lab with tavlab up)"
+# What the supervisor needs from the lab's private files, read before /run
+# becomes the access point's own.
+# shellcheck source=/dev/null
+. "$LAYERS/usr-lib/tavlab/lab.env"
+# shellcheck source=/dev/null
+. "$PRIV/supervisor.env"
+PROBE_CODE=$(<"$PRIV/probe.sh")
 
 # --- Mounts (private to this namespace) --------------------------------------
 # Nothing below may propagate to the host, whatever unshare did.
@@ -44,10 +55,24 @@ mount --make-rprivate / || fail "cannot make the mount namespace private"
 overlay_ro() { # TARGET LAYER: LAYER's entries shadow TARGET's, read-only
     mount -t overlay "$LAB-$AP" -o "lowerdir=$2:$1" "$1" || fail "overlay on $1"
 }
-overlay_ro /usr/lib "$LAYERS/usr-lib"
-overlay_ro /usr/sbin "$LAYERS/usr-sbin"
-overlay_ro /usr/bin "$LAYERS/usr-bin"
-overlay_ro /etc "$LAYERS/etc"
+bind_ro() { # DIR TARGET: TARGET shows DIR only (nothing of the host's)
+    mount -o bind,ro "$1" "$2" || fail "bind on $2"
+}
+if [ "$SUP_BREAK_OVERLAYS" = 1 ]; then
+    log "test-only: the overlays are left out"
+else
+    overlay_ro /usr/lib "$LAYERS/usr-lib"
+    bind_ro "$LAYERS/usr-lib/tavlab" /usr/lib/tavlab
+    for d in $SUP_SHADOW_DIRS; do
+        # A link (/sbin -> usr/sbin) is covered by its target; a missing
+        # directory holds nothing to run.
+        [ -L "$d" ] || [ ! -d "$d" ] && continue
+        layer=${d#/}
+        overlay_ro "$d" "$LAYERS/shadow/${layer//\//-}"
+    done
+    overlay_ro /etc "$LAYERS/etc"
+    bind_ro "$LAYERS/etc/templates" /etc/templates
+fi
 # Writable /var whose changes (/var/config.bin, ...) stay in the lab.
 mount -t overlay "$LAB-$AP" \
     -o "lowerdir=/var,upperdir=$PRIV/var/upper,workdir=$PRIV/var/work" /var ||
@@ -61,10 +86,39 @@ mount --bind "$RUN" /run || fail "bind on /run"
 [ -e /var/run/tavlab-ap ] || fail "run directory not in place"
 cd / || fail "no /"
 
-# shellcheck source=/dev/null
-. /usr/lib/tavlab/lab.env
 export PATH=$TAVLAB_PATH
 echo "$$" >/var/run/supervisor.pid
+
+# --- Safety probe ------------------------------------------------------------
+# In exactly the daemon's environment; `probe -- CMD...` runs CMD after it
+# passed. /var/run/probe ("passed" or "failed: WHY") lets `tavlab exec` in.
+probe() {
+    env -i PATH="$TAVLAB_PATH" HOME=/ /bin/bash -c "$PROBE_CODE" tavlab-probe \
+        "$SUP_ID" "$SUP_CIPHER_SUM" "$AP" "$@"
+}
+check_probe() {
+    local why
+    if why=$(probe 2>&1); then
+        echo passed >/var/run/probe
+        return 0
+    fi
+    why=${why#"tavlab: $AP failed its safety probe, so nothing was run: "}
+    printf 'failed: %s\n' "$why" >/var/run/probe
+    log "safety probe failed: $why"
+    return 1
+}
+if ! check_probe; then
+    if [ "$SUP_BREAK_OVERLAYS" = 1 ]; then
+        # Test-only: stay up, running nothing, so tests can knock on the door.
+        printf 'unsafe: %s\n' "$(cat /var/run/probe)" >/var/run/ready
+        trap 'exit 0' TERM INT HUP
+        while :; do
+            sleep 1 &
+            wait $!
+        done
+    fi
+    fail "safety probe: $(cat /var/run/probe)"
+fi
 
 # --- Database ----------------------------------------------------------------
 XMLDB_PID=
@@ -130,8 +184,16 @@ start_daemon() {
         rm -f /var/run/tavc.pid
         return 0
     fi
+    if ! check_probe; then
+        log "daemon not started: the safety probe failed"
+        rm -f /var/run/tavc.pid
+        return 0
+    fi
     # Own session and process group, so a reboot can end all its children.
-    setsid env -i PATH="$TAVLAB_PATH" HOME=/ "$TAVLAB_TAVC" \
+    # The probe checks again in the daemon's own process, then becomes it.
+    setsid env -i PATH="$TAVLAB_PATH" HOME=/ /bin/bash -c \
+        "$PROBE_CODE" tavlab-probe "$SUP_ID" "$SUP_CIPHER_SUM" "$AP" -- \
+        /usr/bin/env -i PATH="$TAVLAB_PATH" HOME=/ "$TAVLAB_TAVC" \
         </dev/null >>/var/run/tavc.out 2>>/var/run/tavc.err &
     TAVC_PID=$!
     echo "$TAVC_PID" >/var/run/tavc.pid

@@ -1,6 +1,9 @@
 // Configuration database socket client, plus the small process and text
-// helpers that ship in the same library. Device code: libc only.
+// helpers that ship in the same library. Device code: libc only. Programs
+// start through the daemon's launcher (tavc/proc.h), so whoever links this
+// library also links one: tavc_platform, or tavc_record in tests.
 #include "lrgbin/lrgbin.h"
+#include "tavc/proc.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -207,7 +210,7 @@ int lrgbin_system(const char *fmt, ...)
     va_start(ap, fmt);
     vsnprintf(cmd, sizeof(cmd), fmt, ap);
     va_end(ap);
-    return system(cmd);
+    return proc_system(cmd);
 }
 
 int lrgbin_run_shell(char *buf, int size, const char *fmt, ...)
@@ -220,17 +223,10 @@ int lrgbin_run_shell(char *buf, int size, const char *fmt, ...)
     vsnprintf(cmd, sizeof(cmd), fmt, ap);
     va_end(ap);
 
-    FILE *p = popen(cmd, "r");
-    if (!p) {
-        buf[0] = '\0';
+    // The launcher keeps what fits and terminates it ("" when it cannot start).
+    int len = proc_read(cmd, buf, size);
+    if (len < 0)
         return -1;
-    }
-    int len = 0;
-    int c;
-    while (len < size - 1 && (c = fgetc(p)) != EOF)
-        buf[len++] = static_cast<char>(c);
-    buf[len] = '\0';
-    pclose(p);
     if (len > 0 && buf[len - 1] == '\n')
         buf[len - 1] = '\0';
     return 0;

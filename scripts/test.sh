@@ -21,6 +21,24 @@ if ((bigendian)); then scripts/bigendian.sh; fi
 
 cmake --preset "$preset" >/dev/null
 cmake --build "build/$preset" -j"$(nproc)"
-# Lab tests create network namespaces: never leave one behind, even on failure.
-trap 'lab/tavlab down >/dev/null 2>&1 || true' EXIT
-ctest --test-dir "build/$preset" --output-on-failure -j1 "$@"
+
+# Everything the tests write to a temporary directory goes to one of this
+# run's own, removed at the end.
+run_tmp=$(mktemp -d "${TMPDIR:-/tmp}/tavc-test.XXXXXX")
+export TMPDIR=$run_tmp TEST_TMPDIR=$run_tmp
+# Lab tests create network namespaces under lab instances of their own (named
+# after the build tree), which their ctest cleanup entries take down. When the
+# run did not get that far (interrupted), run those entries: they remove the
+# tests' instances only, never a lab someone brought up by hand.
+done_ctest=0
+finish() {
+    if [ "$done_ctest" = 0 ]; then
+        ctest --test-dir "build/$preset" -L lab -R '_cleanup$' >/dev/null 2>&1 || true
+    fi
+    rm -rf "$run_tmp"
+}
+trap finish EXIT
+status=0
+ctest --test-dir "build/$preset" --output-on-failure -j1 "$@" || status=$?
+done_ctest=1
+exit "$status"

@@ -4,7 +4,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 
-int proc_systemf(const char *fmt, ...) {
+int proc_systemf_checked(const char *fmt, ...) {
     char cmd[1024];
     va_list ap;
     va_start(ap, fmt);

@@ -93,6 +93,12 @@ class Lab {
                       up_args);
         up_out = r.out;
         ok = r.status == 0;
+        // No test may make anything run a device command on an access point
+        // whose commands are not sure to meet the lab's stubs.
+        for (int ap = 1; ok && ap <= aps; ++ap) {
+            Sh p = tavlab("probe ap" + std::to_string(ap));
+            if (p.status != 0) ok = false, up_out += "\n" + p.out;
+        }
         for (int ap = 1; ok && ap <= aps; ++ap)
             if (!until([&] { return serving(ap); }, 10s))
                 ok = false, up_out += "\nno daemon on ap" + std::to_string(ap);
@@ -267,7 +273,8 @@ inline std::string hex(std::span<const uint8_t> v) {
 }
 
 // A suite with one lab: up before the first test, down after the last (also
-// when tests failed).
+// when tests failed). Every test ASSERTs that the lab came up with each
+// access point's safety probe passed.
 template <class Self>
 class LabSuite : public ::testing::Test {
   public:

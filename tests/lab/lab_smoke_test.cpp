@@ -57,8 +57,28 @@ protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "the lab needs root";
         ASSERT_EQ(up_.second, 0) << up_.first;
+        // Nothing below may run a device command unless it is sure to meet a stub.
+        for (const char *ap : {"ap1", "ap2"}) {
+            const auto probe = sh(kLab + "probe " + ap);
+            ASSERT_EQ(probe.second, 0) << probe.first;
+        }
     }
 };
+
+// Host pid of a process of the lab from `status --json` ("supervisor_pid" or "daemon_pid" of ap1).
+std::string ap1_pid(const std::string &which) {
+    const std::string json = sh(kLab + "status --json").first, key = "\"" + which + "\": ";
+    const size_t ap1 = json.find("\"host\": \"ap1\""), at = json.find(key, ap1);
+    if (ap1 == std::string::npos || at == std::string::npos) return "";
+    return json.substr(at + key.size(), json.find_first_of(",}", at) - at - key.size());
+}
+// The capability bounding set of a process, from /proc/PID/status.
+unsigned long long cap_bounding_set(const std::string &pid) {
+    const std::string status = slurp("/proc/" + pid + "/status");
+    const size_t at = status.find("CapBnd:");
+    return at == std::string::npos ? ~0ull : std::stoull(status.substr(at + 7), nullptr, 16);
+}
+constexpr unsigned long long kSysModule = 1ull << 16, kSysBoot = 1ull << 22, kSysTime = 1ull << 25;
 
 TEST_F(LabSmoke, AccessPointsSeeTheLabsCipherTheirOwnDatabaseAndOnlyStubs) {
     for (int n : {1, 2}) {
@@ -71,11 +91,20 @@ TEST_F(LabSmoke, AccessPointsSeeTheLabsCipherTheirOwnDatabaseAndOnlyStubs) {
     for (const char *path : {"/usr/lib/TAV_Auth.so", "/usr/sbin/submit", "/usr/sbin/sys", "/etc/templates",
                              "/var/run/events.log", "/var/config.bin"})
         EXPECT_FALSE(exists(path)) << path << " appeared on the host";
-    const auto where = on("ap1", "for c in reboot date submit tftp rgdb sys nb_submit halt; do command -v $c; done;"
-                                 " readlink -f /sbin/reboot /bin/date /usr/sbin/submit /usr/sbin/sys");
-    size_t stubs = 0;
-    for (size_t at = 0; (at = where.first.find("/usr/lib/tavlab/stubs/", at)) != std::string::npos; ++at) ++stubs;
-    EXPECT_EQ(stubs, 12u) << where.first;
+    // Every device command is a stub by name, with the lab's PATH and with the default PATH of a
+    // shell started without environment, and at the absolute paths a command line may use.
+    const std::pair<std::string, std::string> commands[] = {
+        {"reboot", "reboot"}, {"date", "date"}, {"submit", "submit"}, {"nb_submit", "nb_submit"},
+        {"tftp", "tftp"},     {"rgdb", "rgdb"}, {"sys", "sys"},       {"halt", "noop"},
+        {"poweroff", "noop"}, {"hwclock", "noop"}};
+    for (const auto &[c, is] : commands) {
+        const std::string stub = "/usr/lib/tavlab/stubs/" + is + "\n";
+        EXPECT_EQ(on("ap1", "readlink -f \"$(command -v " + c + ")\" \"$(env -i /bin/sh -c 'command -v " + c +
+                                "')\" /sbin/" + c + " /bin/" + c + " /usr/sbin/" + c + " /usr/bin/" + c)
+                      .first,
+                  stub + stub + stub + stub + stub + stub)
+            << c;
+    }
 
     const std::string boot = slurp("/proc/sys/kernel/random/boot_id");
     const time_t before = time(nullptr);
@@ -95,6 +124,17 @@ TEST_F(LabSmoke, AccessPointsSeeTheLabsCipherTheirOwnDatabaseAndOnlyStubs) {
     for (const char *want : {"\ndate -s '2030-01-02 03:04:05'\t", "\nsubmit TIME\t", "\nreboot\t"})
         EXPECT_NE(events.find(want), std::string::npos) << want << " not in:\n" << events;
     EXPECT_EQ(slurp(kRun + "ap2/events.log").find("submit TIME"), std::string::npos);
+}
+
+TEST_F(LabSmoke, NoProcessOfAnAccessPointMaySetTheClockRebootOrLoadModules) {
+    for (const char *which : {"supervisor_pid", "daemon_pid"}) {
+        const std::string pid = ap1_pid(which);
+        ASSERT_FALSE(pid.empty() || pid == "null") << which;
+        EXPECT_EQ(cap_bounding_set(pid) & (kSysModule | kSysBoot | kSysTime), 0u) << which << " " << pid;
+    }
+    const auto cap = on("ap1", "grep CapBnd /proc/self/status");
+    EXPECT_EQ(std::stoull(cap.first.substr(cap.first.find(':') + 1), nullptr, 16) & (kSysBoot | kSysTime), 0u)
+        << cap.first;
 }
 
 TEST_F(LabSmoke, FramesAndDatagramsCrossBetweenManagerAndAccessPoints) {
@@ -129,6 +169,64 @@ TEST_F(LabSmoke, FramesAndDatagramsCrossBetweenManagerAndAccessPoints) {
         ASSERT_TRUE(d);
         EXPECT_EQ(c.to ? format_ipv4(d->src_ip) : format_mac(d->src_mac), c.from);
     }
+}
+
+// The lab fails closed: an access point that lacks its overlays, from the start
+// or later, runs neither the daemon nor anything given to `exec`.
+TEST(LabSafety, AnAccessPointWithoutItsOverlaysRunsNothing) {
+    if (geteuid() != 0) GTEST_SKIP() << "the lab needs root";
+    const std::string boot = slurp("/proc/sys/kernel/random/boot_id");
+    const time_t before = time(nullptr);
+    lab("down");
+    // Broken later: one overlay gone under a running access point.
+    ASSERT_EQ(lab("up -n 1 --no-daemon --build " + kBuild), 0);
+    ASSERT_EQ(sh(kLab + "probe ap1").second, 0);
+    const std::string sup = ap1_pid("supervisor_pid");
+    ASSERT_EQ(sh("nsenter -t " + sup + " -m -p umount /usr/sbin").second, 0);
+    auto refused = on("ap1", "date -s '2030-01-02 03:04:05'; echo ran");
+    EXPECT_NE(refused.second, 0);
+    EXPECT_EQ(refused.first.find("ran"), std::string::npos) << refused.first;
+    EXPECT_NE(refused.first.find("/usr/sbin/submit is missing"), std::string::npos) << refused.first;
+    EXPECT_NE(refused.first.find("nothing was run"), std::string::npos) << refused.first;
+    EXPECT_EQ(lab("down"), 0);
+
+    // Broken from the start (the test-only switch): no daemon, and exec refuses.
+    setenv("TAVLAB_TEST_BREAK_OVERLAYS", "1", 1);
+    const auto up = sh(kLab + "up -n 1 --build " + kBuild);
+    unsetenv("TAVLAB_TEST_BREAK_OVERLAYS");
+    ASSERT_EQ(up.second, 0) << up.first;
+    EXPECT_EQ(ap1_pid("daemon_pid"), "null");
+    EXPECT_EQ(sh("ip netns pids " + kName + "-ap1 | xargs -r -I@ cat /proc/@/comm | grep -cx tavc").first, "0\n");
+    const auto probe = sh(kLab + "probe ap1");
+    EXPECT_NE(probe.second, 0);
+    for (const char *want : {"this is not the access point's root", "date -> /", "/usr/sbin/submit is missing"})
+        EXPECT_NE(probe.first.find(want), std::string::npos) << want << " not in: " << probe.first;
+    refused = on("ap1", "date -s '2030-01-02 03:04:05'; echo ran");
+    EXPECT_NE(refused.second, 0);
+    EXPECT_EQ(refused.first.find("ran"), std::string::npos) << refused.first;
+    EXPECT_EQ(slurp(kRun + "ap1/events.log"), "");
+    EXPECT_EQ(lab("down"), 0);
+    EXPECT_LT(std::labs(long(time(nullptr) - before)), 60L) << "machine clock moved";
+    EXPECT_EQ(slurp("/proc/sys/kernel/random/boot_id"), boot);
+}
+
+// Brought up and entered from a chroot (as in a clean build image), exec
+// still lands in the access point's root, not in the machine's.
+TEST(LabSafety, FromAChrootExecLandsInTheAccessPoint) {
+    if (geteuid() != 0) GTEST_SKIP() << "the lab needs root";
+    lab("down");
+    const time_t before = time(nullptr);
+    // The whole machine seen again under a directory, in a mount namespace of its own.
+    setenv("TAVLAB_SMOKE_CMD", (kLab + "up -n 1 --no-daemon --build " + kBuild + " >/dev/null 2>&1 && " + kLab +
+                                "exec ap1 sh -c 'readlink -f $(command -v date) /bin/date; date -s 2030-01-02'; " + kLab +
+                                "down")
+                                   .c_str(),
+           1);
+    const auto r = sh("unshare -m --propagation private sh -c 'root=$(mktemp -d) && mount --rbind / \"$root\" &&"
+                      " chroot \"$root\" sh -c \"$TAVLAB_SMOKE_CMD\"; umount -l \"$root\"; rmdir \"$root\"'");
+    EXPECT_EQ(r.first, "/usr/lib/tavlab/stubs/date\n/usr/lib/tavlab/stubs/date\nWed Jan  2 00:00:00 UTC 2030\n");
+    EXPECT_LT(std::labs(long(time(nullptr) - before)), 60L) << "machine clock moved";
+    EXPECT_EQ(lab("down"), 0);
 }
 
 TEST(LabDown, LeavesNothingBehind) {

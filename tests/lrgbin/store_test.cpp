@@ -1,6 +1,8 @@
 // The in-process store gives the typed functions the socket path's results.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "lrgbin/lrgbin.h"
 #include "lrgbin/rgdb_getset.h"
 #include "lrgbin/rgdb_store.h"
@@ -8,7 +10,7 @@
 
 TEST(Store, TypedAccessMatchesTheSocketPath) {
     dbtest::TempDir dir;
-    lrgbin_system("printf '# c\\n/a one\\\\ttwo\\n/b\\n' > p");
+    std::ofstream("p") << "# c\n/a one\\ttwo\n/b\n";
     lrgbin_store::clear();
     EXPECT_TRUE(lrgbin_store::load_profile("p"));
     EXPECT_EQ(lrgbin_store::find("/a"), "one\ttwo");

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -15,11 +16,12 @@ namespace dbtest {
 
 constexpr const char *kSockName = "xmldb-test.sock";  // as compiled into lrgbin_testsock
 
-// A fresh directory that is also the current one while it lives.
+// A fresh directory (under $TMPDIR, else /tmp) that is also the current one
+// while it lives.
 struct TempDir {
-    char path[32] = "/tmp/tavc-db-XXXXXX";
+    std::string path = (getenv("TMPDIR") && *getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") + std::string("/tavc-db-XXXXXX");
     std::filesystem::path old = std::filesystem::current_path();
-    TempDir() { std::filesystem::current_path(mkdtemp(path)); }
+    TempDir() { std::filesystem::current_path(mkdtemp(path.data())); }
     ~TempDir() { std::filesystem::current_path(old); std::filesystem::remove_all(path); }
     std::string file(const std::string &name) const { return path + ("/" + name); }
     std::string sock() const { return file(kSockName); }

@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cstring>
+#include <fstream>
 #include <string>
 
 #include "lrgbin/lrgbin.h"
 #include "lrgbin/rgdb_getset.h"
 #include "support.h"
+#include "tavc/record/record.h"
 
 TEST(PointerArray, GrowsByItsStepAndReleasesOwnedItems) {
     lrgbin_pa pa;
@@ -54,18 +57,43 @@ TEST(Text, LinesDaysAndWhiteSpace) {
     EXPECT_EQ(blank[0], '\0');
 }
 
-TEST(Shell, RunShellSystemAndCliGetVal) {
-    for (auto [cmd, size, want] : {std::tuple{"printf 'abc\\n'", 16, "abc"}, {"printf 'two\\n\\n'", 16, "two\n"},
-                                   {"printf abcdefgh", 5, "abcd"}, {"printf 'abc\\n'", 4, "abc"}, {"true", 8, ""}}) {
+// The shell helpers start nothing themselves: they compose the command and
+// hand it to the launcher (the recorder here), which the daemon's build
+// replaces with the real one.
+TEST(Shell, RunShellAndSystemGoThroughTheLauncher) {
+    using tavc_record::LaunchKind;
+    for (auto [output, size, want] : {std::tuple{"abc\n", 16, "abc"}, {"two\n\n", 16, "two\n"}, {"abcdefgh", 5, "abcd"},
+                                      {"abc\n", 4, "abc"}, {"", 8, ""}}) {
+        tavc_record::clear();
+        tavc_record::set_read_output(output);
         char buf[16];
-        EXPECT_EQ(lrgbin_run_shell(buf, size, "%s", cmd), 0);
-        EXPECT_STREQ(buf, want) << cmd;
+        std::memset(buf, 'x', sizeof buf);
+        EXPECT_EQ(lrgbin_run_shell(buf, size, "cat /var/run/%s.%d", "f", 7), 0);
+        EXPECT_STREQ(buf, want) << output << " " << size;
+        ASSERT_EQ(tavc_record::launches().size(), 1u);
+        EXPECT_EQ(tavc_record::launches()[0].kind, LaunchKind::Read);
+        EXPECT_EQ(tavc_record::launches()[0].command, "cat /var/run/f.7");
     }
-    int st = lrgbin_system("exit %d", 3);
-    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 3);
+    char none[1] = {'x'};
+    EXPECT_EQ(lrgbin_run_shell(nullptr, 8, "true"), -1);
+    EXPECT_EQ(lrgbin_run_shell(none, 0, "true"), -1);
 
+    tavc_record::clear();
+    tavc_record::set_system_status(3 << 8);
+    EXPECT_EQ(lrgbin_system("exit %d", 3), 3 << 8);
+    ASSERT_EQ(tavc_record::launches().size(), 1u);
+    EXPECT_EQ(tavc_record::launches()[0].kind, LaunchKind::System);
+    EXPECT_EQ(tavc_record::launches()[0].command, "exit 3");
+    // Cut to the 1024-byte buffer, as composed.
+    tavc_record::clear();
+    lrgbin_system("%s", std::string(1100, 'y').c_str());
+    EXPECT_EQ(tavc_record::launches().at(0).command, std::string(1023, 'y'));
+    tavc_record::clear();
+}
+
+TEST(Text, CliGetValReadsASmallFileNamedPrintfStyle) {
     dbtest::TempDir dir;
-    lrgbin_system("printf 123456 > val");
+    std::ofstream(dir.file("val")) << "123456";
     char buf[4] = {'x', 'x', 'x', 'x'};
     EXPECT_EQ(cli_get_val(buf, 4, "%s/%s", ".", "val"), 4);
     EXPECT_STREQ(buf, "123");

@@ -182,6 +182,7 @@ Run tavctl(const std::string &args, const std::string &env = "") {
     r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     std::ifstream f(err);
     r.err.assign(std::istreambuf_iterator<char>(f), {});
+    std::remove(err.c_str());
     return r;
 }
 
