@@ -1,0 +1,596 @@
+// Device administration in the lab: the account, resets, SNMP, general
+// information and IPv4, device information, date and time. Success paths
+// byte for byte with the database and the commands the stubs recorded;
+// every refusal the wire can reach (the parameter check cannot fail for a
+// received request); the walk sizes that differ between handlers.
+#include <map>
+
+#include "tests/e2e/e2e.h"
+
+namespace e2e {
+namespace {
+
+using namespace tav::client;
+
+// ---- request bodies byte by byte -----------------------------------------------
+
+Bytes operator+(Bytes a, const Bytes &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+// A record as given: declared length = value size unless set.
+Bytes rec(uint16_t tag, Bytes value, int declared = -1) {
+    Bytes b{uint8_t(tag >> 8), uint8_t(tag), 0, 0};
+    tav::put_be16(b.data() + 2, uint16_t(declared < 0 ? value.size() : size_t(declared)));
+    return b + value;
+}
+Bytes text(uint16_t tag, const std::string &s) { return rec(tag, Bytes(s.begin(), s.end()) + Bytes{0}); }
+Bytes u8(uint16_t tag, uint8_t v) { return rec(tag, {v}); }
+Bytes be16(uint16_t tag, uint16_t v) { return rec(tag, {uint8_t(v >> 8), uint8_t(v)}); }
+Bytes be32(uint16_t tag, uint32_t v) {
+    return rec(tag, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
+}
+Bytes creds(const std::string &user = "admin", const std::string &pw = "admin") {
+    return text(55, user) + text(56, pw);
+}
+
+// Records of a reply as "tag=hex" lines.
+std::string listing(const std::vector<Record> &tlvs) {
+    std::string s;
+    for (const auto &r : tlvs) s += std::to_string(r.tag) + "=" + hex(r.value) + "\n";
+    return s;
+}
+std::string listing(const Bytes &body) {
+    std::vector<Record> tlvs;
+    for (size_t at = 0; at + 4 <= body.size();) {
+        const size_t len = tav::get_be16(&body[at + 2]);
+        tlvs.push_back({tav::get_be16(&body[at]), Bytes(body.begin() + long(at) + 4, body.begin() + long(at + 4 + len))});
+        at += 4 + len;
+    }
+    return listing(tlvs);
+}
+
+// Sends `body` as it is (raw path, broadcast) and returns the reply.
+std::optional<Message> ask(Client &c, uint16_t op, const Bytes &body, std::chrono::milliseconds wait = 3s) {
+    static uint16_t seq = 0x5100;
+    tav::Header h = request_header(c.ipv4(), op, ++seq);
+    h.body_length = uint16_t(body.size());
+    Bytes p(h.size());
+    tav::encode_header(h, p.data());
+    p = p + body;
+    if (!c.send_plaintext(p)) return std::nullopt;
+    auto got = c.collect(seq, op, wait, 1);
+    if (got.empty()) return std::nullopt;
+    return got[0];
+}
+
+// The stub commands an access point ran from now on, without their times.
+class Events {
+  public:
+    Events(const Lab &lab, int ap) : path_(lab.run_file(ap, "events.log")), start_(slurp(path_).size()) {}
+    std::vector<std::string> lines() const {
+        std::vector<std::string> out;
+        std::string all = slurp(path_);
+        std::string s = all.size() >= start_ ? all.substr(start_) : all;
+        for (size_t at = 0; at < s.size();) {
+            size_t nl = s.find('\n', at);
+            if (nl == std::string::npos) break;
+            std::string line = s.substr(at, nl - at);
+            if (!line.starts_with("rgdb "))  // the test's own reads
+                out.push_back(line.substr(0, line.find('\t')));
+            at = nl + 1;
+        }
+        return out;
+    }
+    // Waits until `n` commands were recorded (or 5 s passed).
+    std::vector<std::string> wait(size_t n, std::chrono::milliseconds limit = 5s) const {
+        until([&] { return lines().size() >= n; }, limit);
+        return lines();
+    }
+
+  private:
+    std::string path_;
+    size_t start_;
+};
+using Lines = std::vector<std::string>;
+
+// Manager A holds `op` with precedence 9 (its request fails authentication,
+// so nothing else happens); a request of the lab's manager with precedence
+// 3 is then refused. A says bye afterwards.
+constexpr Mac kOtherManager{0x02, 0x7a, 0x76, 0x00, 0x00, 0xa1};
+struct Holder {
+    Client a;
+    uint16_t op;
+    Holder(const Lab &lab, uint16_t op_code) : a(lab.raw(kOtherManager)), op(op_code) {
+        auto r = ask(a, op, u8(54, 9) + creds("admin", "not-the-password"));
+        EXPECT_TRUE(r && r->result() == 0x40) << "holder's claim";
+    }
+    ~Holder() { EXPECT_TRUE(ask(a, tav::kOpBye, {})); }
+};
+
+// ---- account ----------------------------------------------------------------------
+
+E2E_SUITE(Account, "acct", 1, "");
+
+const Bytes kNewAccount = text(50, "bmV3LWFkbWlu") + text(51, "bjN3IHBhc3Ml");  // new-admin, "n3w pass%"
+
+TEST_F(Account, RefusalsAnswerWithoutRecordsAndChangeNothing) {
+    const struct {
+        const char *what;
+        Bytes body;
+        uint16_t result;
+    } cases[] = {
+        {"wrong password", kNewAccount + creds("admin", "wrong"), 0x40},
+        {"no new name", text(51, "QUJD") + creds(), 1001},
+        {"empty new name", text(50, "") + text(51, "QUJD") + creds(), 1001},
+        {"three pads", text(50, "Q===") + text(51, "QUJD") + creds(), 1001},
+        {"both bad: the name counts", text(50, "QQ") + text(51, "Q") + creds(), 1001},
+        {"no new password", text(50, "QUJD") + creds(), 1011},
+        {"seven characters", text(50, "QUJD") + text(51, "QUJDQUJ") + creds(), 1011},
+    };
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        auto r = ask(mgr, tav::kOpChangeIdPassword, c.body);
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->result(), c.result);
+        EXPECT_TRUE(r->tlvs.empty());
+    }
+    {
+        Holder a(lab(), tav::kOpChangeIdPassword);
+        auto r = ask(mgr, tav::kOpChangeIdPassword, u8(54, 3) + kNewAccount + creds());
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->result(), 0xFFFF);
+    }
+    EXPECT_EQ(lab().db_get(1, "/sys/user:1/name") + "/" + lab().db_get(1, "/sys/user:1/password"), "admin/admin");
+    EXPECT_EQ(lab().db_get(1, "/tavclient/password_changed"), "0");
+    EXPECT_EQ(ev.lines(), Lines{});
+}
+
+TEST_F(Account, NewAccountWorksAtOnceAndServicesRestartAfterTheReply) {
+    Finally restore([&] {
+        lab().db_set(1, "/sys/user:1/name", "admin");
+        lab().db_set(1, "/sys/user:1/password", "admin");
+        lab().on_ap(1, "rm -f /var/run/webs.delay");
+    });
+    ASSERT_EQ(lab().on_ap(1, "echo 2 > /var/run/webs.delay").status, 0);
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    // Blanks inside the base64 text and an unknown record are skipped.
+    auto r = ask(mgr, tav::kOpChangeIdPassword,
+                 u8(54, 5) + text(50, "bmV3 LWFk\nbWlu") + text(999, "x") + text(51, "bjN3IHBhc3Ml") + creds());
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->result(), 0);
+    EXPECT_EQ(listing(r->tlvs), "393=00000002\n394=00004e20\n");
+    EXPECT_LT(ev.lines().size(), 3u) << "the reply waited for the console restart";
+    EXPECT_EQ(ev.wait(3), (Lines{"submit COMMIT", "webs.sh password", "console.sh"}));
+    EXPECT_EQ(lab().db_get(1, "/sys/user:1/name"), "new-admin");
+    EXPECT_EQ(lab().db_get(1, "/sys/user:1/password"), "n3w pass%");
+    EXPECT_EQ(lab().db_get(1, "/tavclient/password_changed"), "1");
+    EXPECT_NE(slurp(lab().run_file(1, "xmldb.state")).find("/sys/user:1/name new-admin\n"), std::string::npos)
+        << "committed";
+
+    const Bytes ok = rec(tav::kTagVerification, {1, 0, 0, 0});
+    auto now = ask(mgr, tav::kOpUserVerification, creds("new-admin", "n3w pass%"));
+    auto old = ask(mgr, tav::kOpUserVerification, creds());
+    ASSERT_TRUE(now && old);
+    EXPECT_EQ(std::tuple(now->result(), listing(now->tlvs)), std::tuple(0, listing(ok)));
+    EXPECT_EQ(old->result(), 0x40);
+
+    // 32 characters are stored whole; verification reads back 31.
+    const std::string p32(32, 'p');
+    auto longer = ask(mgr, tav::kOpChangeIdPassword,
+                      text(50, "bmV3LWFkbWlu") + text(51, "cHBwcHBwcHBwcHBwcHBwcHBwcHBwcHBwcHBwcHBwcHA=") +
+                          creds("new-admin", "n3w pass%"));
+    ASSERT_TRUE(longer);
+    EXPECT_EQ(longer->result(), 0);
+    EXPECT_EQ(lab().db_get(1, "/sys/user:1/password"), p32);
+    auto locked = ask(mgr, tav::kOpUserVerification, creds("new-admin", p32));
+    ASSERT_TRUE(locked);
+    EXPECT_EQ(locked->result(), 0x40);
+}
+
+// ---- resets ---------------------------------------------------------------------
+
+E2E_SUITE(Reset, "rst", 1, "");
+
+TEST_F(Reset, RefusalsStartNothing) {
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    for (uint16_t op : {tav::kOpReset, tav::kOpResetFactory}) {
+        SCOPED_TRACE(op);
+        auto bad = ask(mgr, op, creds("admin", "wrong") + be32(392, 0));
+        ASSERT_TRUE(bad);
+        EXPECT_EQ(std::tuple(bad->result(), bad->tlvs.size()), std::tuple(0x40, size_t(0)));
+        Holder a(lab(), op);
+        auto held = ask(mgr, op, u8(54, 3) + creds());
+        ASSERT_TRUE(held);
+        EXPECT_EQ(std::tuple(held->result(), held->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
+    }
+    // An 80-byte user name: 0xAA takes it whole (so the name is wrong)...
+    Bytes name(80, 0);
+    Bytes inner = text(55, "admin") + u8(999, 0);  // bytes 65..79
+    std::copy(inner.begin(), inner.end(), name.begin() + 65);
+    auto whole = ask(mgr, tav::kOpReset, rec(55, name) + text(56, "admin"));
+    ASSERT_TRUE(whole);
+    EXPECT_EQ(whole->result(), 0x40);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(ev.lines(), Lines{});
+}
+
+// Both resets answer at once, run "submit" after the delay in a child and
+// bring the access point back (simulated reboot) with the kept keys.
+TEST_F(Reset, ResetsRunAfterTheirDelayAndKeepWhatTheyShould) {
+    Client mgr = lab().raw();
+    const struct {
+        const char *what;
+        uint16_t op;
+        const char *command, *wan_mode_after;
+    } cases[] = {
+        {"factory reset", tav::kOpResetFactory, "submit FRESET", "1"},
+        {"reset keeping IPv4", tav::kOpReset, "submit FRESET_EX_IP", "2"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_TRUE(lab().db_set(1, "/sys/systemName", "changed"));
+        ASSERT_TRUE(lab().db_set(1, "/wan/rg/inf:1/mode", "2"));
+        const std::string boots = lab().on_ap(1, "cat /var/run/boot_count").out;
+        Bytes body;
+        if (c.op == tav::kOpResetFactory) {
+            // ...0xAB takes 65 bytes of an 80-byte name and reads the real one
+            // from the rest. The delay.s length field says 2; four bytes count.
+            Bytes name(80, 0);
+            Bytes inner = text(55, "admin") + u8(999, 0);
+            std::copy(inner.begin(), inner.end(), name.begin() + 65);
+            body = rec(55, name) + text(56, "admin") + rec(392, {0, 0, 0, 2, 0}, 2);
+        } else {
+            body = creds() + be32(392, 2);
+        }
+        Events ev(lab(), 1);
+        const auto sent = Clock::now();
+        auto r = ask(mgr, c.op, body);
+        ASSERT_TRUE(r);
+        EXPECT_LT(Clock::now() - sent, 1500ms) << "answered at once";
+        EXPECT_EQ(r->result(), 0);
+        EXPECT_EQ(listing(r->tlvs), "393=00000002\n394=000493e0\n");
+        std::this_thread::sleep_for(1s);
+        EXPECT_EQ(ev.lines(), Lines{}) << "still waiting out the delay";
+        EXPECT_EQ(ev.wait(1), Lines{c.command});
+        EXPECT_GE(Clock::now() - sent, 2s);
+        ASSERT_TRUE(until([&] { return lab().on_ap(1, "cat /var/run/boot_count").out != boots && lab().serving(1); },
+                          20s));
+        EXPECT_EQ(lab().db_get(1, "/sys/systemName"), "AP-Lab-1");
+        EXPECT_EQ(lab().db_get(1, "/wan/rg/inf:1/mode"), c.wan_mode_after);
+    }
+}
+
+// ---- SNMP --------------------------------------------------------------------
+
+E2E_SUITE(Snmp, "snmp", 1, "");
+
+TEST_F(Snmp, GetReportsStateAndCommunities) {
+    const struct {
+        const char *status, *ro, *rw, *expect;
+    } cases[] = {
+        {"1", "public", "private", "39=c1\n44=01\n45=7075626c6963\n44=02\n45=70726976617465\n501=0000\n"},
+        {"0", "", "rw", "39=c0\n44=01\n45=\n44=02\n45=7277\n501=0000\n"},
+    };
+    Client mgr = lab().udp();
+    for (const auto &c : cases) {
+        lab().db_set(1, "/sys/snmpd/status", c.status);
+        lab().db_set(1, "/sys/snmpd/rocomm", c.ro);
+        lab().db_set(1, "/sys/snmpd/rwcomm", c.rw);
+        auto r = ask(mgr, tav::kOpGetSnmp, u8(54, 1) + rec(999, {}));  // the body is not read
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->result(), 0);
+        EXPECT_EQ(listing(r->tlvs), c.expect);
+    }
+}
+
+TEST_F(Snmp, SetAppliesWhatItCanAndPrintsEachRefusal) {
+    const std::string c29(29, 'c'), c30(30, 'c');
+    const struct {
+        const char *what;
+        Bytes tlvs;
+        uint16_t result;
+        const char *mask_le, *printed, *status, *ro, *rw;
+    } cases[] = {
+        {"both accepted", u8(39, 1) + text(40, c29) + text(41, "rw-1"), 0, "00000000", "", "1", c29.c_str(), "rw-1"},
+        {"no state switches off", text(41, "rw-2"), 0, "00000000", "", "0", "public", "rw-2"},
+        {"too long", u8(39, 1) + text(40, c30) + text(41, "rw-3"), 2002, "02000000",
+         "error:snmp_rocomm too long\n", "1", "public", "rw-3"},
+        {"quote", u8(39, 1) + text(41, "it's"), 2002, "04000000", "error:value can't include #`'\"\\\n", "1",
+         "public", "private"},
+        {"delete", u8(39, 3) + text(40, "a") + text(41, "b"), 2002, "06000000",
+         "error:Can't delete read only community\nerror:Can't delete read-write community\n", "1", "public",
+         "private"},
+        {"views", u8(39, 1) + text(42, "v") + text(43, "w") + text(40, "x`"), 2002, "1a000000",
+         "error:value can't include #`'\"\\\nerror:Don't support roview\nerror:Don't support rwview\n", "1",
+         "public", "private"},
+    };
+    Client mgr = lab().raw();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        lab().db_set(1, "/sys/snmpd/status", "1");
+        lab().db_set(1, "/sys/snmpd/rocomm", "public");
+        lab().db_set(1, "/sys/snmpd/rwcomm", "private");
+        Events ev(lab(), 1);
+        auto out = output(lab(), 1);
+        auto r = ask(mgr, tav::kOpSetSnmp, c.tlvs + creds());
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->result(), c.result);
+        EXPECT_EQ(listing(r->tlvs), std::string("393=00000000\n394=00000014\n395=") + c.mask_le + "\n");
+        EXPECT_EQ(ev.wait(2), (Lines{"submit COMMIT", "submit SNMP"}));
+        until([&] { return out().size() >= strlen(c.printed); }, 1s);
+        EXPECT_EQ(out(), c.printed);
+        EXPECT_EQ(lab().db_get(1, "/sys/snmpd/status"), c.status);
+        EXPECT_EQ(lab().db_get(1, "/sys/snmpd/rocomm"), c.ro);
+        EXPECT_EQ(lab().db_get(1, "/sys/snmpd/rwcomm"), c.rw);
+    }
+}
+
+TEST_F(Snmp, RefusalsChangeNothing) {
+    lab().db_set(1, "/sys/snmpd/status", "1");
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    const struct {
+        const char *what;
+        Bytes body;
+        uint16_t result;
+    } cases[] = {
+        {"wrong password", u8(39, 0) + text(40, "new") + creds("admin", "x"), 0x40},
+        {"unsupported tag", u8(39, 0) + text(40, "new") + u8(44, 1) + creds(), 0x40},
+        {"unsupported tag before the state", rec(1000, {}) + u8(39, 0) + creds(), 0x40},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        auto r = ask(mgr, tav::kOpSetSnmp, c.body);
+        ASSERT_TRUE(r);
+        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(c.result, size_t(0)));
+    }
+    {
+        Holder a(lab(), tav::kOpSetSnmp);
+        auto r = ask(mgr, tav::kOpSetSnmp, u8(54, 3) + u8(39, 0) + creds());
+        ASSERT_TRUE(r);
+        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
+    }
+    EXPECT_EQ(lab().db_get(1, "/sys/snmpd/status"), "1");
+    EXPECT_EQ(lab().db_get(1, "/sys/snmpd/rocomm"), "public");
+    EXPECT_EQ(ev.lines(), Lines{});
+}
+
+// ---- information and IPv4 ----------------------------------------------------------
+
+E2E_SUITE(Ipv4, "ipv4", 1, "");
+
+TEST_F(Ipv4, InformationIsOneFixedText) {
+    Client raw = lab().raw(), udp = lab().udp();
+    for (Client *mgr : {&raw, &udp}) {
+        auto r = ask(*mgr, tav::kOpInformation, {});
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->result(), 0);
+        EXPECT_EQ(listing(r->tlvs), "6=302e30302e30333700\n");
+    }
+}
+
+TEST_F(Ipv4, StaticThenDynamicAddressing) {
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    const Bytes stat = u8(25, 0) + rec(15, {198, 51, 100, 7}) + rec(17, {255, 255, 255, 128}) +
+                       rec(18, {198, 51, 100, 1}) + rec(20, {203, 0, 113, 53}) + rec(22, {9, 9, 9, 9}) + u8(13, 1) +
+                       u8(30, 1) + u8(12, 0);
+    auto r = ask(mgr, tav::kOpSetIpv4, u8(54, 2) + stat + creds());
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->result(), 0);
+    EXPECT_EQ(listing(r->tlvs), "388=00\n");
+    EXPECT_EQ(ev.wait(3), (Lines{"submit COMMIT", "submit WAN", "submit WLAN"}));
+    const std::map<std::string, std::string> want = {
+        {"/runtime/wan/inf:1/tavmode", "1"},          {"/wan/rg/inf:1/mode", "1"},
+        {"/wan/rg/inf:1/modebak", "1"},               {"/wan/rg/inf:1/static/ip", "198.51.100.7"},
+        {"/wan/rg/inf:1/static/netmask", "255.255.255.128"}, {"/wan/rg/inf:1/static/gateway", "198.51.100.1"},
+        {"/dnsrelay/server/primarydns", "203.0.113.53"},
+    };
+    for (const auto &[k, v] : want) EXPECT_EQ(lab().db_get(1, k), v) << k;
+    auto disc = lab().raw().request_one(tav::kOpDiscovery, {}, 3s);
+    ASSERT_TRUE(disc);
+    EXPECT_EQ(std::tuple(disc->u8(tav::kTagTavMode), disc->u8(tav::kTagWanMode)), std::tuple(2, 0));
+
+    Events ev2(lab(), 1);
+    auto dyn = ask(mgr, tav::kOpSetIpv4, u8(25, 1) + rec(15, {10, 0, 0, 1}) + creds());
+    ASSERT_TRUE(dyn);
+    EXPECT_EQ(std::tuple(dyn->result(), listing(dyn->tlvs)), std::tuple(0, std::string("388=00\n")));
+    EXPECT_EQ(ev2.wait(3), (Lines{"submit COMMIT", "submit WAN", "submit WLAN"}));
+    EXPECT_EQ(lab().db_get(1, "/wan/rg/inf:1/mode") + lab().db_get(1, "/wan/rg/inf:1/modebak"), "22");
+    EXPECT_EQ(lab().db_get(1, "/wan/rg/inf:1/static/ip"), "198.51.100.7");
+    disc = lab().raw().request_one(tav::kOpDiscovery, {}, 3s);
+    ASSERT_TRUE(disc);
+    EXPECT_EQ(disc->u8(tav::kTagWanMode), 1);
+}
+
+TEST_F(Ipv4, RefusalsWriteNothing) {
+    lab().db_set(1, "/wan/rg/inf:1/mode", "1");
+    lab().db_set(1, "/runtime/wan/inf:1/tavmode", "0");
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    const struct {
+        const char *what;
+        Bytes body;
+        uint16_t result;
+    } cases[] = {
+        {"wrong password", u8(25, 1) + creds("admin", "x"), 0x40},
+        {"address mode 1", u8(25, 1) + u8(12, 1) + creds(), 0x40},
+        {"address mode 1 then 0", u8(12, 1) + u8(12, 0) + u8(25, 1) + creds(), 0x40},
+        {"unknown tag 14", u8(25, 1) + rec(14, {1, 2, 3, 4, 5, 6}) + creds(), 0x40},
+        {"unknown tag and wrong password", rec(14, {}) + creds("admin", "x"), 0x40},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        auto r = ask(mgr, tav::kOpSetIpv4, c.body);
+        ASSERT_TRUE(r);
+        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(c.result, size_t(0)));
+    }
+    {
+        Holder a(lab(), tav::kOpSetIpv4);
+        auto r = ask(mgr, tav::kOpSetIpv4, u8(54, 3) + u8(25, 1) + creds());
+        ASSERT_TRUE(r);
+        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
+    }
+    EXPECT_EQ(lab().db_get(1, "/wan/rg/inf:1/mode") + lab().db_get(1, "/runtime/wan/inf:1/tavmode"), "10");
+    EXPECT_EQ(ev.lines(), Lines{});
+}
+
+// ---- device information ------------------------------------------------------------
+
+E2E_SUITE(DeviceInfo, "dev", 1, "");
+
+TEST_F(DeviceInfo, NameAndPortReachDiscovery) {
+    Client mgr = lab().raw();
+    const struct {
+        const char *what;
+        Bytes tlvs;
+        Lines commands;
+        const char *name;
+        uint16_t port;
+    } cases[] = {
+        {"name", u8(31, 0) + text(10, "AP-Office"), {"submit COMMIT"}, "AP-Office", 80},
+        {"port", u8(31, 1) + be16(32, 8080), {"submit COMMIT", "submit HTTPD"}, "AP-Office", 8080},
+        {"no item: empty name", Bytes{}, {"submit COMMIT"}, "", 8080},
+        {"type 2 writes nothing", u8(31, 2) + text(10, "ignored") + be16(32, 81), {}, "", 8080},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        Events ev(lab(), 1);
+        auto r = ask(mgr, tav::kOpSetDeviceInfo, u8(54, 4) + c.tlvs + creds());
+        ASSERT_TRUE(r);
+        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string("388=00\n")));
+        EXPECT_EQ(ev.wait(c.commands.size()), c.commands);
+        auto disc = mgr.request_one(tav::kOpDiscovery, {}, 3s);
+        ASSERT_TRUE(disc);
+        EXPECT_EQ(std::tuple(disc->text(tav::kTagSystemName), disc->u16(tav::kTagWebPort)),
+                  std::tuple(std::optional<std::string>(c.name), std::optional<uint16_t>(c.port)));
+    }
+}
+
+TEST_F(DeviceInfo, UnknownTagIsAnsweredWithAnErrorTextAndWritesNothing) {
+    lab().db_set(1, "/sys/systemName", "AP-Lab-1");
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    auto r = ask(mgr, tav::kOpSetDeviceInfo, u8(31, 0) + text(10, "valid") + u8(11, 1) + creds());
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->result(), 0);
+    const std::string error = "Parameter is ERROR!";  // without NUL
+    EXPECT_EQ(listing(r->tlvs), "388=01\n391=" + hex(Bytes(error.begin(), error.end())) + "\n");
+    auto bad = ask(mgr, tav::kOpSetDeviceInfo, u8(31, 0) + text(10, "x") + creds("admin", "x"));
+    ASSERT_TRUE(bad);
+    EXPECT_EQ(std::tuple(bad->result(), bad->tlvs.size()), std::tuple(0x40, size_t(0)));
+    {
+        Holder a(lab(), tav::kOpSetDeviceInfo);
+        auto held = ask(mgr, tav::kOpSetDeviceInfo, u8(54, 3) + u8(31, 0) + text(10, "x") + creds());
+        ASSERT_TRUE(held);
+        EXPECT_EQ(std::tuple(held->result(), held->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
+    }
+    EXPECT_EQ(lab().db_get(1, "/sys/systemName"), "AP-Lab-1");
+    EXPECT_EQ(ev.lines(), Lines{});
+}
+
+// ---- date and time ------------------------------------------------------------------
+
+E2E_SUITE(DateTime, "time", 1, "");
+
+TEST_F(DateTime, GetReportsNtpZoneAndClock) {
+    const struct {
+        std::map<std::string, std::string> db;
+        const char *expect;
+    } cases[] = {
+        {{}, "35=01\n36=6e74702e6578616d706c652e6e657400\n37=00\n38=04\n303=001e\n301=323032363035313330383330303500\n"},
+        {{{"/time/syncwith", "0"}, {"/time/ntpserver/ip", "10.0.0.1"}, {"/time/timezone", "45"},
+          {"/runtime/time/date", "12/31/1999"}, {"/runtime/time/time", "23:59:58"}},
+         "35=00\n36=31302e302e302e3100\n37=01\n38=04\n303=0033\n301=313939393132333132333539353800\n"},
+    };
+    Client mgr = lab().raw();
+    for (const auto &c : cases) {
+        for (const auto &[k, v] : c.db) lab().db_set(1, k, v);
+        auto r = ask(mgr, tav::kOpGetDateTime, {});
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->result(), 0);
+        EXPECT_EQ(listing(r->tlvs), c.expect);
+    }
+}
+
+TEST_F(DateTime, ClockRequestSetsEverythingBeforeItAnswers) {
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    auto r = ask(mgr, tav::kOpSetDateTime,
+                 u8(300, 0) + u8(35, 0) + text(36, "pool.example.org") + u8(37, 0) + be16(303, 7) +
+                     text(301, "20270102030405") + u8(306, 1) + u8(307, 2) + be16(311, 2027) + u8(54, 6) + creds(),
+                 10s);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->result(), 0);
+    EXPECT_EQ(listing(r->tlvs), "393=00000000\n394=00004e20\n");
+    // Run to completion before the reply.
+    EXPECT_EQ(ev.lines(), (Lines{"date -s '2027-01-02 03:04:05'", "submit COMMIT", "submit TIME",
+                                 "submit CAPTIVAL_PORTAL"}));
+    EXPECT_EQ(lab().db_get(1, "/time/syncwith"), "0");
+    EXPECT_EQ(lab().db_get(1, "/time/ntpserver/ip"), "pool.example.org");
+    EXPECT_EQ(lab().db_get(1, "/time/timezone"), "8");
+    EXPECT_EQ(lab().db_get(1, "/tavclient/time_changed"), "1");
+    auto now = ask(mgr, tav::kOpGetDateTime, {});
+    ASSERT_TRUE(now);
+    EXPECT_EQ(now->text(tav::kTagDateTime), "20270102030405");
+    EXPECT_EQ(now->u16(tav::kTagTimeZoneId), 7);
+
+    // No tag 301: the date command gets zeros and refuses; the rest holds.
+    Events ev2(lab(), 1);
+    auto bare = ask(mgr, tav::kOpSetDateTime, u8(35, 1) + text(36, "127.0.0.10") + be16(303, 85) + creds(), 10s);
+    ASSERT_TRUE(bare);
+    EXPECT_EQ(bare->result(), 0);
+    EXPECT_EQ(ev2.lines().at(0), "date -s '0-00-00 00:00:00'");
+    EXPECT_EQ(lab().db_get(1, "/time/syncwith") + " " + lab().db_get(1, "/time/timezone"), "2 1");
+}
+
+TEST_F(DateTime, DaylightSavingAloneAndRefusals) {
+    lab().db_set(1, "/time/ntpserver/ip", "ntp.example.net");
+    lab().db_set(1, "/time/daylightSaving", "1");
+    lab().db_set(1, "/time/DaylightSaving/offset", "60");
+    Client mgr = lab().raw();
+    Events ev(lab(), 1);
+    auto dst = ask(mgr, tav::kOpSetDateTime,
+                   u8(300, 1) + u8(310, 0) + u8(35, 0) + text(36, "other") + be16(303, 7) +
+                       text(301, "20300101000000") + creds(),
+                   10s);
+    ASSERT_TRUE(dst);
+    EXPECT_EQ(std::tuple(dst->result(), listing(dst->tlvs)),
+              std::tuple(0, std::string("393=00000000\n394=00004e20\n")));
+    EXPECT_EQ(ev.lines(), (Lines{"submit COMMIT", "submit TIME", "submit CAPTIVAL_PORTAL"}));
+    EXPECT_EQ(lab().db_get(1, "/time/daylightSaving") + "/" + lab().db_get(1, "/time/DaylightSaving/offset"), "0/0");
+    EXPECT_EQ(lab().db_get(1, "/time/ntpserver/ip"), "ntp.example.net");
+
+    Events ev2(lab(), 1);
+    const struct {
+        const char *what;
+        Bytes body;
+        uint16_t result;
+    } cases[] = {
+        {"loopback server, wrong password", text(36, "127.0.0.1") + creds("admin", "x"), 105},
+        {"loopback in a daylight-saving request", u8(300, 1) + text(36, "127.0.0.1") + creds(), 105},
+        {"wrong password", text(36, "ntp.other") + creds("admin", "x"), 0x40},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        auto r = ask(mgr, tav::kOpSetDateTime, c.body);
+        ASSERT_TRUE(r);
+        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(c.result, size_t(0)));
+    }
+    {
+        Holder a(lab(), tav::kOpSetDateTime);
+        auto r = ask(mgr, tav::kOpSetDateTime, u8(54, 3) + text(36, "ntp.other") + creds());
+        ASSERT_TRUE(r);
+        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
+    }
+    EXPECT_EQ(lab().db_get(1, "/time/ntpserver/ip"), "ntp.example.net");
+    EXPECT_EQ(ev2.lines(), Lines{});
+}
+
+}  // namespace
+}  // namespace e2e
