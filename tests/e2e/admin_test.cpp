@@ -592,5 +592,89 @@ TEST_F(DateTime, DaylightSavingAloneAndRefusals) {
     EXPECT_EQ(ev2.lines(), Lines{});
 }
 
+// ---- the manager's tool -----------------------------------------------------------
+
+E2E_SUITE(AdminSession, "ctl", 1, "");
+
+// tavctl with a config file for this lab; the current password from the
+// environment, new ones from files.
+class Tavctl {
+  public:
+    explicit Tavctl(const Lab &lab) : dir_(::testing::TempDir() + "tavctl_admin_" + std::to_string(getpid())) {
+        sh("mkdir -p " + quote(dir_));
+        std::ofstream(dir_ + "/tavctl.conf") << "netns = " << lab.netns_mgr() << "\niface = eth0\ncipher = "
+                                             << cipher_path() << "\ntimeout = 3\n";
+    }
+    ~Tavctl() { sh("rm -rf " + quote(dir_)); }
+    std::string file(const std::string &name, const std::string &content) const {
+        std::ofstream(dir_ + "/" + name) << content << "\n";
+        return dir_ + "/" + name;
+    }
+    Sh operator()(const std::string &args, const std::string &password) const {
+        return sh("env -u TAVCTL_USER -u TAVCTL_PASSWORD_FILE TAVCTL_CONFIG=" + quote(dir_ + "/tavctl.conf") +
+                  " TAVCTL_PASSWORD=" + quote(password) + " setsid -w " + std::string(E2E_BUILD_DIR) +
+                  "/tools/tavctl/tavctl " + args + " </dev/null");
+    }
+
+  private:
+    std::string dir_;
+};
+
+// A manager sets account, SNMP communities, name, web port, time zone and
+// IPv4 with tavctl, reads them back, and they survive a reboot after the
+// commits.
+TEST_F(AdminSession, SettingsMadeWithTavctlReadBackAndSurviveAReboot) {
+    Tavctl ctl(lab());
+    const std::string ap = " --target ap1 --user ops ";
+    const std::string pw = ctl.file("new", "0ps-secret");
+
+    auto refused = ctl("--target ap1 account set --user admin --new-user ops --new-password-file " + pw, "wrong");
+    EXPECT_EQ(refused.status, 1) << refused.out;
+    EXPECT_NE(refused.out.find("tavctl: account set: refused: authentication failed (64)"), std::string::npos)
+        << refused.out;
+    auto too_long = ctl("--target ap1 account set --user admin --new-user ops --new-password-file " +
+                            ctl.file("long", std::string(32, 'p')),
+                        "admin");
+    EXPECT_EQ(too_long.status, 2);
+    EXPECT_NE(too_long.out.find("compares only 31"), std::string::npos) << too_long.out;
+
+    const std::pair<std::string, std::string> steps[] = {
+        {"--target ap1 account set --user admin --new-user ops --new-password-file " + pw, "admin"},
+        {ap + "snmp set --ro-community lab-ro --rw-community lab-rw", "0ps-secret"},
+        {ap + "device set --name Lobby-AP", "0ps-secret"},
+        {ap + "device set --web-port 8443", "0ps-secret"},
+        {ap + "time set --zone 7 --ntp on --ntp-server pool.example.org", "0ps-secret"},
+        {ap + "ipv4 set --static 192.0.2.11/24 --gateway 192.0.2.1 --dns 203.0.113.53", "0ps-secret"},
+    };
+    for (const auto &[args, password] : steps) {
+        auto r = ctl(args, password);
+        EXPECT_EQ(r.status, 0) << args << "\n" << r.out;
+    }
+
+    auto read_back = [&] {
+        auto disc = ctl("--json discover", "");
+        EXPECT_NE(disc.out.find("\"system_name\": \"Lobby-AP\""), std::string::npos) << disc.out;
+        EXPECT_NE(disc.out.find("\"web_port\": 8443"), std::string::npos) << disc.out;
+        EXPECT_NE(disc.out.find("\"tav_mode\": 2"), std::string::npos) << disc.out;
+        auto snmp = ctl("--target 192.0.2.11 snmp get", "");
+        EXPECT_NE(snmp.out.find("read-only community:  lab-ro\nread-write community: lab-rw"), std::string::npos)
+            << snmp.out;
+        auto time = ctl("--target 02:7a:76:00:00:01 time get", "");
+        EXPECT_NE(time.out.find("ntp:           on\nntp server:    pool.example.org\ntime zone id:  7\n"),
+                  std::string::npos)
+            << time.out;
+        EXPECT_EQ(ctl(ap + "verify", "0ps-secret").status, 0);
+        EXPECT_EQ(ctl("--target ap1 --user admin verify", "admin").status, 1);
+        EXPECT_EQ(lab().db_get(1, "/dnsrelay/server/primarydns"), "203.0.113.53");
+    };
+    read_back();
+
+    const std::string boots = lab().on_ap(1, "cat /var/run/boot_count").out;
+    ASSERT_EQ(lab().on_ap(1, "reboot").status, 0);
+    ASSERT_TRUE(until([&] { return lab().on_ap(1, "cat /var/run/boot_count").out != boots && lab().serving(1); },
+                      20s));
+    read_back();
+}
+
 }  // namespace
 }  // namespace e2e
