@@ -40,15 +40,6 @@ std::string listing(const std::vector<Record> &tlvs) {
     for (const auto &r : tlvs) s += std::to_string(r.tag) + "=" + hex(r.value) + "\n";
     return s;
 }
-std::string listing(const Bytes &body) {
-    std::vector<Record> tlvs;
-    for (size_t at = 0; at + 4 <= body.size();) {
-        const size_t len = tav::get_be16(&body[at + 2]);
-        tlvs.push_back({tav::get_be16(&body[at]), Bytes(body.begin() + long(at) + 4, body.begin() + long(at + 4 + len))});
-        at += 4 + len;
-    }
-    return listing(tlvs);
-}
 
 // Sends `body` as it is (raw path, broadcast) and returns the reply.
 std::optional<Message> ask(Client &c, uint16_t op, const Bytes &body, std::chrono::milliseconds wait = 3s) {
@@ -108,52 +99,83 @@ struct Holder {
     ~Holder() { EXPECT_TRUE(ask(a, tav::kOpBye, {})); }
 };
 
-// ---- account ----------------------------------------------------------------------
+// ---- refusals --------------------------------------------------------------------
 
-E2E_SUITE(Account, "acct", 1, "");
+E2E_SUITE(AdminRefusals, "refu", 1, "");
 
-const Bytes kNewAccount = text(50, "bmV3LWFkbWlu") + text(51, "bjN3IHBhc3Ml");  // new-admin, "n3w pass%"
-
-TEST_F(Account, RefusalsAnswerWithoutRecordsAndChangeNothing) {
+// Every refusal a received request can meet, per op: the reply carries the
+// code and no records, and nothing is written or started.
+TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
+    const Bytes account = text(50, "bmV3LWFkbWlu") + text(51, "bjN3IHBhc3Ml");
+    const Bytes wrong = creds("admin", "wrong");
+    Bytes name80(80, 0);  // 0xAA takes all 80 bytes, so the name is wrong
+    const Bytes inner = text(55, "admin") + u8(999, 0);
+    std::copy(inner.begin(), inner.end(), name80.begin() + 65);
     const struct {
+        uint16_t op;
         const char *what;
         Bytes body;
         uint16_t result;
     } cases[] = {
-        {"wrong password", kNewAccount + creds("admin", "wrong"), 0x40},
-        {"no new name", text(51, "QUJD") + creds(), 1001},
-        {"empty new name", text(50, "") + text(51, "QUJD") + creds(), 1001},
-        {"three pads", text(50, "Q===") + text(51, "QUJD") + creds(), 1001},
-        {"both bad: the name counts", text(50, "QQ") + text(51, "Q") + creds(), 1001},
-        {"no new password", text(50, "QUJD") + creds(), 1011},
-        {"seven characters", text(50, "QUJD") + text(51, "QUJDQUJ") + creds(), 1011},
+        {0xA4, "wrong password", account + wrong, 0x40},
+        {0xA4, "no new name", text(51, "QUJD") + creds(), 1001},
+        {0xA4, "empty new name", text(50, "") + text(51, "QUJD") + creds(), 1001},
+        {0xA4, "three pads", text(50, "Q===") + text(51, "QUJD") + creds(), 1001},
+        {0xA4, "both bad: the name counts", text(50, "QQ") + text(51, "Q") + creds(), 1001},
+        {0xA4, "no new password", text(50, "QUJD") + creds(), 1011},
+        {0xA4, "seven characters", text(50, "QUJD") + text(51, "QUJDQUJ") + creds(), 1011},
+        {0xAA, "wrong password", wrong + be32(392, 0), 0x40},
+        {0xAA, "80-byte user name", rec(55, name80) + text(56, "admin"), 0x40},
+        {0xAB, "wrong password", wrong, 0x40},
+        {0xD4, "wrong password", u8(39, 0) + text(40, "new") + wrong, 0x40},
+        {0xD4, "unsupported tag", u8(39, 0) + text(40, "new") + u8(44, 1) + creds(), 0x40},
+        {0xD4, "unsupported tag first", rec(1000, {}) + u8(39, 0) + creds(), 0x40},
+        {0xE1, "wrong password", u8(25, 1) + wrong, 0x40},
+        {0xE1, "address mode 1", u8(25, 1) + u8(12, 1) + creds(), 0x40},
+        {0xE1, "address mode 1 then 0", u8(12, 1) + u8(12, 0) + u8(25, 1) + creds(), 0x40},
+        {0xE1, "unknown tag 14", u8(25, 1) + rec(14, {1, 2, 3, 4, 5, 6}) + creds(), 0x40},
+        {0xE1, "unknown tag, wrong password", rec(14, {}) + wrong, 0x40},
+        {0xE3, "wrong password", u8(31, 0) + text(10, "x") + wrong, 0x40},
+        {0xE5, "loopback server, wrong password", text(36, "127.0.0.1") + wrong, 105},
+        {0xE5, "loopback in a daylight-saving request", u8(300, 1) + text(36, "127.0.0.1") + creds(), 105},
+        {0xE5, "wrong password", text(36, "ntp.other") + wrong, 0x40},
     };
+    // The keys the set handlers write, and what they hold now.
+    const char *const keys[] = {"/sys/user:1/name", "/sys/user:1/password", "/tavclient/password_changed",
+                                "/sys/snmpd/status", "/sys/snmpd/rocomm", "/wan/rg/inf:1/mode",
+                                "/runtime/wan/inf:1/tavmode", "/sys/systemName", "/time/ntpserver/ip",
+                                "/time/timezone", "/time/daylightSaving", "/tavclient/time_changed"};
+    std::map<std::string, std::string> before;
+    for (const char *k : keys) before[k] = lab().db_get(1, k);
     Client mgr = lab().raw();
     Events ev(lab(), 1);
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        auto r = ask(mgr, tav::kOpChangeIdPassword, c.body);
+        SCOPED_TRACE(std::string(tav::client::format_op_code(c.op)) + " " + c.what);
+        auto r = ask(mgr, c.op, c.body);
         ASSERT_TRUE(r);
-        EXPECT_EQ(r->result(), c.result);
-        EXPECT_TRUE(r->tlvs.empty());
+        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(c.result, size_t(0)));
     }
-    {
-        Holder a(lab(), tav::kOpChangeIdPassword);
-        auto r = ask(mgr, tav::kOpChangeIdPassword, u8(54, 3) + kNewAccount + creds());
+    // A manager of higher precedence holds the op: 0xFFFF for 0xA4 and
+    // 0xFFFD for the others, even with valid credentials.
+    const std::pair<uint16_t, uint16_t> held[] = {{0xA4, 0xFFFF}, {0xAA, 0xFFFD}, {0xAB, 0xFFFD}, {0xD4, 0xFFFD},
+                                                   {0xE1, 0xFFFD}, {0xE3, 0xFFFD}, {0xE5, 0xFFFD}};
+    for (const auto &[op, code] : held) {
+        SCOPED_TRACE(tav::client::format_op_code(op));
+        Holder a(lab(), op);
+        auto r = ask(mgr, op, u8(54, 3) + account + u8(31, 0) + text(10, "x") + text(36, "ntp.other") + creds());
         ASSERT_TRUE(r);
-        EXPECT_EQ(r->result(), 0xFFFF);
+        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(code, size_t(0)));
     }
-    EXPECT_EQ(lab().db_get(1, "/sys/user:1/name") + "/" + lab().db_get(1, "/sys/user:1/password"), "admin/admin");
-    EXPECT_EQ(lab().db_get(1, "/tavclient/password_changed"), "0");
+    std::this_thread::sleep_for(300ms);  // a forked child would have logged by now
     EXPECT_EQ(ev.lines(), Lines{});
+    for (const char *k : keys) EXPECT_EQ(lab().db_get(1, k), before[k]) << k;
 }
 
+// ---- account ----------------------------------------------------------------------
+
+E2E_SUITE(Account, "acct", 1, "");
+
 TEST_F(Account, NewAccountWorksAtOnceAndServicesRestartAfterTheReply) {
-    Finally restore([&] {
-        lab().db_set(1, "/sys/user:1/name", "admin");
-        lab().db_set(1, "/sys/user:1/password", "admin");
-        lab().on_ap(1, "rm -f /var/run/webs.delay");
-    });
     ASSERT_EQ(lab().on_ap(1, "echo 2 > /var/run/webs.delay").status, 0);
     Client mgr = lab().raw();
     Events ev(lab(), 1);
@@ -165,17 +187,15 @@ TEST_F(Account, NewAccountWorksAtOnceAndServicesRestartAfterTheReply) {
     EXPECT_EQ(listing(r->tlvs), "393=00000002\n394=00004e20\n");
     EXPECT_LT(ev.lines().size(), 3u) << "the reply waited for the console restart";
     EXPECT_EQ(ev.wait(3), (Lines{"submit COMMIT", "webs.sh password", "console.sh"}));
-    EXPECT_EQ(lab().db_get(1, "/sys/user:1/name"), "new-admin");
-    EXPECT_EQ(lab().db_get(1, "/sys/user:1/password"), "n3w pass%");
-    EXPECT_EQ(lab().db_get(1, "/tavclient/password_changed"), "1");
-    EXPECT_NE(slurp(lab().run_file(1, "xmldb.state")).find("/sys/user:1/name new-admin\n"), std::string::npos)
-        << "committed";
+    EXPECT_EQ(lab().db_get(1, "/sys/user:1/name") + "/" + lab().db_get(1, "/sys/user:1/password") + "/" +
+                  lab().db_get(1, "/tavclient/password_changed"),
+              "new-admin/n3w pass%/1");
+    EXPECT_NE(slurp(lab().run_file(1, "xmldb.state")).find("/sys/user:1/name new-admin\n"), std::string::npos);
 
-    const Bytes ok = rec(tav::kTagVerification, {1, 0, 0, 0});
     auto now = ask(mgr, tav::kOpUserVerification, creds("new-admin", "n3w pass%"));
     auto old = ask(mgr, tav::kOpUserVerification, creds());
     ASSERT_TRUE(now && old);
-    EXPECT_EQ(std::tuple(now->result(), listing(now->tlvs)), std::tuple(0, listing(ok)));
+    EXPECT_EQ(std::tuple(now->result(), listing(now->tlvs)), std::tuple(0, std::string("52=01000000\n")));
     EXPECT_EQ(old->result(), 0x40);
 
     // 32 characters are stored whole; verification reads back 31.
@@ -195,61 +215,32 @@ TEST_F(Account, NewAccountWorksAtOnceAndServicesRestartAfterTheReply) {
 
 E2E_SUITE(Reset, "rst", 1, "");
 
-TEST_F(Reset, RefusalsStartNothing) {
-    Client mgr = lab().raw();
-    Events ev(lab(), 1);
-    for (uint16_t op : {tav::kOpReset, tav::kOpResetFactory}) {
-        SCOPED_TRACE(op);
-        auto bad = ask(mgr, op, creds("admin", "wrong") + be32(392, 0));
-        ASSERT_TRUE(bad);
-        EXPECT_EQ(std::tuple(bad->result(), bad->tlvs.size()), std::tuple(0x40, size_t(0)));
-        Holder a(lab(), op);
-        auto held = ask(mgr, op, u8(54, 3) + creds());
-        ASSERT_TRUE(held);
-        EXPECT_EQ(std::tuple(held->result(), held->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
-    }
-    // An 80-byte user name: 0xAA takes it whole (so the name is wrong)...
-    Bytes name(80, 0);
-    Bytes inner = text(55, "admin") + u8(999, 0);  // bytes 65..79
-    std::copy(inner.begin(), inner.end(), name.begin() + 65);
-    auto whole = ask(mgr, tav::kOpReset, rec(55, name) + text(56, "admin"));
-    ASSERT_TRUE(whole);
-    EXPECT_EQ(whole->result(), 0x40);
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(ev.lines(), Lines{});
-}
-
 // Both resets answer at once, run "submit" after the delay in a child and
 // bring the access point back (simulated reboot) with the kept keys.
 TEST_F(Reset, ResetsRunAfterTheirDelayAndKeepWhatTheyShould) {
-    Client mgr = lab().raw();
+    // 0xAB takes 65 bytes of an 80-byte name and reads the real one from the
+    // rest; the delay's length field says 2, and four bytes count.
+    Bytes name80(80, 0);
+    const Bytes inner = text(55, "admin") + u8(999, 0);
+    std::copy(inner.begin(), inner.end(), name80.begin() + 65);
     const struct {
-        const char *what;
         uint16_t op;
+        Bytes body;
         const char *command, *wan_mode_after;
     } cases[] = {
-        {"factory reset", tav::kOpResetFactory, "submit FRESET", "1"},
-        {"reset keeping IPv4", tav::kOpReset, "submit FRESET_EX_IP", "2"},
+        {tav::kOpResetFactory, rec(55, name80) + text(56, "admin") + rec(392, {0, 0, 0, 2, 0}, 2), "submit FRESET",
+         "1"},
+        {tav::kOpReset, creds() + be32(392, 2), "submit FRESET_EX_IP", "2"},
     };
+    Client mgr = lab().raw();
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.command);
         ASSERT_TRUE(lab().db_set(1, "/sys/systemName", "changed"));
         ASSERT_TRUE(lab().db_set(1, "/wan/rg/inf:1/mode", "2"));
         const std::string boots = lab().on_ap(1, "cat /var/run/boot_count").out;
-        Bytes body;
-        if (c.op == tav::kOpResetFactory) {
-            // ...0xAB takes 65 bytes of an 80-byte name and reads the real one
-            // from the rest. The delay.s length field says 2; four bytes count.
-            Bytes name(80, 0);
-            Bytes inner = text(55, "admin") + u8(999, 0);
-            std::copy(inner.begin(), inner.end(), name.begin() + 65);
-            body = rec(55, name) + text(56, "admin") + rec(392, {0, 0, 0, 2, 0}, 2);
-        } else {
-            body = creds() + be32(392, 2);
-        }
         Events ev(lab(), 1);
         const auto sent = Clock::now();
-        auto r = ask(mgr, c.op, body);
+        auto r = ask(mgr, c.op, c.body);
         ASSERT_TRUE(r);
         EXPECT_LT(Clock::now() - sent, 1500ms) << "answered at once";
         EXPECT_EQ(r->result(), 0);
@@ -283,8 +274,7 @@ TEST_F(Snmp, GetReportsStateAndCommunities) {
         lab().db_set(1, "/sys/snmpd/rwcomm", c.rw);
         auto r = ask(mgr, tav::kOpGetSnmp, u8(54, 1) + rec(999, {}));  // the body is not read
         ASSERT_TRUE(r);
-        EXPECT_EQ(r->result(), 0);
-        EXPECT_EQ(listing(r->tlvs), c.expect);
+        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string(c.expect)));
     }
 }
 
@@ -324,43 +314,13 @@ TEST_F(Snmp, SetAppliesWhatItCanAndPrintsEachRefusal) {
         EXPECT_EQ(ev.wait(2), (Lines{"submit COMMIT", "submit SNMP"}));
         until([&] { return out().size() >= strlen(c.printed); }, 1s);
         EXPECT_EQ(out(), c.printed);
-        EXPECT_EQ(lab().db_get(1, "/sys/snmpd/status"), c.status);
-        EXPECT_EQ(lab().db_get(1, "/sys/snmpd/rocomm"), c.ro);
-        EXPECT_EQ(lab().db_get(1, "/sys/snmpd/rwcomm"), c.rw);
+        EXPECT_EQ(lab().db_get(1, "/sys/snmpd/status") + " " + lab().db_get(1, "/sys/snmpd/rocomm") + " " +
+                      lab().db_get(1, "/sys/snmpd/rwcomm"),
+                  std::string(c.status) + " " + c.ro + " " + c.rw);
     }
 }
 
-TEST_F(Snmp, RefusalsChangeNothing) {
-    lab().db_set(1, "/sys/snmpd/status", "1");
-    Client mgr = lab().raw();
-    Events ev(lab(), 1);
-    const struct {
-        const char *what;
-        Bytes body;
-        uint16_t result;
-    } cases[] = {
-        {"wrong password", u8(39, 0) + text(40, "new") + creds("admin", "x"), 0x40},
-        {"unsupported tag", u8(39, 0) + text(40, "new") + u8(44, 1) + creds(), 0x40},
-        {"unsupported tag before the state", rec(1000, {}) + u8(39, 0) + creds(), 0x40},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        auto r = ask(mgr, tav::kOpSetSnmp, c.body);
-        ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(c.result, size_t(0)));
-    }
-    {
-        Holder a(lab(), tav::kOpSetSnmp);
-        auto r = ask(mgr, tav::kOpSetSnmp, u8(54, 3) + u8(39, 0) + creds());
-        ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
-    }
-    EXPECT_EQ(lab().db_get(1, "/sys/snmpd/status"), "1");
-    EXPECT_EQ(lab().db_get(1, "/sys/snmpd/rocomm"), "public");
-    EXPECT_EQ(ev.lines(), Lines{});
-}
-
-// ---- information and IPv4 ----------------------------------------------------------
+// ---- information, IPv4 and device information ----------------------------------------------
 
 E2E_SUITE(Ipv4, "ipv4", 1, "");
 
@@ -369,129 +329,72 @@ TEST_F(Ipv4, InformationIsOneFixedText) {
     for (Client *mgr : {&raw, &udp}) {
         auto r = ask(*mgr, tav::kOpInformation, {});
         ASSERT_TRUE(r);
-        EXPECT_EQ(r->result(), 0);
-        EXPECT_EQ(listing(r->tlvs), "6=302e30302e30333700\n");
+        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string("6=302e30302e30333700\n")));
     }
 }
 
 TEST_F(Ipv4, StaticThenDynamicAddressing) {
     Client mgr = lab().raw();
-    Events ev(lab(), 1);
     const Bytes stat = u8(25, 0) + rec(15, {198, 51, 100, 7}) + rec(17, {255, 255, 255, 128}) +
                        rec(18, {198, 51, 100, 1}) + rec(20, {203, 0, 113, 53}) + rec(22, {9, 9, 9, 9}) + u8(13, 1) +
                        u8(30, 1) + u8(12, 0);
-    auto r = ask(mgr, tav::kOpSetIpv4, u8(54, 2) + stat + creds());
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->result(), 0);
-    EXPECT_EQ(listing(r->tlvs), "388=00\n");
-    EXPECT_EQ(ev.wait(3), (Lines{"submit COMMIT", "submit WAN", "submit WLAN"}));
-    const std::map<std::string, std::string> want = {
-        {"/runtime/wan/inf:1/tavmode", "1"},          {"/wan/rg/inf:1/mode", "1"},
-        {"/wan/rg/inf:1/modebak", "1"},               {"/wan/rg/inf:1/static/ip", "198.51.100.7"},
-        {"/wan/rg/inf:1/static/netmask", "255.255.255.128"}, {"/wan/rg/inf:1/static/gateway", "198.51.100.1"},
-        {"/dnsrelay/server/primarydns", "203.0.113.53"},
-    };
-    for (const auto &[k, v] : want) EXPECT_EQ(lab().db_get(1, k), v) << k;
-    auto disc = lab().raw().request_one(tav::kOpDiscovery, {}, 3s);
-    ASSERT_TRUE(disc);
-    EXPECT_EQ(std::tuple(disc->u8(tav::kTagTavMode), disc->u8(tav::kTagWanMode)), std::tuple(2, 0));
-
-    Events ev2(lab(), 1);
-    auto dyn = ask(mgr, tav::kOpSetIpv4, u8(25, 1) + rec(15, {10, 0, 0, 1}) + creds());
-    ASSERT_TRUE(dyn);
-    EXPECT_EQ(std::tuple(dyn->result(), listing(dyn->tlvs)), std::tuple(0, std::string("388=00\n")));
-    EXPECT_EQ(ev2.wait(3), (Lines{"submit COMMIT", "submit WAN", "submit WLAN"}));
-    EXPECT_EQ(lab().db_get(1, "/wan/rg/inf:1/mode") + lab().db_get(1, "/wan/rg/inf:1/modebak"), "22");
-    EXPECT_EQ(lab().db_get(1, "/wan/rg/inf:1/static/ip"), "198.51.100.7");
-    disc = lab().raw().request_one(tav::kOpDiscovery, {}, 3s);
-    ASSERT_TRUE(disc);
-    EXPECT_EQ(disc->u8(tav::kTagWanMode), 1);
-}
-
-TEST_F(Ipv4, RefusalsWriteNothing) {
-    lab().db_set(1, "/wan/rg/inf:1/mode", "1");
-    lab().db_set(1, "/runtime/wan/inf:1/tavmode", "0");
-    Client mgr = lab().raw();
-    Events ev(lab(), 1);
     const struct {
-        const char *what;
         Bytes body;
-        uint16_t result;
+        const char *keys;  // mode, modebak, static ip, netmask, gateway, dns
+        uint8_t wan_mode;
     } cases[] = {
-        {"wrong password", u8(25, 1) + creds("admin", "x"), 0x40},
-        {"address mode 1", u8(25, 1) + u8(12, 1) + creds(), 0x40},
-        {"address mode 1 then 0", u8(12, 1) + u8(12, 0) + u8(25, 1) + creds(), 0x40},
-        {"unknown tag 14", u8(25, 1) + rec(14, {1, 2, 3, 4, 5, 6}) + creds(), 0x40},
-        {"unknown tag and wrong password", rec(14, {}) + creds("admin", "x"), 0x40},
+        {u8(54, 2) + stat + creds(), "1 1 198.51.100.7 255.255.255.128 198.51.100.1 203.0.113.53", 0},
+        {u8(25, 1) + rec(15, {10, 0, 0, 1}) + creds(), "2 2 198.51.100.7 255.255.255.128 198.51.100.1 203.0.113.53",
+         1},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
+        Events ev(lab(), 1);
         auto r = ask(mgr, tav::kOpSetIpv4, c.body);
         ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(c.result, size_t(0)));
+        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string("388=00\n")));
+        EXPECT_EQ(ev.wait(3), (Lines{"submit COMMIT", "submit WAN", "submit WLAN"}));
+        std::string keys;
+        for (const char *k : {"/wan/rg/inf:1/mode", "/wan/rg/inf:1/modebak", "/wan/rg/inf:1/static/ip",
+                              "/wan/rg/inf:1/static/netmask", "/wan/rg/inf:1/static/gateway",
+                              "/dnsrelay/server/primarydns"})
+            keys += (keys.empty() ? "" : " ") + lab().db_get(1, k);
+        EXPECT_EQ(keys, c.keys);
+        auto disc = mgr.request_one(tav::kOpDiscovery, {}, 3s);
+        ASSERT_TRUE(disc);
+        EXPECT_EQ(std::tuple(disc->u8(tav::kTagTavMode), disc->u8(tav::kTagWanMode)), std::tuple(2, c.wan_mode));
     }
-    {
-        Holder a(lab(), tav::kOpSetIpv4);
-        auto r = ask(mgr, tav::kOpSetIpv4, u8(54, 3) + u8(25, 1) + creds());
-        ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
-    }
-    EXPECT_EQ(lab().db_get(1, "/wan/rg/inf:1/mode") + lab().db_get(1, "/runtime/wan/inf:1/tavmode"), "10");
-    EXPECT_EQ(ev.lines(), Lines{});
 }
 
-// ---- device information ------------------------------------------------------------
-
-E2E_SUITE(DeviceInfo, "dev", 1, "");
-
-TEST_F(DeviceInfo, NameAndPortReachDiscovery) {
+TEST_F(Ipv4, DeviceNameAndPortReachDiscovery) {
     Client mgr = lab().raw();
+    const std::string error = "Parameter is ERROR!";  // without NUL
     const struct {
         const char *what;
         Bytes tlvs;
+        std::string reply;
         Lines commands;
         const char *name;
         uint16_t port;
     } cases[] = {
-        {"name", u8(31, 0) + text(10, "AP-Office"), {"submit COMMIT"}, "AP-Office", 80},
-        {"port", u8(31, 1) + be16(32, 8080), {"submit COMMIT", "submit HTTPD"}, "AP-Office", 8080},
-        {"no item: empty name", Bytes{}, {"submit COMMIT"}, "", 8080},
-        {"type 2 writes nothing", u8(31, 2) + text(10, "ignored") + be16(32, 81), {}, "", 8080},
+        {"name", u8(31, 0) + text(10, "AP-Office"), "388=00\n", {"submit COMMIT"}, "AP-Office", 80},
+        {"port", u8(31, 1) + be16(32, 8080), "388=00\n", {"submit COMMIT", "submit HTTPD"}, "AP-Office", 8080},
+        {"unknown tag", u8(31, 0) + text(10, "valid") + u8(11, 1),
+         "388=01\n391=" + hex(Bytes(error.begin(), error.end())) + "\n", {}, "AP-Office", 8080},
+        {"no item: empty name", Bytes{}, "388=00\n", {"submit COMMIT"}, "", 8080},
+        {"type 2 writes nothing", u8(31, 2) + text(10, "ignored") + be16(32, 81), "388=00\n", {}, "", 8080},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         Events ev(lab(), 1);
         auto r = ask(mgr, tav::kOpSetDeviceInfo, u8(54, 4) + c.tlvs + creds());
         ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string("388=00\n")));
+        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, c.reply));
         EXPECT_EQ(ev.wait(c.commands.size()), c.commands);
         auto disc = mgr.request_one(tav::kOpDiscovery, {}, 3s);
         ASSERT_TRUE(disc);
         EXPECT_EQ(std::tuple(disc->text(tav::kTagSystemName), disc->u16(tav::kTagWebPort)),
                   std::tuple(std::optional<std::string>(c.name), std::optional<uint16_t>(c.port)));
     }
-}
-
-TEST_F(DeviceInfo, UnknownTagIsAnsweredWithAnErrorTextAndWritesNothing) {
-    lab().db_set(1, "/sys/systemName", "AP-Lab-1");
-    Client mgr = lab().raw();
-    Events ev(lab(), 1);
-    auto r = ask(mgr, tav::kOpSetDeviceInfo, u8(31, 0) + text(10, "valid") + u8(11, 1) + creds());
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->result(), 0);
-    const std::string error = "Parameter is ERROR!";  // without NUL
-    EXPECT_EQ(listing(r->tlvs), "388=01\n391=" + hex(Bytes(error.begin(), error.end())) + "\n");
-    auto bad = ask(mgr, tav::kOpSetDeviceInfo, u8(31, 0) + text(10, "x") + creds("admin", "x"));
-    ASSERT_TRUE(bad);
-    EXPECT_EQ(std::tuple(bad->result(), bad->tlvs.size()), std::tuple(0x40, size_t(0)));
-    {
-        Holder a(lab(), tav::kOpSetDeviceInfo);
-        auto held = ask(mgr, tav::kOpSetDeviceInfo, u8(54, 3) + u8(31, 0) + text(10, "x") + creds());
-        ASSERT_TRUE(held);
-        EXPECT_EQ(std::tuple(held->result(), held->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
-    }
-    EXPECT_EQ(lab().db_get(1, "/sys/systemName"), "AP-Lab-1");
-    EXPECT_EQ(ev.lines(), Lines{});
 }
 
 // ---- date and time ------------------------------------------------------------------
@@ -513,83 +416,51 @@ TEST_F(DateTime, GetReportsNtpZoneAndClock) {
         for (const auto &[k, v] : c.db) lab().db_set(1, k, v);
         auto r = ask(mgr, tav::kOpGetDateTime, {});
         ASSERT_TRUE(r);
-        EXPECT_EQ(r->result(), 0);
-        EXPECT_EQ(listing(r->tlvs), c.expect);
+        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string(c.expect)));
     }
 }
 
-TEST_F(DateTime, ClockRequestSetsEverythingBeforeItAnswers) {
-    Client mgr = lab().raw();
-    Events ev(lab(), 1);
-    auto r = ask(mgr, tav::kOpSetDateTime,
-                 u8(300, 0) + u8(35, 0) + text(36, "pool.example.org") + u8(37, 0) + be16(303, 7) +
-                     text(301, "20270102030405") + u8(306, 1) + u8(307, 2) + be16(311, 2027) + u8(54, 6) + creds(),
-                 10s);
-    ASSERT_TRUE(r);
-    EXPECT_EQ(r->result(), 0);
-    EXPECT_EQ(listing(r->tlvs), "393=00000000\n394=00004e20\n");
-    // Run to completion before the reply.
-    EXPECT_EQ(ev.lines(), (Lines{"date -s '2027-01-02 03:04:05'", "submit COMMIT", "submit TIME",
-                                 "submit CAPTIVAL_PORTAL"}));
-    EXPECT_EQ(lab().db_get(1, "/time/syncwith"), "0");
-    EXPECT_EQ(lab().db_get(1, "/time/ntpserver/ip"), "pool.example.org");
-    EXPECT_EQ(lab().db_get(1, "/time/timezone"), "8");
-    EXPECT_EQ(lab().db_get(1, "/tavclient/time_changed"), "1");
-    auto now = ask(mgr, tav::kOpGetDateTime, {});
-    ASSERT_TRUE(now);
-    EXPECT_EQ(now->text(tav::kTagDateTime), "20270102030405");
-    EXPECT_EQ(now->u16(tav::kTagTimeZoneId), 7);
-
-    // No tag 301: the date command gets zeros and refuses; the rest holds.
-    Events ev2(lab(), 1);
-    auto bare = ask(mgr, tav::kOpSetDateTime, u8(35, 1) + text(36, "127.0.0.10") + be16(303, 85) + creds(), 10s);
-    ASSERT_TRUE(bare);
-    EXPECT_EQ(bare->result(), 0);
-    EXPECT_EQ(ev2.lines().at(0), "date -s '0-00-00 00:00:00'");
-    EXPECT_EQ(lab().db_get(1, "/time/syncwith") + " " + lab().db_get(1, "/time/timezone"), "2 1");
-}
-
-TEST_F(DateTime, DaylightSavingAloneAndRefusals) {
-    lab().db_set(1, "/time/ntpserver/ip", "ntp.example.net");
-    lab().db_set(1, "/time/daylightSaving", "1");
-    lab().db_set(1, "/time/DaylightSaving/offset", "60");
-    Client mgr = lab().raw();
-    Events ev(lab(), 1);
-    auto dst = ask(mgr, tav::kOpSetDateTime,
-                   u8(300, 1) + u8(310, 0) + u8(35, 0) + text(36, "other") + be16(303, 7) +
-                       text(301, "20300101000000") + creds(),
-                   10s);
-    ASSERT_TRUE(dst);
-    EXPECT_EQ(std::tuple(dst->result(), listing(dst->tlvs)),
-              std::tuple(0, std::string("393=00000000\n394=00004e20\n")));
-    EXPECT_EQ(ev.lines(), (Lines{"submit COMMIT", "submit TIME", "submit CAPTIVAL_PORTAL"}));
-    EXPECT_EQ(lab().db_get(1, "/time/daylightSaving") + "/" + lab().db_get(1, "/time/DaylightSaving/offset"), "0/0");
-    EXPECT_EQ(lab().db_get(1, "/time/ntpserver/ip"), "ntp.example.net");
-
-    Events ev2(lab(), 1);
+// Clock and daylight-saving requests run their commands to completion
+// before they answer.
+TEST_F(DateTime, ClockAndDaylightSavingRequests) {
+    const std::string done = "393=00000000\n394=00004e20\n";
+    const Lines services = {"submit COMMIT", "submit TIME", "submit CAPTIVAL_PORTAL"};
     const struct {
         const char *what;
         Bytes body;
-        uint16_t result;
+        const char *date_command;
+        const char *keys;  // syncwith, ntp server, timezone, daylightSaving, offset, time_changed
+        const char *clock;
     } cases[] = {
-        {"loopback server, wrong password", text(36, "127.0.0.1") + creds("admin", "x"), 105},
-        {"loopback in a daylight-saving request", u8(300, 1) + text(36, "127.0.0.1") + creds(), 105},
-        {"wrong password", text(36, "ntp.other") + creds("admin", "x"), 0x40},
+        {"clock", u8(300, 0) + u8(35, 0) + text(36, "pool.example.org") + u8(37, 0) + be16(303, 7) +
+                      text(301, "20270102030405") + u8(306, 1) + u8(307, 2) + be16(311, 2027) + u8(54, 6),
+         "date -s '2027-01-02 03:04:05'", "0 pool.example.org 8 1 60 1", "20270102030405"},
+        {"no date, zone 85", u8(35, 1) + text(36, "127.0.0.10") + be16(303, 85), "date -s '0-00-00 00:00:00'",
+         "2 127.0.0.10 1 1 60 1", "20270102030405"},
+        {"daylight saving only", u8(300, 1) + u8(310, 0) + u8(35, 0) + text(36, "other") + be16(303, 7) +
+                                     text(301, "20300101000000"),
+         nullptr, "2 127.0.0.10 1 0 0 1", "20270102030405"},
     };
+    lab().db_set(1, "/time/DaylightSaving/offset", "60");
+    Client mgr = lab().raw();
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        auto r = ask(mgr, tav::kOpSetDateTime, c.body);
+        Events ev(lab(), 1);
+        auto r = ask(mgr, tav::kOpSetDateTime, c.body + creds(), 10s);
         ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(c.result, size_t(0)));
+        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, done));
+        Lines want = services;
+        if (c.date_command) want.insert(want.begin(), c.date_command);
+        EXPECT_EQ(ev.lines(), want);
+        std::string keys;
+        for (const char *k : {"/time/syncwith", "/time/ntpserver/ip", "/time/timezone", "/time/daylightSaving",
+                              "/time/DaylightSaving/offset", "/tavclient/time_changed"})
+            keys += (keys.empty() ? "" : " ") + lab().db_get(1, k);
+        EXPECT_EQ(keys, c.keys);
+        auto now = ask(mgr, tav::kOpGetDateTime, {});
+        ASSERT_TRUE(now);
+        EXPECT_EQ(now->text(tav::kTagDateTime), c.clock);
     }
-    {
-        Holder a(lab(), tav::kOpSetDateTime);
-        auto r = ask(mgr, tav::kOpSetDateTime, u8(54, 3) + text(36, "ntp.other") + creds());
-        ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(0xFFFD, size_t(0)));
-    }
-    EXPECT_EQ(lab().db_get(1, "/time/ntpserver/ip"), "ntp.example.net");
-    EXPECT_EQ(ev2.lines(), Lines{});
 }
 
 // ---- the manager's tool -----------------------------------------------------------
