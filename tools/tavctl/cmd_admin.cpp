@@ -98,8 +98,9 @@ const char kTimeSetHelp[] = R"(usage: tavctl [OPTIONS] time set [--ntp on|off] [
 
 Sets one device's clock (op 0xE5). The device writes NTP use, server and time
 zone together: what is not given is read from the device first and kept. The
-date and time are set only when --date-time is given ("now": this machine's
-local time). The NTP server 127.0.0.1 is refused by the device.
+date and time are sent only with --date-time ("now": this machine's local
+time); without it the device still runs its date command, with zeros, which
+fails and changes nothing. The NTP server 127.0.0.1 is refused by the device.
 --dst switches daylight saving on or off and changes nothing else.
 )";
 
