@@ -186,7 +186,13 @@ TEST_F(Account, NewAccountWorksAtOnceAndServicesRestartAfterTheReply) {
     EXPECT_EQ(r->result(), 0);
     EXPECT_EQ(listing(r->tlvs), "393=00000002\n394=00004e20\n");
     EXPECT_LT(ev.lines().size(), 3u) << "the reply waited for the console restart";
+    // The service command holds none of the daemon's sockets.
+    ASSERT_TRUE(until([&] { return lab().on_ap(1, "pgrep -f webs.sh").status == 0; }, 2s));
+    Sh fds = lab().on_ap(1, "for p in $(pgrep -f webs.sh); do ls -l /proc/$p/fd; done");
+    EXPECT_EQ(fds.out.find("socket:"), std::string::npos) << fds.out;
     EXPECT_EQ(ev.wait(3), (Lines{"submit COMMIT", "webs.sh password", "console.sh"}));
+    // ...and the child that ran it was reaped.
+    EXPECT_TRUE(until([&] { return lab().on_ap(1, "grep -qs '^State:.*Z' /proc/[0-9]*/status").status != 0; }, 2s));
     EXPECT_EQ(lab().db_get(1, "/sys/user:1/name") + "/" + lab().db_get(1, "/sys/user:1/password") + "/" +
                   lab().db_get(1, "/tavclient/password_changed"),
               "new-admin/n3w pass%/1");
