@@ -57,7 +57,9 @@ TAV_HANDLER(tav_get_device_date_time) {
     char date[63] = {}, time[9] = {};
     _rgdb_get_(date, sizeof date, "/runtime/time/date");
     _rgdb_get_(time, sizeof time, "/runtime/time/time");
-    convert_date_time(device_info->date_time, date, time);
+    char own[sizeof device_info->date_time] = {};
+    char *date_time = device_info != nullptr ? device_info->date_time : own;
+    convert_date_time(date_time, date, time);
 
     Reply r(reply);
     r.add_u8(tav::kTagNtpEnable, uint8_t(ntp_enable));
@@ -66,7 +68,7 @@ TAV_HANDLER(tav_get_device_date_time) {
     r.add_u8(tav::kTagTimeReserved, 4);
     r.add_be16(tav::kTagTimeZoneId, zone_id);
     char stamp[sizeof device_info->date_time + 1] = {};
-    memcpy(stamp, device_info->date_time, sizeof device_info->date_time);
+    memcpy(stamp, date_time, sizeof device_info->date_time);
     r.add_text(tav::kTagDateTime, stamp);
     return r.finish(tav::kResultSuccess);
 }
@@ -121,6 +123,7 @@ constexpr TlvRequest<SetDateTime> kSetDateTime{
 // The device code of a protocol time-zone id; ids without one fall back to
 // id 1.
 uint8_t zone_code(uint16_t id) {
+    if (time_table == nullptr) return 0;
     if (id == 0 || id > kTimeZoneIdMax || time_table[id] == 0) id = 1;
     return time_table[id];
 }
