@@ -37,10 +37,10 @@ TEST(Base64, DecodeSkipsForeignBytesAndStopsAtThePadGroup) {
         ASSERT_EQ(rc, 0) << c.in;
         EXPECT_EQ(std::string(reinterpret_cast<char *>(out), n), c.out) << c.in;
     }
-    uint8_t small[5];
+    uint8_t six[6];
     size_t n = 0;
-    EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, small, sizeof small, &n), -1);  // needs 6
-    EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, small, 6, &n), 0);
+    EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, six, 5, &n), -1);  // needs 6
+    EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, six, 6, &n), 0);
 }
 
 TEST(Base64, EncodeBreaksLinesAt72AndRoundTrips) {
