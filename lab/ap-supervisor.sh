@@ -225,7 +225,7 @@ shutdown() {
 }
 
 # --- Main loop ---------------------------------------------------------------
-REQUEST=0 STOP=0
+REQUEST=0 STOP=0 TICKS=0
 trap 'REQUEST=1' USR1
 trap 'STOP=1' TERM INT HUP
 
@@ -254,6 +254,11 @@ while [ "$STOP" = 0 ]; do
         log "daemon (pid $TAVC_PID) exited on its own with status $?"
         TAVC_PID=
         rm -f /var/run/tavc.pid
+    fi
+    # The statistics service: counters move every few seconds.
+    TICKS=$((TICKS + 1))
+    if [ -n "$XMLDB_PID" ] && [ $((TICKS % 3)) = 0 ]; then
+        /usr/lib/tavlab/stubs/stats-tick >>/var/run/supervisor.log 2>&1
     fi
     sleep 1 &
     wait $! 2>/dev/null

@@ -113,10 +113,14 @@ Step tlv_walk_any(const TlvRequestBase &d, const uint8_t *body, uint16_t body_le
             if (d.groups.capacity != 0) {
                 if (r->store == Store::GroupStart && !open_group(d.groups, fields))
                     return Step::end(d.group_refusal);
-                if (uint8_t *rec = current_group(d.groups, fields)) store_value(*r, rec, v, taken);
+                if (uint8_t *rec = current_group(d.groups, fields)) {
+                    store_value(*r, rec, v, taken);
+                    if (r->seen) rec[r->seen - 1] = 1;
+                }
             }
         } else {
             store_value(*r, fields, v, taken);
+            if (r->seen) fields[r->seen - 1] = 1;
         }
         p += taken + 4;
         left = uint16_t(left - taken - 4);

@@ -90,6 +90,17 @@ class [[nodiscard]] Step {
 // the taken value bytes.
 typedef Step (*tlv_action)(void *req, uint16_t tag, const uint8_t *value, uint16_t taken);
 
+void tlv_description_error();  // never defined: reached only by an invalid description
+
+namespace tlv_detail {
+// Offsets and sizes are 16-bit in the rules: a larger one is a description
+// error, not a silent wrap.
+constexpr uint16_t u16(size_t v) {
+    if (v > 0xFFFF) tlv_description_error();
+    return uint16_t(v);
+}
+}  // namespace tlv_detail
+
 // A member of struct Owner with type T, by offset; made by TAVC_FIELD.
 template <class Owner, class T>
 struct Field {
@@ -97,8 +108,8 @@ struct Field {
     uint16_t size;
 };
 #define TAVC_FIELD(Type, member)                                             \
-    (Field<Type, decltype(Type::member)>{uint16_t(offsetof(Type, member)), \
-                                         uint16_t(sizeof(Type::member))})
+    (Field<Type, decltype(Type::member)>{tlv_detail::u16(offsetof(Type, member)), \
+                                         tlv_detail::u16(sizeof(Type::member))})
 
 struct TlvRule {
     uint16_t tag;
@@ -109,6 +120,7 @@ struct TlvRule {
     uint16_t size = 0;    // its size in bytes
     tlv_action action = nullptr;
     bool in_group = false;  // the member belongs to the current group record
+    uint16_t seen = 0;  // 1 + offset of a bool member set when the tag is met (0: none)
 };
 
 namespace tlv_detail {
@@ -168,6 +180,14 @@ constexpr TlvRule tlv_in_group(TlvRule r) {
     r.in_group = true;
     return r;
 }
+// Also notes that the tag was met, in a bool member beside the value (in the
+// group record for group rules), for requests where an absent tag differs
+// from an empty or zero value.
+template <class O>
+constexpr TlvRule tlv_seen(TlvRule r, Field<O, bool> seen) {
+    r.seen = uint16_t(seen.offset + 1);
+    return r;
+}
 
 // Refusal codes, each of its own type so that a description names them.
 struct ParamRefusal { uint16_t code; };       // tav_function_parameter_check fails
@@ -195,9 +215,10 @@ struct GroupSpec {
     uint16_t count_offset = 0;  // a uint16_t count
 };
 #define TAVC_GROUPS(Type, array, count)                                                  \
-    (tlv_group_spec<Type>(uint16_t(offsetof(Type, array)), uint16_t(sizeof(Type::array[0])), \
-                          uint16_t(sizeof(Type::array) / sizeof(Type::array[0])),             \
-                          uint16_t(offsetof(Type, count)),                                    \
+    (tlv_group_spec<Type>(tlv_detail::u16(offsetof(Type, array)),                        \
+                          tlv_detail::u16(sizeof(Type::array[0])),                             \
+                          tlv_detail::u16(sizeof(Type::array) / sizeof(Type::array[0])),       \
+                          tlv_detail::u16(offsetof(Type, count)),                              \
                           static_cast<decltype(Type::count) *>(nullptr)))
 template <class O>
 struct TlvGroups {
@@ -223,7 +244,6 @@ struct TlvRequestBase {
     uint16_t group_refusal = 0;
 };
 
-void tlv_description_error();  // never defined: reached only by an invalid description
 
 // A handler's request over struct O: rules, refusal codes, credentials. Built
 // in constant evaluation, where the checks below reject a bad description.
@@ -269,9 +289,12 @@ struct TlvRequest : TlvRequestBase {
             if (r.in_group) {
                 if (groups.capacity != 0 && r.offset + r.size > groups.record)
                     tlv_description_error();
-            } else if (r.offset + r.size > sizeof(O)) {
+                if (groups.capacity != 0 && r.seen > groups.record) tlv_description_error();
+            } else if (r.offset + r.size > sizeof(O) || r.seen > sizeof(O)) {
                 tlv_description_error();
             }
+            if (r.seen != 0 && (r.store == Store::Call || r.store == Store::Precedence))
+                tlv_description_error();
             if (r.store == Store::Call && r.action == nullptr) tlv_description_error();
             if (r.take == Take::Stop) tlv_description_error();
         }

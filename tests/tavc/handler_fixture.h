@@ -57,9 +57,9 @@ class Engine : public ::testing::Test {
     // body's TLVs are in reply_tlvs() afterwards.
     int call(int (*handler)(const uint8_t *, uint16_t, uint8_t *), uint16_t op, const Bytes &body,
              tav_server from = {}) {
-        // Into the record init_buff allocated, which free_buff releases.
-        *tav_tmp_server = from;
-        tav_tmp_server->functions[0].op_code = op;
+        from_ = from;
+        from_.functions[0].op_code = op;
+        *tav_tmp_server = from_;  // the engine's own record: free_buff releases it
         std::memset(reply_, 0, sizeof reply_);
         return handler(body.data(), uint16_t(body.size()), reply_);
     }
@@ -71,6 +71,7 @@ class Engine : public ::testing::Test {
         return Bytes(reply_ + 2, reply_ + 2 + n);
     }
 
+    tav_server from_{};
     uint8_t reply_[kReplyBodySize + 2] = {};
 };
 

@@ -320,4 +320,66 @@ TEST(Tavctl, TargetByHostNameResolvesThroughDiscovery) {
     EXPECT_EQ(dev.requests().back().header->target_ip, (std::array<uint8_t, 4>{192, 0, 2, 31}));
 }
 
+// Maintenance commands: the requests they compose, --wait's outcomes and its
+// time limit, and what they refuse before sending anything.
+TEST(Tavctl, MaintenanceRequestsWaitAndRefusals) {
+    std::atomic<int> progress{0}, after_start{0};  // what status queries answer
+    FakeDevice dev([&](const Message &req) {
+        if (req.op_code() == kOpReboot)
+            return std::vector<Bytes>{reply(req, 0, {tlv_u32(0x189, 2), tlv_u32(0x18A, 300000)})};
+        const Record *sub = req.find(0x180);
+        uint8_t s = sub && sub->value.size() == 1 ? sub->value[0] : 0;
+        if (s == 1) progress = after_start.load();
+        return std::vector<Bytes>{reply(req, 0, {tlv_u8(0x180, s), tlv_u8(0x184, uint8_t(progress))})};
+    });
+    auto cat = [](TlvList a, const TlvList &b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
+    };
+    const std::string pw = "TAVCTL_PASSWORD=pw";
+    auto r = tavctl(udp(dev, "--user admin firmware upgrade --server 192.0.2.7 --file 'a b;c'"), pw);
+    ASSERT_EQ(r.status, 0) << r.err;
+    auto seen = dev.requests();
+    ASSERT_EQ(seen.size(), 2u);  // the status first, then the start
+    const TlvList cred{tlv_text(55, "admin"), tlv_text(56, "pw")};
+    EXPECT_EQ(seen[0].tlvs, cat(cred, {tlv_u8(0x180, 2)}));
+    EXPECT_EQ(seen[1].tlvs, cat(cred, {tlv_u8(0x180, 1), tlv_u8(0x181, 1), tlv_u8(0x182, 1),
+                                       tlv_ipv4(0x183, {192, 0, 2, 7}), tlv_text(0x185, "a b;c")}));
+
+    EXPECT_EQ(tavctl(udp(dev, "--user admin reboot --delay 30"), pw).status, 0);
+    EXPECT_EQ(dev.requests().back().tlvs, cat(cred, {tlv_u32(0x188, 30)}));
+    EXPECT_EQ(tavctl(udp(dev, "--user admin agent set --uuid g --server n --interval 200"), pw).status, 0);
+    EXPECT_EQ(dev.requests().back().tlvs, cat(cred, {tlv_text(47, "g"), tlv_text(48, "n"), tlv_u8(49, 200)}));
+
+    const std::string wait = "--user admin config restore --server 192.0.2.7 --file c --wait";
+    after_start = 1;
+    auto failed = tavctl(udp(dev, wait), pw);
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_NE(failed.err.find("failed: the device reports a failure"), std::string::npos) << failed.err;
+    after_start = 0;
+    auto ended = tavctl(udp(dev, "--user admin config backup --server 192.0.2.7 --file c --wait"), pw);
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_NE(ended.out.find("configuration backup: ended after"), std::string::npos) << ended.out;
+    after_start = 2;
+    auto late = tavctl(udp(dev, wait + " --limit 1"), pw);
+    EXPECT_EQ(late.status, 3);
+    EXPECT_NE(late.err.find("no outcome within"), std::string::npos) << late.err;
+    auto busy = tavctl(udp(dev, wait), pw);
+    EXPECT_EQ(busy.status, 1);
+    EXPECT_NE(busy.err.find("already runs"), std::string::npos) << busy.err;
+
+    const size_t before = dev.requests().size();
+    for (const char *bad : {"firmware upgrade --file f", "firmware upgrade --server 192.0.2 --file f",
+                            "config backup --server 192.0.2.7 --file f --limit 5",
+                            "agent set --uuid 0123456789abcdef0123456789abcdefX --server s --interval 1",
+                            "agent set --uuid u --server s --interval 256", "reboot --delay 4294967296"}) {
+        SCOPED_TRACE(bad);
+        EXPECT_EQ(tavctl(udp(dev, std::string("--user admin ") + bad), pw).status, 2);
+    }
+    const std::string n129(129, 'f');
+    EXPECT_EQ(tavctl(udp(dev, "--user admin config backup --server 192.0.2.7 --file " + n129), pw).status, 2);
+    EXPECT_EQ(tavctl("--udp 127.255.255.255 --cipher " TEST_CIPHER " --user admin reboot", pw).status, 2);
+    EXPECT_EQ(dev.requests().size(), before) << "nothing is sent for bad input";
+}
+
 }  // namespace

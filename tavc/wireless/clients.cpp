@@ -1,0 +1,93 @@
+// Op 0x2008: the stations associated with each SSID of the bands in
+// access-point mode. Read-only; the request body is not looked at.
+#include <stdio.h>
+#include <string.h>
+
+#include "lrgbin/rgdb_getset.h"
+#include "proto/tags.h"
+#include "tavc/handlers.h"
+#include "tavc/reply.h"
+#include "tavc/wireless/codes.h"
+#include "tavc/wireless/wireless.h"
+
+namespace {
+
+constexpr int kMaxClients = 255;
+
+// A station's key: the SSID part is left out for the primary SSID.
+struct ClientKey {
+    char text[96];
+    ClientKey(int band, int index, int n, const char *leaf) {
+        if (index == 0)
+            snprintf(text, sizeof text, "/runtime/stats/wlan/inf:%d/client:%d/%s", band, n, leaf);
+        else
+            snprintf(text, sizeof text, "/runtime/stats/wlan/inf:%d/mssid:%d/client:%d/%s", band,
+                     index, n, leaf);
+    }
+};
+
+int get_client_mac(uint8_t mac[6], int band, int index, int n) {
+    char text[32] = {};
+    _rgdb_get_(text, 31, "%s", ClientKey(band, index, n, "mac").text);
+    if (text[0] == '\0') return -1;
+    memset(mac, 0, 6);
+    sscanf(text, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
+           &mac[5]);
+    return 0;
+}
+
+uint8_t get_client_auth(int band, int index, int n) {
+    char text[32] = {};
+    _rgdb_get_(text, 32, "%s", ClientKey(band, index, n, "auth").text);
+    for (const auto &a : wireless::kStationAuth) {
+        const bool match =
+            a.whole ? strcmp(text, a.text) == 0 : strncmp(text, a.text, strlen(a.text)) == 0;
+        if (match) return a.code;
+    }
+    return 0;
+}
+
+int get_client_rssi(int band, int index, int n) {
+    return rgdb_get_digit("%s", ClientKey(band, index, n, "rssi").text);
+}
+
+// Appends the band's stations; false when the reply area is full (the list
+// then stops there, before the group that does not fit).
+bool get_client_list(int band, Reply &r) {
+    for (int index = 0; index <= 7; ++index) {
+        if (index > 0) {
+            if (multi_enabled(band) == 0) break;
+            if (rgdb_get_digit("/wlan/inf:%d/multi/index:%d/state", band, index) == 0) continue;
+        }
+        for (int n = 1; n <= kMaxClients; ++n) {
+            uint8_t mac[6];
+            if (get_client_mac(mac, band, index, n) != 0) break;
+            char ssid[64] = {};
+            get_ssid_name(ssid, 63, band, index);
+            const size_t group = Reply::tlv_size(6) + Reply::tlv_size(strlen(ssid) + 1) +
+                                 3 * Reply::tlv_size(1) + Reply::tlv_size(4);
+            if (!r.fits(group)) return false;
+            r.add(tav::kTagMac, mac, 6);
+            r.add_text(tav::kTagClientSsid, ssid);
+            r.add_u8(tav::kTagTlvBand, band == 1 ? 0 : 1);
+            r.add_u8(tav::kTagChannel,
+                     uint8_t(rgdb_get_digit("/runtime/stats/wlan/inf:%d/channel", band)));
+            r.add_u8(tav::kTagClientAuth, get_client_auth(band, index, n));
+            r.add_be32(tav::kTagRssi, uint32_t(get_client_rssi(band, index, n)));
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+TAV_HANDLER(tav_get_client_list) {
+    (void)body;
+    (void)body_length;
+    Reply r(reply);
+    r.close_with(2);
+    for (int band = 1; band <= 2; ++band)
+        if (is_apmode(band) && !get_client_list(band, r)) break;
+    r.close_be16(tav::kTagEolOrCnt, 0);
+    return r.finish(tav::kResultSuccess);
+}
