@@ -10,5 +10,3 @@
         return kTavNoReply; \
     }
 
-// administration
-
