@@ -72,7 +72,7 @@ enum class Store : uint8_t {
 
 // The outcome of a walk step, a callback or a prologue: go on, or end the
 // handler with a result code. Not an int, so it cannot be mistaken for a
-// handler's own return value (such as kTavNoReply).
+// handler's own return value.
 class [[nodiscard]] Step {
   public:
     static constexpr Step go_on() { return Step(-1); }
