@@ -4,10 +4,6 @@
 
 #include <stdint.h>
 
-// A handler that returns this is not answered at all (the request is dropped
-// as if its op code were unknown); only not-yet-served op codes use it.
-inline constexpr int kTavNoReply = -2;
-
 #define TAV_HANDLER(name) int name(const uint8_t *body, uint16_t body_length, uint8_t *reply)
 
 // presence (announce.cpp) and verification (auth.cpp)

@@ -178,3 +178,16 @@ pid_t reboot_after_5s();  // "sleep 5; reboot"
 // ---- date and time (admin/) -------------------------------------------------
 
 void init_time_zone_table();
+// Sets the system clock from a 14-digit YYYYMMDDhhmmss text with
+// "date -s '...'" (waits); returns the shell's status.
+int set_date_time(const char *date_time);
+// Restarts the web server ("submit HTTPD") in a child process; returns its
+// pid at once (-1 when fork fails).
+pid_t submit_httpd();
+// 1 when `text` holds any of # ` ' " \ (kept out of SNMP communities).
+int invalid_snmp_str(const char *text);
+// Decodes the base64 new user name and password of op 0xA4 into outputs of
+// at least 70 bytes (zeroed by the caller): 0, or 1001 (name) / 1011
+// (password) when one does not decode; the name is tried first.
+int decode_name_and_password(const char *name64, const char *password64, char *name,
+                             char *password);

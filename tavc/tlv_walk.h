@@ -72,7 +72,7 @@ enum class Store : uint8_t {
 
 // The outcome of a walk step, a callback or a prologue: go on, or end the
 // handler with a result code. Not an int, so it cannot be mistaken for a
-// handler's own return value (such as kTavNoReply).
+// handler's own return value.
 class [[nodiscard]] Step {
   public:
     static constexpr Step go_on() { return Step(-1); }
@@ -90,6 +90,17 @@ class [[nodiscard]] Step {
 // the taken value bytes.
 typedef Step (*tlv_action)(void *req, uint16_t tag, const uint8_t *value, uint16_t taken);
 
+void tlv_description_error();  // never defined: reached only by an invalid description
+
+namespace tlv_detail {
+// Offsets and sizes are 16-bit in the rules: a larger one is a description
+// error, not a silent wrap.
+constexpr uint16_t u16(size_t v) {
+    if (v > 0xFFFF) tlv_description_error();
+    return uint16_t(v);
+}
+}  // namespace tlv_detail
+
 // A member of struct Owner with type T, by offset; made by TAVC_FIELD.
 template <class Owner, class T>
 struct Field {
@@ -97,8 +108,8 @@ struct Field {
     uint16_t size;
 };
 #define TAVC_FIELD(Type, member)                                             \
-    (Field<Type, decltype(Type::member)>{uint16_t(offsetof(Type, member)), \
-                                         uint16_t(sizeof(Type::member))})
+    (Field<Type, decltype(Type::member)>{tlv_detail::u16(offsetof(Type, member)), \
+                                         tlv_detail::u16(sizeof(Type::member))})
 
 struct TlvRule {
     uint16_t tag;
@@ -204,9 +215,10 @@ struct GroupSpec {
     uint16_t count_offset = 0;  // a uint16_t count
 };
 #define TAVC_GROUPS(Type, array, count)                                                  \
-    (tlv_group_spec<Type>(uint16_t(offsetof(Type, array)), uint16_t(sizeof(Type::array[0])), \
-                          uint16_t(sizeof(Type::array) / sizeof(Type::array[0])),             \
-                          uint16_t(offsetof(Type, count)),                                    \
+    (tlv_group_spec<Type>(tlv_detail::u16(offsetof(Type, array)),                        \
+                          tlv_detail::u16(sizeof(Type::array[0])),                             \
+                          tlv_detail::u16(sizeof(Type::array) / sizeof(Type::array[0])),       \
+                          tlv_detail::u16(offsetof(Type, count)),                              \
                           static_cast<decltype(Type::count) *>(nullptr)))
 template <class O>
 struct TlvGroups {
@@ -232,7 +244,6 @@ struct TlvRequestBase {
     uint16_t group_refusal = 0;
 };
 
-void tlv_description_error();  // never defined: reached only by an invalid description
 
 // A handler's request over struct O: rules, refusal codes, credentials. Built
 // in constant evaluation, where the checks below reject a bad description.

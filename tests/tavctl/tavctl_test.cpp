@@ -249,6 +249,8 @@ TEST(Tavctl, VerifyPasswordSourcesAndSetupErrors) {
     EXPECT_NE(env.out.find("64 authentication failed"), std::string::npos) << env.out;
     EXPECT_NE(tavctl(udp(dev, "verify --user admin")).err.find("no password"), std::string::npos);
     EXPECT_EQ(tavctl(udp(dev, "verify --user admin --password x")).status, 2);  // never on the command line
+    EXPECT_EQ(tavctl(udp(dev, "raw 0xA3 --tlv 55=admin --tlv 56=@password"), "TAVCTL_PASSWORD=s3cr%t").status, 0);
+    EXPECT_EQ(tavctl(udp(dev, "raw 0xA3 --credentials"), "TAVCTL_PASSWORD=s3cr%t TAVCTL_USER=admin").status, 0);
     std::remove(pw.c_str());
 
     auto cipher = tavctl("--udp 127.0.0.1 --cipher /nonexistent/c.so discover");

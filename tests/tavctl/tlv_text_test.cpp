@@ -70,6 +70,9 @@ TEST(Text, MacsAddressesOpCodesAndValues) {
         EXPECT_TRUE(parse_op_code(text) && *parse_op_code(text) == code) << text;
     EXPECT_FALSE(parse_op_code("0x10000"));
     EXPECT_FALSE(parse_op_code("bogus"));
+    for (auto [text, max, ok] : {std::tuple{"7", 7, true}, {"9", 7, false}, {"0xF", 15, true},
+                                 {"0xF", 14, false}, {"256", 255, false}, {"255", 255, true}})
+        EXPECT_EQ(parse_uint(text, uint64_t(max)).has_value(), ok) << text << " max " << max;
     EXPECT_EQ(format_value(Bytes{0xFF, 0xFF, 0xFF, 0xBD}, TagKind::kI32), "-67");
     EXPECT_EQ(format_value(Bytes{0, 0, 0, 2, 0xDF, 0xDC, 0x1C, 0x35}, TagKind::kU64), "12345678901");
     EXPECT_EQ(format_value(Bytes{'a', '\n', '\\', 0, 'x'}, TagKind::kText), "a\\x0a\\\\");

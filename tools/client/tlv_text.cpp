@@ -145,7 +145,7 @@ std::optional<uint64_t> parse_uint(std::string_view s, uint64_t max) {
     for (char c : s) {
         int d = hex_digit(c);
         if (d < 0 || d >= base) return std::nullopt;
-        if (v > (max - uint64_t(d)) / uint64_t(base)) return std::nullopt;
+        if (uint64_t(d) > max || v > (max - uint64_t(d)) / uint64_t(base)) return std::nullopt;
         v = v * uint64_t(base) + uint64_t(d);
     }
     return v;

@@ -171,7 +171,7 @@ int cmd_raw(Args &a) {
         if (int rc = add_credentials(a, tlvs)) return rc;
     for (const auto &arg : tlv_args) {
         if (arg.ends_with("=@password")) {
-            auto tag = parse_tlv_arg(arg.substr(0, arg.size() - 9) + "=x:", *op);
+            auto tag = parse_tlv_arg(arg.substr(0, arg.size() - 9) + "x:", *op);
             if (!tag) throw UsageError{tag.error()};
             std::string err;
             auto pw = read_password(a, err);

@@ -55,6 +55,14 @@ constexpr TlvRequest<Small> kSmall{kOther, Take::Declared, NoParamCheck{},
                                    PrecedenceRefusal{1}, NoAuth{}};
 #endif
 
+#if MISUSE == 10  // a member beyond 16-bit offsets
+struct Huge {
+    char pad[70000];
+    char name[8];
+};
+constexpr TlvRule kHuge[] = {tlv_text(1, Take::Declared, 0, TAVC_FIELD(Huge, name))};
+#endif
+
 int compose(const Req &r) {
     Command ok("tftp -f %s -r %s -P %u", r.file, r.user_name, r.port);
 #if MISUSE == 7  // request text through a number conversion

@@ -1,0 +1,234 @@
+// Administration handlers, seen through the recorder and the in-process
+// store: base64, the time-zone table, composed commands, launch order, walk
+// sizes and the exact reply bytes. Refusal rows are end-to-end tests.
+#include <cstdlib>
+
+#include "tests/tavc/handler_fixture.h"
+#include "util/base64.h"
+
+namespace {
+
+using namespace fixture;
+
+std::string stored(const char *key) { return lrgbin_store::find(key).value_or("<unset>"); }
+
+// ---- base64 ------------------------------------------------------------------
+
+TEST(Base64, DecodeSkipsForeignBytesAndStopsAtThePadGroup) {
+    const struct {
+        const char *in;
+        const char *out;  // nullptr: fails
+    } cases[] = {
+        {"QUJD", "ABC"},        {"QU JD", "ABC"},     {"Q\nU\tJ\rD!", "ABC"},
+        {"QQ==", "A"},          {"QUI=", "AB"},       {"QQ==QUJD", "A"},
+        {"Q=Q=", "@"},          {"QUJDQUJD", "ABCABC"}, {"Q===", nullptr},
+        {"====", nullptr},      {"QUJ", nullptr},     {"QUJDQUJ", nullptr},
+        {"", nullptr},          {" \n ", nullptr},    {"QUJDQQ==QUJD=", nullptr},  // 13 counted
+        {"/+/+", "\xff\xef\xfe"},
+    };
+    for (const auto &c : cases) {
+        uint8_t out[16];
+        size_t n = 99;
+        int rc = tav_base64_decode(c.in, strlen(c.in), out, sizeof out, &n);
+        if (c.out == nullptr) {
+            EXPECT_EQ(rc, -1) << c.in;
+            continue;
+        }
+        ASSERT_EQ(rc, 0) << c.in;
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(out), n), c.out) << c.in;
+    }
+    uint8_t six[6];
+    size_t n = 0;
+    EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, six, 5, &n), -1);  // needs 6
+    EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, six, 6, &n), 0);
+}
+
+TEST(Base64, EncodeBreaksLinesAt72AndRoundTrips) {
+    auto encode = [](const std::string &s) {
+        char out[512];
+        size_t n = 0;
+        EXPECT_EQ(tav_base64_encode(reinterpret_cast<const uint8_t *>(s.data()), s.size(), out, sizeof out, &n), 0);
+        EXPECT_EQ(strlen(out), n);
+        return std::string(out, n);
+    };
+    EXPECT_EQ(encode(""), "");
+    EXPECT_EQ(encode("A"), "QQ==\n");
+    EXPECT_EQ(encode("AB"), "QUI=\n");
+    EXPECT_EQ(encode("ABC"), "QUJD\n");
+    const std::string one_line = encode(std::string(54, 'x'));
+    EXPECT_EQ(one_line.size(), 73u);
+    EXPECT_EQ(one_line.find('\n'), 72u);
+    const std::string two_lines = encode(std::string(55, 'x'));
+    EXPECT_EQ(two_lines.size(), 72u + 1 + 4 + 1);
+    EXPECT_EQ(two_lines[72], '\n');
+    for (size_t len = 0; len < 120; ++len) {
+        std::string data;
+        for (size_t i = 0; i < len; ++i) data += char(i * 37 + len);
+        std::string text = encode(data);
+        uint8_t back[128];
+        size_t n = 0;
+        if (len == 0) continue;  // nothing to decode
+        ASSERT_EQ(tav_base64_decode(text.data(), text.size(), back, sizeof back, &n), 0) << len;
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(back), n), data) << len;
+    }
+    char tiny[5];  // "QUJD\n" and its NUL need 6
+    size_t n = 0;
+    EXPECT_EQ(tav_base64_encode(reinterpret_cast<const uint8_t *>("ABC"), 3, tiny, sizeof tiny, &n), -1);
+}
+
+// ---- time zones --------------------------------------------------------------
+
+class Admin : public Engine {
+  protected:
+    Bytes creds() { return admin(); }
+    std::string zone_reply_id() {
+        EXPECT_EQ(call(tav_get_device_date_time, tav::kOpGetDateTime, {}), 0);
+        Bytes b = reply_tlvs();
+        // 35, 36 (server text), 37, 38, then 303: find it by walking.
+        for (size_t i = 0; i + 4 <= b.size();) {
+            uint16_t tag = tav::get_be16(&b[i]), len = tav::get_be16(&b[i + 2]);
+            if (tag == 303) return std::to_string(tav::get_be16(&b[i + 4]));
+            i += 4 + len;
+        }
+        return "none";
+    }
+};
+
+TEST_F(Admin, TimeZoneTableAndItsLookUpsBothWays) {
+    // id -> device code, as the firmware numbers its zones (0: no code).
+    const uint8_t kCodes[85] = {0,
+        1, 2, 3, 4, 5, 0, 8, 7, 6, 9, 11, 12, 10, 13, 14, 0, 16, 17, 18, 0, 19, 21, 20, 22,
+        0, 23, 24, 25, 27, 26, 29, 32, 31, 30, 28, 37, 33, 0, 36, 35, 0, 0, 0, 38, 39, 42, 45, 41,
+        40, 43, 45, 44, 0, 46, 47, 47, 48, 49, 50, 51, 0, 52, 54, 55, 57, 56, 59, 60, 58, 62, 63, 64,
+        65, 66, 71, 68, 67, 69, 70, 73, 76, 75, 77, 78};
+    for (int id = 0; id < 85; ++id) EXPECT_EQ(time_table[id], kCodes[id]) << "id " << id;
+
+    const std::pair<const char *, const char *> reads[] = {
+        {"8", "7"}, {"45", "51"}, {"47", "56"}, {"", "61"}, {"0", "61"}, {"15", "0"}, {"26", "30"},
+        {"78", "84"}, {"1", "1"}, {"7x", "8"}, {"123", "12"},  // read 2 characters wide
+    };
+    for (const auto &[code, id] : reads) {
+        lrgbin_store::put("/time/timezone", code);
+        EXPECT_EQ(zone_reply_id(), id) << "code " << code;
+    }
+
+    const std::pair<uint16_t, const char *> writes[] = {{7, "8"}, {32, "32"}, {84, "78"}, {6, "1"},
+                                                        {0, "1"}, {85, "1"},  {61, "1"}, {0xFFFF, "1"}};
+    for (const auto &[id, code] : writes) {
+        EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, creds() + be16(303, id)), 0);
+        EXPECT_EQ(stored("/time/timezone"), code) << "id " << id;
+    }
+}
+
+// ---- date and time -------------------------------------------------------------
+
+TEST_F(Admin, ClockRequestComposesDateAndRunsTheServicesInOrder) {
+    const std::pair<const char *, const char *> cases[] = {
+        {"20240513083005", "date -s '2024-05-13 08:30:05'"},
+        {"2024051308300599", "date -s '2024-05-13 08:30:05'"},
+        {"202405", "date -s '2024-05-00 00:00:00'"},
+        {"", "date -s '0-00-00 00:00:00'"},
+        {"  1-1-2 3 4 5 6", "date -s '1-01-02 03:04:05'"},  // each piece read alone, as atoi does
+        {"2024'; reboot", "date -s '2024-00-00 00:00:00'"},
+    };
+    for (const auto &[stamp, command] : cases) {
+        tavc_record::clear();
+        Bytes body = creds() + tlv(35, {1}) + text(301, stamp);
+        ASSERT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, body), 0) << stamp;
+        EXPECT_EQ(commands(), (std::vector<std::string>{command, "submit COMMIT",
+                                                         "submit TIME;submit CAPTIVAL_PORTAL"}))
+            << stamp;
+    }
+    EXPECT_EQ(stored("/time/syncwith"), "2");
+    EXPECT_EQ(stored("/tavclient/time_changed"), "1");
+    EXPECT_EQ(reply_tlvs(), be32(393, 0) + be32(394, 20000));
+}
+
+TEST_F(Admin, NtpServerValueIsCutAt255Bytes) {
+    // 255 bytes taken, the rest of the value read as records.
+    Bytes long_server(300, 'n');
+    Bytes tail = tlv(300, {0}) + be16(303, 32);
+    std::copy(tail.begin(), tail.end(), long_server.begin() + 255);
+    EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, creds() + tlv(36, long_server)), 0);
+    EXPECT_EQ(stored("/time/ntpserver/ip"), std::string(254, 'n'));
+    EXPECT_EQ(stored("/time/timezone"), "32");
+}
+
+// ---- account -------------------------------------------------------------------
+
+TEST_F(Admin, AccountChangeStoresDecodedValuesAndRestartsInAChild) {
+    lrgbin_store::put("/sys/first_init", "1");
+    lrgbin_store::put("/tavclient/time_changed", "1");
+    lrgbin_store::put("/runtime/layout/countrycode", "840");
+    Bytes body = text(50, "bmV3LWFk bWlu") + tlv(999, {1, 2, 3}) + text(51, "cGFzcwBoaWRkZW4=") + creds();
+    ASSERT_EQ(call(tav_change_ID_and_password, tav::kOpChangeIdPassword, body), 0);
+    EXPECT_EQ(reply_tlvs(), be32(393, 2) + be32(394, 20000));
+    EXPECT_EQ(stored("/sys/user:1/name"), "new-admin");
+    EXPECT_EQ(stored("/sys/user:1/password"), "pass");  // ends at the decoded NUL
+    EXPECT_EQ(stored("/tavclient/password_changed"), "1");
+    EXPECT_EQ(stored("/sys/first_init"), "0");  // the wizard went
+    ASSERT_EQ(tavc_record::launches().size(), 4u);
+    EXPECT_EQ(tavc_record::launches()[0].kind, tavc_record::LaunchKind::Fork);
+    EXPECT_EQ(commands(), (std::vector<std::string>{"", "submit COMMIT", "sh /etc/templates/webs.sh password",
+                                                     "sh /etc/templates/console.sh"}));
+
+    // Tag 54 is stepped over by its declared length here: a 2-byte value
+    // does not shift the next record.
+    tavc_record::clear();
+    Bytes body54 = tlv(54, {5, 0}) + text(50, "QUJD") + text(51, "QUJD") + text(55, "new-admin") + text(56, "pass");
+    EXPECT_EQ(call(tav_change_ID_and_password, tav::kOpChangeIdPassword, body54), 0);
+    EXPECT_EQ(stored("/sys/user:1/name"), "ABC");
+}
+
+// ---- reset -------------------------------------------------------------------
+
+TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
+    const Bytes delay = tlv(392, {0, 0, 0, 10, 0xEE}, 2);  // declared 2, four bytes taken
+    for (auto [handler, op, service] : {std::tuple(&tav_reset, tav::kOpReset, " submit FRESET_EX_IP"),
+                                         std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, " submit FRESET")}) {
+        tavc_record::clear();
+        // The byte after the four delay bytes is too short for a record.
+        ASSERT_EQ(call(handler, op, creds() + delay), 0);
+        EXPECT_EQ(reply_tlvs(), be32(393, 2) + be32(394, 300000));
+        ASSERT_EQ(tavc_record::launches().size(), 1u);
+        const auto &l = tavc_record::launches()[0];
+        EXPECT_EQ(std::tuple(l.kind, l.command, l.delay, l.fail_status),
+                  std::tuple(tavc_record::LaunchKind::Exec, "/usr/sbin/submit" + std::string(service), 10u, 6));
+    }
+}
+
+// ---- IPv4 and device information -----------------------------------------------
+
+TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {
+    Bytes ip = tlv(15, {192, 168, 0, 50, 0, 17, 0, 4}, 8);  // the last four bytes: a record head
+    Bytes after = Bytes{255, 255, 255, 0};                   // ...and its value (tag 17, netmask)
+    ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, creds() + ip + after), 0);
+    EXPECT_EQ(stored("/wan/rg/inf:1/static/ip"), "192.168.0.50");
+    EXPECT_EQ(stored("/wan/rg/inf:1/static/netmask"), "255.255.255.0");
+    EXPECT_EQ(stored("/wan/rg/inf:1/static/gateway"), "");
+    EXPECT_EQ(reply_tlvs(), tlv(388, {0}));
+    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "submit WAN; submit WLAN"}));
+
+    lrgbin_store::put("/wan/rg/inf:1/static/ip", "192.0.2.11");
+    ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, creds() + tlv(25, {5}) + be32(15, 0x0A000001)), 0);
+    EXPECT_EQ(std::tuple(stored("/wan/rg/inf:1/mode"), stored("/wan/rg/inf:1/modebak"),
+                         stored("/wan/rg/inf:1/static/ip"), stored("/runtime/wan/inf:1/tavmode")),
+              std::tuple("6", "6", "192.0.2.11", "1"));
+}
+
+TEST_F(Admin, DeviceInformationCutsTheNameAndRestartsTheWebServerOnlyForThePort) {
+    Bytes name(70, 'N');
+    Bytes rest = tlv(31, {0});  // bytes 64.. of the value, read as the next record
+    std::copy(rest.begin(), rest.end(), name.begin() + 64);
+    ASSERT_EQ(call(tav_set_device_information, tav::kOpSetDeviceInfo, creds() + tlv(31, {1}) + tlv(10, name)), 0);
+    EXPECT_EQ(stored("/sys/systemName"), std::string(63, 'N'));
+    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT"}));
+
+    tavc_record::clear();
+    ASSERT_EQ(call(tav_set_device_information, tav::kOpSetDeviceInfo, creds() + tlv(31, {1}) + be16(32, 8080)), 0);
+    EXPECT_EQ(stored("/sys/web/port"), "8080");
+    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "submit HTTPD"}));
+    EXPECT_EQ(reply_tlvs(), tlv(388, {0}));
+}
+
+}  // namespace
