@@ -13,17 +13,9 @@
 #include "tests/tavc/handler_fixture.h"
 
 using namespace fixture;
-using Strings = std::vector<std::string>;
-using Handler = int (*)(const uint8_t *, uint16_t, uint8_t *);
 
 namespace {
 
-std::string key(const char *k) {
-    return lrgbin_store::find(k).value_or("<unset>");
-}
-Bytes u8(uint16_t tag, uint8_t v) {
-    return tlv(tag, {v});
-}
 Bytes answer(uint8_t sub, uint8_t status) {
     return u8(0x0180, sub) + u8(0x0184, status);
 }
@@ -38,24 +30,11 @@ const Bytes kQuery = admin() + u8(0x0180, 2);
 
 }  // namespace
 
-// Engine::call() points tav_tmp_server at the fixture's own sender record;
-// the engine's record goes back before free_buff() releases it.
 class Maint : public Engine {
-   protected:
-    void SetUp() override {
-        Engine::SetUp();
-        own_sender_ = tav_tmp_server;
-    }
-    void TearDown() override {
-        tav_tmp_server = own_sender_;
-        Engine::TearDown();
-    }
+  protected:
     static Bytes profile(const std::string &uuid, const std::string &url, uint8_t interval = 9) {
         return text(47, uuid.c_str()) + text(48, url.c_str()) + u8(49, interval) + admin();
     }
-
-   private:
-    tav_server *own_sender_ = nullptr;
 };
 
 TEST_F(Maint, AgentProfileClearsRegistrationOnlyForANewIdentityWhileNotRunning) {
@@ -81,10 +60,10 @@ TEST_F(Maint, AgentProfileClearsRegistrationOnlyForANewIdentityWhileNotRunning) 
         lrgbin_store::put("/qm5_agent/ag_uuid", c.stored_uuid);
         lrgbin_store::put("/qm5_agent/nms_server", c.stored_url);
         ASSERT_EQ(call(tav_set_ag_profile, 0xE6, profile(c.uuid, c.url)), 0);
-        EXPECT_EQ(key("/qm5_agent/record_unmanaged"), c.cleared ? "0" : "7");
-        EXPECT_EQ(key("/qm5_agent/reg_pass"), c.cleared ? "0" : "7");
-        EXPECT_EQ(key("/qm5_agent/ag_uuid"), c.uuid);
-        EXPECT_EQ(key("/qm5_agent/nms_server"), c.url);
+        EXPECT_EQ(stored("/qm5_agent/record_unmanaged"), c.cleared ? "0" : "7");
+        EXPECT_EQ(stored("/qm5_agent/reg_pass"), c.cleared ? "0" : "7");
+        EXPECT_EQ(stored("/qm5_agent/ag_uuid"), c.uuid);
+        EXPECT_EQ(stored("/qm5_agent/nms_server"), c.url);
         EXPECT_EQ(same_uuid_and_url(c.uuid.c_str(), c.url.c_str()), 1);
     }
 }
@@ -94,10 +73,10 @@ TEST_F(Maint, AgentProfileCountsSyncVersionsAndWalksBySize) {
         lrgbin_store::put("/runtime/qm5_agent/tav_sync_version", before);
         ASSERT_EQ(call(tav_set_ag_profile, 0xE6, profile("50%s%n", "nms", 200)), 0);
         EXPECT_EQ(reply_tlvs(), (Bytes{0x01, 0x84, 0x00, 0x01, 0x00}));
-        EXPECT_EQ(key("/runtime/qm5_agent/tav_sync_version"), after) << before;
+        EXPECT_EQ(stored("/runtime/qm5_agent/tav_sync_version"), after) << before;
     }
-    EXPECT_EQ(key("/qm5_agent/ag_uuid"), "50%s%n");
-    EXPECT_EQ(key("/qm5_agent/keep_alive"), "200");
+    EXPECT_EQ(stored("/qm5_agent/ag_uuid"), "50%s%n");
+    EXPECT_EQ(stored("/qm5_agent/keep_alive"), "200");
     // Tag 49 moves the walk by 5 whatever its length says; tag 55 takes at
     // most 65 value bytes, the rest being the next record.
     ASSERT_EQ(
@@ -105,8 +84,8 @@ TEST_F(Maint, AgentProfileCountsSyncVersionsAndWalksBySize) {
              text(47, "g") + Bytes{0x00, 0x31, 0x00, 0x02, 0x21, 0x00, 0x30, 0x00, 0x02, 'n', 0} +
                  admin()),
         0);
-    EXPECT_EQ(key("/qm5_agent/keep_alive"), "33");
-    EXPECT_EQ(key("/qm5_agent/nms_server"), "n");
+    EXPECT_EQ(stored("/qm5_agent/keep_alive"), "33");
+    EXPECT_EQ(stored("/qm5_agent/nms_server"), "n");
     Bytes user(65, 0);
     std::memcpy(user.data(), "admin", 5);
     EXPECT_EQ(call(tav_set_ag_profile, 0xE6, tlv(55, user + text(56, "secret"))), 0);
@@ -170,7 +149,7 @@ TEST_F(Maint, UpgradeProgressMachine) {
         ASSERT_EQ(call(tav_firmware_upgrade, 0x100, c.body), 0);
         EXPECT_EQ(reply_tlvs(), c.reply);
         EXPECT_EQ(commands(), c.commands);
-        EXPECT_EQ(key(kFwUpgradeStatusKey), c.after);
+        EXPECT_EQ(stored(kFwUpgradeStatusKey), c.after);
         EXPECT_EQ(out(),
                   c.commands.empty() ? "" : "firmware upgrade:" + std::string(c.verdict) + "\n");
     }
@@ -181,7 +160,7 @@ TEST_F(Maint, UpgradeProgressMachine) {
     lrgbin_store::put(kUpdateVerdictKey, "FW_SUCCESS");
     ASSERT_EQ(call(tav_firmware_upgrade, 0x100, configure(0x0185, std::string(128, '\''))), 0);
     EXPECT_EQ(commands(), Strings{""});
-    EXPECT_EQ(key(kFwUpgradeStatusKey), "1");
+    EXPECT_EQ(stored(kFwUpgradeStatusKey), "1");
 }
 
 TEST_F(Maint, TransferRequestsComposeOneArgumentPerValue) {
@@ -290,7 +269,7 @@ TEST_F(Maint, RestoreRebootsOnlyAfterASuccessfulDownload) {
         lrgbin_store::put(kRestoreStatusKey, c.progress);
         ASSERT_EQ(call(tav_configuration_restore, 0x102, c.body), 0);
         EXPECT_EQ(commands(), c.commands);
-        EXPECT_EQ(key(kRestoreStatusKey), c.after);
+        EXPECT_EQ(stored(kRestoreStatusKey), c.after);
         // The reply carries the key as it is after the start.
         EXPECT_EQ(reply_tlvs(), answer(c.body == kQuery ? 2 : 1, uint8_t(std::stoi(c.after))));
     }
@@ -349,9 +328,9 @@ TEST_F(Maint, RefusalsChangeNothing) {
             EXPECT_EQ(call(h.handler, h.op, body, sender(1)), result);
             EXPECT_TRUE(reply_tlvs().empty());
             EXPECT_TRUE(tavc_record::launches().empty());
-            EXPECT_EQ(key("/qm5_agent/ag_uuid"), "g");
+            EXPECT_EQ(stored("/qm5_agent/ag_uuid"), "g");
             for (const char *k : {kFwUpgradeStatusKey, kBackupStatusKey, kRestoreStatusKey})
-                EXPECT_EQ(key(k), "1");
+                EXPECT_EQ(stored(k), "1");
         }
     }
 }
