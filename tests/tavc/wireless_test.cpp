@@ -20,12 +20,11 @@ struct Wireless : Engine {
             lrgbin_store::put("/wlan/inf:" + std::to_string(band) + "/ap_mode", "0");
             lrgbin_store::put("/wlan/inf:" + std::to_string(band) + "/multi/state", "1");
         }
-        lrgbin_store::put("/runtime/countrydomaintable:1/seq", "1");
-        lrgbin_store::put("/runtime/countrydomaintable:1/index", "82");
-        lrgbin_store::put("/runtime/countrydomaintable:1/code", "276");
-        lrgbin_store::put("/runtime/countrydomaintable:2/seq", "2");
-        lrgbin_store::put("/runtime/countrydomaintable:2/index", "233");
-        lrgbin_store::put("/runtime/countrydomaintable:2/code", "826");
+        for (auto [entry, index, code] : {std::tuple{"1", "82", "276"}, {"2", "233", "826"}}) {
+            const std::string e = std::string("/runtime/countrydomaintable:") + entry;
+            lrgbin_store::put(e + "/seq", entry), lrgbin_store::put(e + "/index", index);
+            lrgbin_store::put(e + "/code", code);
+        }
         lrgbin_store::put("/runtime/layout/countrycode", "276");
     }
 };
