@@ -2,40 +2,23 @@
 // upgrade, configuration backup and restore, and reboot, with the transfers
 // simulated by the lab's tftp and the reboots by its supervisor.
 #include <fstream>
-#include <sstream>
 
 #include "tests/e2e/e2e.h"
 
 namespace e2e {
 namespace {
 
-using tav::client::tlv_ipv4;
-using tav::client::tlv_text;
-using tav::client::tlv_u16;
-using tav::client::tlv_u32;
-using tav::client::tlv_u8;
-
 const std::string kFwStatus = "/runtime/tavclient/function/fw_upgrade/status";
 const std::string kBackupStatus = "/runtime/tavclient/function/tav_configuration_backup/status";
 const std::string kRestoreStatus = "/runtime/tavclient/function/tav_configuration_restore/status";
 
-TlvList admin() {
-    return {tlv_text(55, "admin"), tlv_text(56, "admin")};
-}
-TlvList operator+(TlvList a, const TlvList &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
+Bytes admin() { return text(55, "admin") + text(56, "admin"); }
 // A "Parameter configure" for `file` (under tag 0x185 or 0x186) on 192.0.2.1.
-TlvList configure(uint16_t file_tag, const std::string &file, bool server_type = true) {
-    TlvList t =
-        admin() + TlvList{tlv_u8(0x0180, 1), tlv_ipv4(0x0183, kMgrIp), tlv_text(file_tag, file)};
-    if (server_type) t.push_back(tlv_u8(0x0181, 1));
-    return t;
+Bytes configure(uint16_t file_tag, const std::string &file, bool server_type = true) {
+    Bytes b = admin() + u8(0x0180, 1) + tlv(0x0183, {192, 0, 2, 1}) + text(file_tag, file);
+    return server_type ? b + u8(0x0181, 1) : b;
 }
-TlvList query() {
-    return admin() + TlvList{tlv_u8(0x0180, 2)};
-}
+Bytes query() { return admin() + u8(0x0180, 2); }
 
 // The reply body of a transfer, as hex: SUBSERVICE_TYPE, REPLY_STATUS and,
 // for a failed upgrade, the failure text with its NUL.
@@ -61,25 +44,16 @@ class MaintSuite : public LabSuite<Self> {
 
     // Sends and returns the reply's result code and body (hex); fails the
     // test when no reply comes.
-    std::pair<int, std::string> ask(uint16_t op, const TlvList &tlvs) {
-        auto m = lab().udp().request_one(op, tlvs, 3s);
-        EXPECT_TRUE(m) << "no reply to op " << op << ": " << (m ? "" : m.error());
+    std::pair<int, std::string> ask(uint16_t op, const Bytes &body) {
+        Client c = lab().udp();
+        auto m = send_body(c, op, body);
+        EXPECT_TRUE(m) << "no reply to op " << op;
         if (!m) return {-1, ""};
         return {m->result(), body_hex(*m)};
     }
-    // The device commands recorded since clear_events(), without the
-    // tests' own database reads and writes.
-    std::vector<std::string> events() {
-        std::vector<std::string> out;
-        std::istringstream in(slurp(lab().run_file(1, "events.log")));
-        for (std::string line; std::getline(in, line);) {
-            line = line.substr(0, line.rfind('\t'));
-            if (line.rfind("rgdb -g ", 0) == 0 || line.rfind("rgdb -s ", 0) == 0) continue;
-            out.push_back(line);
-        }
-        return out;
-    }
-    void clear_events() { std::ofstream(lab().run_file(1, "events.log"), std::ios::trunc); }
+    // The device commands recorded since clear_events().
+    std::vector<std::string> events() { return ev_ ? ev_->lines() : Lines{}; }
+    void clear_events() { ev_.emplace(lab(), 1); }
     void put_file(const std::string &name, const std::string &text) {
         std::ofstream(lab().run_file(1, name), std::ios::trunc) << text;
     }
@@ -102,6 +76,7 @@ class MaintSuite : public LabSuite<Self> {
         EXPECT_TRUE(tap.next(own(tav::kOpBye), bye_within)) << "no bye";
         expect_hello(tap);
     }
+    std::optional<Events> ev_;
 };
 
 #define MAINT_SUITE(Name, code)                     \
@@ -192,7 +167,7 @@ TEST_F(Transfers, BackupThenRestoreRestartsWithTheSavedConfiguration) {
     clear_events();
 
     // Backup: the server type may be left out; 2 while the upload runs, then 0.
-    EXPECT_EQ(ask(0x101, configure(0x186, "ap1.cfg", false) + TlvList{tlv_u16(0x18C, 69)}),
+    EXPECT_EQ(ask(0x101, configure(0x186, "ap1.cfg", false) + be16(0x18C, 69)),
               std::pair(0, transfer_reply(1, 2)));
     EXPECT_EQ(ask(0x101, configure(0x186, "again.cfg")), std::pair(0, transfer_reply(1, 2)));
     EXPECT_EQ(ask(0x101, query()), std::pair(0, transfer_reply(2, 2)));
@@ -251,8 +226,8 @@ TEST_F(Transfers, FailuresEndBackupAtZeroAndRestoreAtOneWithoutReboot) {
 
 MAINT_SUITE(Agent, "agt");
 
-TlvList profile(const std::string &uuid, const std::string &url, uint8_t interval) {
-    return TlvList{tlv_text(47, uuid), tlv_text(48, url), tlv_u8(49, interval)} + admin();
+Bytes profile(const std::string &uuid, const std::string &url, uint8_t interval) {
+    return text(47, uuid) + text(48, url) + u8(49, interval) + admin();
 }
 const std::pair<int, std::string> kProfileAccepted{0, "0184000100"};
 
@@ -320,11 +295,11 @@ TEST_F(Agent, RunningAgentLocksTransfersButNotProfileOrReboot) {
     Client mgr = lab().udp();
     for (uint16_t op : {0x100, 0x101, 0x102}) {
         SCOPED_TRACE(op);
-        EXPECT_FALSE(mgr.request_one(op, query(), 1s)) << "a locked op code was answered";
+        EXPECT_FALSE(send_body(mgr, op, query(), 1s)) << "a locked op code was answered";
     }
     // Served: the profile, and reboot (refused here by its password).
     EXPECT_EQ(ask(0xE6, profile("g", "n", 3)), kProfileAccepted);
-    EXPECT_EQ(ask(0x103, {tlv_text(55, "admin"), tlv_text(56, "x")}),
+    EXPECT_EQ(ask(0x103, text(55, "admin") + text(56, "x")),
               std::pair(0x40, std::string()));
     const std::string notices = out();
     size_t count = 0;
@@ -344,11 +319,11 @@ TEST_F(Reboot, AnswersAtOnceAndRebootsAfterTheDelay) {
     const std::string answer = "0189000400000002018a0004000493e0";
     const struct {
         const char *name;
-        TlvList tlvs;
+        Bytes tlvs;
         std::chrono::seconds delay;
     } cases[] = {
         {"no delay", admin(), 0s},
-        {"delay 2", TlvList{tlv_u32(0x188, 2)} + admin(), 2s},
+        {"delay 2", be32(0x188, 2) + admin(), 2s},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

@@ -11,21 +11,6 @@ namespace {
 
 using namespace tav::client;
 
-// ---- requests as bytes, so that walk cases can bend the lengths ----------
-
-Bytes operator+(Bytes a, const Bytes &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-Bytes tlv(uint16_t tag, Bytes value, int declared = -1) {
-    Bytes b{uint8_t(tag >> 8), uint8_t(tag), 0, 0};
-    tav::put_be16(b.data() + 2, uint16_t(declared < 0 ? value.size() : size_t(declared)));
-    return b + value;
-}
-Bytes text(uint16_t tag, const std::string &s) { return tlv(tag, Bytes(s.begin(), s.end()) + Bytes{0}); }
-Bytes str(const std::string &s) { return Bytes(s.begin(), s.end()); }  // no NUL
-Bytes u8(uint16_t tag, uint8_t v) { return tlv(tag, {v}); }
-Bytes be16(uint16_t tag, uint16_t v) { return tlv(tag, {uint8_t(v >> 8), uint8_t(v)}); }
 Bytes admin() { return text(55, "admin") + text(56, "admin"); }
 Bytes wrong_password() { return text(55, "admin") + text(56, "nimda"); }
 
@@ -49,11 +34,6 @@ struct Group {
     }
 };
 
-std::string listing(const TlvList &tlvs) {
-    std::string s;
-    for (const auto &r : tlvs) s += std::to_string(r.tag) + "=" + hex(r.value) + "\n";
-    return s;
-}
 Record rec(uint16_t tag, Bytes v) { return Record{tag, std::move(v)}; }
 const TlvList kSetReply{tlv_u32(393, 2), tlv_u32(394, 60000), tlv_u32(395, 0)};
 
@@ -61,7 +41,7 @@ const TlvList kSetReply{tlv_u32(393, 2), tlv_u32(394, 60000), tlv_u32(395, 0)};
 // it ran (the stub calls of events.log, without the tests' own rgdb calls).
 class Ap {
   public:
-    explicit Ap(const Lab &lab) : lab_(lab) {}
+    explicit Ap(const Lab &lab) : lab_(lab), ev_(lab, 1) {}
     std::string get(const std::string &key) const { return lab_.db_get(1, key); }
     int num(const std::string &key, size_t width = 30) const {
         return std::atoi(get(key).substr(0, width).c_str());
@@ -73,25 +53,13 @@ class Ap {
         for (const auto &[k, v] : kv) set(k, v);
     }
     // Marks the event log: commands() lists what came after.
-    void mark() { mark_ = slurp(lab_.run_file(1, "events.log")).size(); }
-    std::vector<std::string> commands() const {
-        std::vector<std::string> out;
-        std::string all = slurp(lab_.run_file(1, "events.log")).substr(mark_);
-        for (size_t p = 0, e; (e = all.find('\n', p)) != std::string::npos; p = e + 1) {
-            std::string line = all.substr(p, all.find('\t', p) - p);
-            if (!line.starts_with("rgdb ")) out.push_back(line);
-        }
-        return out;
-    }
-    // Waits for the commands a child process starts after the reply.
-    std::vector<std::string> commands_when(size_t n) const {
-        until([&] { return commands().size() >= n; }, 5s);
-        return commands();
-    }
+    void mark() { ev_.mark(); }
+    std::vector<std::string> commands() const { return ev_.lines(); }
+    std::vector<std::string> commands_when(size_t n) const { return ev_.wait(n); }
 
   private:
     const Lab &lab_;
-    size_t mark_ = 0;
+    Events ev_;
 };
 
 // Every test starts from the profile, with the counters held still.
@@ -110,23 +78,15 @@ struct WirelessSuite : LabSuite<Self> {
     // A request body as it is, over raw Ethernet from `from` (a manager MAC).
     Message ask(uint16_t op, const Bytes &body, std::optional<Mac> from = {}) {
         Client c = this->lab().raw(from);
-        tav::Header h = request_header(false, op, c.next_sequence());
-        h.body_length = uint16_t(body.size());
-        Bytes p(h.size());
-        tav::encode_header(h, p.data());
-        p = p + body;
-        EXPECT_TRUE(c.send_plaintext(p));
-        auto got = c.collect(h.sequence, op, 3s, 1);
-        if (got.empty()) {
+        auto got = send_body(c, op, body);
+        if (!got) {
             ADD_FAILURE() << "no reply to op " << op;
             return Message{};
         }
-        EXPECT_EQ(got[0].header->body_length, [&] {
-            size_t n = 0;
-            for (const auto &r : got[0].tlvs) n += 4 + r.value.size();
-            return n;
-        }());
-        return got[0];
+        size_t n = 0;
+        for (const auto &r : got->tlvs) n += 4 + r.value.size();
+        EXPECT_EQ(got->header->body_length, n);
+        return *got;
     }
     Ap ap{LabSuite<Self>::lab()};
     std::function<std::string()> out;

@@ -21,9 +21,6 @@ namespace {
 std::string key(const char *k) {
     return lrgbin_store::find(k).value_or("<unset>");
 }
-Bytes u8(uint16_t tag, uint8_t v) {
-    return tlv(tag, {v});
-}
 Bytes answer(uint8_t sub, uint8_t status) {
     return u8(0x0180, sub) + u8(0x0184, status);
 }

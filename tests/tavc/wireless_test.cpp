@@ -23,7 +23,6 @@ Tlvs parse(const Bytes &b) {
     return out;
 }
 std::string db(const std::string &key) { return lrgbin_store::find(key).value_or("<none>"); }
-Bytes u8(uint16_t tag, uint8_t v) { return tlv(tag, {v}); }
 
 struct Wireless : Engine {
     void SetUp() override {
