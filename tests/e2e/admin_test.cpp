@@ -16,6 +16,11 @@ using namespace tav::client;
 Bytes creds(const std::string &user = "admin", const std::string &pw = "admin") {
     return text(55, user) + text(56, pw);
 }
+// An 80-byte user value whose bytes from 65 on are records of their own.
+Bytes name80() {
+    Bytes b(65, 0);
+    return b + text(55, "admin") + u8(999, 0);
+}
 
 // Manager A holds `op` with precedence 9 (its request fails authentication,
 // so nothing else happens); a request of the lab's manager with precedence
@@ -40,9 +45,6 @@ E2E_SUITE(AdminRefusals, "refu", 1, "");
 TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
     const Bytes account = text(50, "bmV3LWFkbWlu") + text(51, "bjN3IHBhc3Ml");
     const Bytes wrong = creds("admin", "wrong");
-    Bytes name80(80, 0);  // 0xAA takes all 80 bytes, so the name is wrong
-    const Bytes inner = text(55, "admin") + u8(999, 0);
-    std::copy(inner.begin(), inner.end(), name80.begin() + 65);
     const struct {
         uint16_t op;
         const char *what;
@@ -57,7 +59,7 @@ TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
         {0xA4, "no new password", text(50, "QUJD") + creds(), 1011},
         {0xA4, "seven characters", text(50, "QUJD") + text(51, "QUJDQUJ") + creds(), 1011},
         {0xAA, "wrong password", wrong + be32(392, 0), 0x40},
-        {0xAA, "80-byte user name", tlv(55, name80) + text(56, "admin"), 0x40},
+        {0xAA, "80-byte user name: takes all 80", tlv(55, name80()) + text(56, "admin"), 0x40},
         {0xAB, "wrong password", wrong, 0x40},
         {0xD4, "wrong password", u8(39, 0) + text(40, "new") + wrong, 0x40},
         {0xD4, "unsupported tag", u8(39, 0) + text(40, "new") + u8(44, 1) + creds(), 0x40},
@@ -156,17 +158,14 @@ E2E_SUITE(Reset, "rst", 1, "");
 // Both resets answer at once, run "submit" after the delay in a child and
 // bring the access point back (simulated reboot) with the kept keys.
 TEST_F(Reset, ResetsRunAfterTheirDelayAndKeepWhatTheyShould) {
-    // 0xAB takes 65 bytes of an 80-byte name and reads the real one from the
-    // rest; the delay's length field says 2, and four bytes count.
-    Bytes name80(80, 0);
-    const Bytes inner = text(55, "admin") + u8(999, 0);
-    std::copy(inner.begin(), inner.end(), name80.begin() + 65);
+    // 0xAB takes 65 bytes of the 80-byte name and reads the real one from
+    // the rest; the delay's length field says 2, and four bytes count.
     const struct {
         uint16_t op;
         Bytes body;
         const char *command, *wan_mode_after;
     } cases[] = {
-        {tav::kOpResetFactory, tlv(55, name80) + text(56, "admin") + tlv(392, {0, 0, 0, 2, 0}, 2), "submit FRESET",
+        {tav::kOpResetFactory, tlv(55, name80()) + text(56, "admin") + tlv(392, {0, 0, 0, 2, 0}, 2), "submit FRESET",
          "1"},
         {tav::kOpReset, creds() + be32(392, 2), "submit FRESET_EX_IP", "2"},
     };

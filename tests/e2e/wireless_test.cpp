@@ -385,9 +385,6 @@ TEST_F(Radio, InformationMatchesTheDatabase) {
         {{{"/wlan/inf:1/enable", "2"}, {"/wlan/inf:1/wlmode", "2"}, {"/wlan/inf:2/wlmode", "2"},
           {"/runtime/layout/countrycode", "840"}},
          2, 6, 1, 234},
-        {{{"/wlan/inf:2/ap_mode", "1"}, {"/wlan/inf:1/wlmode", "9"}, {"/wlan/inf:2/wlmode", "1"},
-          {"/runtime/layout/countrycode", "392"}},
-         1, 8, 9, 110},
     };
     for (const auto &row : rows) {
         ASSERT_EQ(lab().on_ap(1, "rgdb -l /usr/lib/tavlab/profile").status, 0);
@@ -583,7 +580,7 @@ TEST_F(ApArray, SettingsReadAndReplacedWhole) {
     }
 }
 
-TEST_F(ApArray, DeviceListRefreshesThenListsMembersBeforeUnmanaged) {
+TEST_F(ApArray, DeviceListRefreshesThenListsMembersBeforeUnmanagedAndApprovalsJoin) {
     auto member = [](const char *name, uint8_t last, uint8_t status) {
         return TlvList{tlv_u16(502, 0xFFFF), tlv_u8(944, 0), tlv_text(8, "QAP-2230"),
                        tlv_text(9, name), tlv_mac(14, {2, 0x7a, 0x76, 0, 0, last}),
@@ -619,6 +616,18 @@ TEST_F(ApArray, DeviceListRefreshesThenListsMembersBeforeUnmanaged) {
         EXPECT_EQ(ap.commands(),
                   (std::vector<std::string>{"submit GET_PENDING_LIST", "submit GET_MEMBERAP_LIST"}));
     }
+    // An unmanaged access point approved into the array is a member from the
+    // next refresh on.
+    ASSERT_EQ(ask(tav::kOpSetApArrayMemberList, admin() + tlv(14, {0, 0, 0x5e, 0, 0x53, 0xa2}) + u8(946, 1))
+                  .result(),
+              0);
+    Message m = ask(tav::kOpGetApArrayDeviceList, u8(943, 3));
+    std::vector<std::string> listed;
+    for (size_t i = 0; i + 4 < m.tlvs.size(); ++i)
+        if (m.tlvs[i].tag == 502)
+            listed.push_back(std::to_string(m.tlvs[i + 1].value[0]) + " " + format_mac(m.tlvs[i + 4].value));
+    EXPECT_EQ(listed, (std::vector<std::string>{"0 02:7a:76:00:00:02", "0 02:7a:76:00:00:03",
+                                                "0 00:00:5e:00:53:a2", "1 00:00:5e:00:53:a1"}));
 }
 
 // Actions run only once the request is authenticated, in request order.
@@ -649,23 +658,6 @@ TEST_F(ApArray, MemberActionsWaitForAuthentication) {
         EXPECT_EQ(m.tlvs, row.result ? TlvList{} : kSetReply);
         EXPECT_EQ(ap.commands(), row.commands);
     }
-}
-
-// An unmanaged access point approved into the array is listed as a member
-// from the next refresh on.
-TEST_F(ApArray, ApprovedAccessPointJoinsTheMembers) {
-    ASSERT_EQ(ask(tav::kOpSetApArrayMemberList, admin() + tlv(14, {0, 0, 0x5e, 0, 0x53, 0xa2}) +
-                                                    u8(946, 1))
-                  .result(),
-              0);
-    Message m = ask(tav::kOpGetApArrayDeviceList, u8(943, 3));
-    std::vector<std::string> listed;
-    for (size_t i = 0; i + 4 < m.tlvs.size(); ++i)
-        if (m.tlvs[i].tag == 502)
-            listed.push_back(std::to_string(m.tlvs[i + 1].value[0]) + " " +
-                             format_mac(m.tlvs[i + 4].value));
-    EXPECT_EQ(listed, (std::vector<std::string>{"0 02:7a:76:00:00:02", "0 02:7a:76:00:00:03",
-                                                "0 00:00:5e:00:53:a2", "1 00:00:5e:00:53:a1"}));
 }
 
 // The manager tool sends what it is told and the device's current values for
