@@ -284,8 +284,10 @@ TEST_F(Ssid, SetRowsWriteTheirKeysOrStopAtTheFirstFailure) {
         const char *printed = nullptr;  // checked when set
     } rows[] = {
         // refusals
-        {"index above 7", admin() + with(weak, [](Group &g) { g.index = 8; }) + good.bytes(), 65535,
-         {{m2 + "ssid", "Applied-First"}, {m2 + "state", "1"}}, faild.c_str()},
+        // a group that is otherwise valid, so nothing but its index refuses it
+        {"index above 7", admin() + Group(8, 1, "Eight").bytes() + good.bytes(), 65535,
+         {{m2 + "ssid", "Applied-First"}, {m2 + "state", "1"}, {"/wlan/inf:1/multi/index:8/ssid", ""}},
+         faild.c_str()},
         {"code above 12", admin() + with(weak, [](Group &g) { g.auth = 13; }), 206,
          {{i1 + "ssid", "Weak"}, {i1 + "auth", "0"}}, "set_auth_type failed!\nset_ssid_info faild\n"},
         {"RADIUS address type", admin() + with(weak, [](Group &g) {
