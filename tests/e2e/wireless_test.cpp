@@ -387,6 +387,9 @@ TEST_F(Radio, InformationMatchesTheDatabase) {
         {{{"/wlan/inf:1/enable", "2"}, {"/wlan/inf:1/wlmode", "2"}, {"/wlan/inf:2/wlmode", "2"},
           {"/runtime/layout/countrycode", "840"}},
          2, 6, 1, 234},
+        {{{"/wlan/inf:2/ap_mode", "1"}, {"/wlan/inf:1/wlmode", "9"}, {"/wlan/inf:2/wlmode", "1"},
+          {"/runtime/layout/countrycode", "392"}},
+         1, 8, 9, 110},  // band 2 no access point: its status bit clear
     };
     for (const auto &row : rows) {
         ASSERT_EQ(lab().on_ap(1, "rgdb -l /usr/lib/tavlab/profile").status, 0);
