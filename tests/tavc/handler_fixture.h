@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "lrgbin/rgdb_store.h"
+#include "tests/support/tlv_bytes.h"
 #include "proto/wire.h"
 #include "tavc/handlers.h"
 #include "tavc/record/record.h"
@@ -79,25 +80,8 @@ class Engine : public ::testing::Test {
 
 namespace fixture {
 
-inline Bytes operator+(Bytes a, const Bytes &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
+using namespace testbytes;
 
-// A TLV record as given (declared length = value size unless set).
-inline Bytes tlv(uint16_t tag, Bytes value, int declared = -1) {
-    Bytes b{uint8_t(tag >> 8), uint8_t(tag), 0, 0};
-    tav::put_be16(b.data() + 2, uint16_t(declared < 0 ? value.size() : size_t(declared)));
-    b.insert(b.end(), value.begin(), value.end());
-    return b;
-}
-// Text with its NUL, as managers send it.
-inline Bytes text(uint16_t tag, const char *s) { return tlv(tag, Bytes(s, s + strlen(s) + 1)); }
-inline Bytes u8(uint16_t tag, uint8_t v) { return tlv(tag, {v}); }
-inline Bytes be16(uint16_t tag, uint16_t v) { return tlv(tag, {uint8_t(v >> 8), uint8_t(v)}); }
-inline Bytes be32(uint16_t tag, uint32_t v) {
-    return tlv(tag, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
-}
 // Credentials of the fixture's administrator (tags 55 and 56).
 inline Bytes admin() { return text(55, "admin") + text(56, "secret"); }
 
