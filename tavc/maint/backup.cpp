@@ -49,10 +49,7 @@ void upload_child(void *arg) {
     binary__rgdb_set_(kBackupStatusKey, 0);
 }
 
-struct Source {
-    const char *server;
-    const char *file_name;
-};
+using maint::Source;
 
 // In the child: download; success reboots into the restored configuration.
 void restore_child(void *arg) {

@@ -27,6 +27,12 @@ struct Transfer {
     char file_name[kFileNameMax + 1];
 };
 
+// What a transfer's child fetches or sends, and from or to where.
+struct Source {
+    const char *server;
+    const char *file_name;
+};
+
 // SERVER_IP_ADDR: four bytes in network order become dotted text; a value of
 // any other length is ignored.
 inline Step take_server_address(void *req, uint16_t, const uint8_t *v, uint16_t taken) {

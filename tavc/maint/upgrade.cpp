@@ -32,10 +32,7 @@ constexpr TlvRequest<Transfer> kUpgrade{
 
 enum FwProgress : uint8_t { kIdle = 0, kFailed = 1, kRunning = 2, kDone = 3 };
 
-struct Source {
-    const char *server;
-    const char *file_name;
-};
+using maint::Source;
 
 // In the child: fetch and install, then record the verdict the tool left.
 void upgrade_child(void *arg) {

@@ -3,6 +3,7 @@
 // byte for byte with the database and the commands the stubs recorded;
 // every refusal the wire can reach (the parameter check cannot fail for a
 // received request); the walk sizes that differ between handlers.
+#include <fstream>
 #include <map>
 
 #include "tests/e2e/e2e.h"
@@ -12,78 +13,14 @@ namespace {
 
 using namespace tav::client;
 
-// ---- request bodies byte by byte -----------------------------------------------
-
-Bytes operator+(Bytes a, const Bytes &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-// A record as given: declared length = value size unless set.
-Bytes rec(uint16_t tag, Bytes value, int declared = -1) {
-    Bytes b{uint8_t(tag >> 8), uint8_t(tag), 0, 0};
-    tav::put_be16(b.data() + 2, uint16_t(declared < 0 ? value.size() : size_t(declared)));
-    return b + value;
-}
-Bytes text(uint16_t tag, const std::string &s) { return rec(tag, Bytes(s.begin(), s.end()) + Bytes{0}); }
-Bytes u8(uint16_t tag, uint8_t v) { return rec(tag, {v}); }
-Bytes be16(uint16_t tag, uint16_t v) { return rec(tag, {uint8_t(v >> 8), uint8_t(v)}); }
-Bytes be32(uint16_t tag, uint32_t v) {
-    return rec(tag, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
-}
 Bytes creds(const std::string &user = "admin", const std::string &pw = "admin") {
     return text(55, user) + text(56, pw);
 }
-
-// Records of a reply as "tag=hex" lines.
-std::string listing(const std::vector<Record> &tlvs) {
-    std::string s;
-    for (const auto &r : tlvs) s += std::to_string(r.tag) + "=" + hex(r.value) + "\n";
-    return s;
+// An 80-byte user value whose bytes from 65 on are records of their own.
+Bytes name80() {
+    Bytes b(65, 0);
+    return b + text(55, "admin") + u8(999, 0);
 }
-
-// Sends `body` as it is (raw path, broadcast) and returns the reply.
-std::optional<Message> ask(Client &c, uint16_t op, const Bytes &body, std::chrono::milliseconds wait = 3s) {
-    static uint16_t seq = 0x5100;
-    tav::Header h = request_header(c.ipv4(), op, ++seq);
-    h.body_length = uint16_t(body.size());
-    Bytes p(h.size());
-    tav::encode_header(h, p.data());
-    p = p + body;
-    if (!c.send_plaintext(p)) return std::nullopt;
-    auto got = c.collect(seq, op, wait, 1);
-    if (got.empty()) return std::nullopt;
-    return got[0];
-}
-
-// The stub commands an access point ran from now on, without their times.
-class Events {
-  public:
-    Events(const Lab &lab, int ap) : path_(lab.run_file(ap, "events.log")), start_(slurp(path_).size()) {}
-    std::vector<std::string> lines() const {
-        std::vector<std::string> out;
-        std::string all = slurp(path_);
-        std::string s = all.size() >= start_ ? all.substr(start_) : all;
-        for (size_t at = 0; at < s.size();) {
-            size_t nl = s.find('\n', at);
-            if (nl == std::string::npos) break;
-            std::string line = s.substr(at, nl - at);
-            if (!line.starts_with("rgdb "))  // the test's own reads
-                out.push_back(line.substr(0, line.find('\t')));
-            at = nl + 1;
-        }
-        return out;
-    }
-    // Waits until `n` commands were recorded (or 5 s passed).
-    std::vector<std::string> wait(size_t n, std::chrono::milliseconds limit = 5s) const {
-        until([&] { return lines().size() >= n; }, limit);
-        return lines();
-    }
-
-  private:
-    std::string path_;
-    size_t start_;
-};
-using Lines = std::vector<std::string>;
 
 // Manager A holds `op` with precedence 9 (its request fails authentication,
 // so nothing else happens); a request of the lab's manager with precedence
@@ -93,10 +30,10 @@ struct Holder {
     Client a;
     uint16_t op;
     Holder(const Lab &lab, uint16_t op_code) : a(lab.raw(kOtherManager)), op(op_code) {
-        auto r = ask(a, op, u8(54, 9) + creds("admin", "not-the-password"));
+        auto r = send_body(a, op, u8(54, 9) + creds("admin", "not-the-password"));
         EXPECT_TRUE(r && r->result() == 0x40) << "holder's claim";
     }
-    ~Holder() { EXPECT_TRUE(ask(a, tav::kOpBye, {})); }
+    ~Holder() { EXPECT_TRUE(send_body(a, tav::kOpBye, {})); }
 };
 
 // ---- refusals --------------------------------------------------------------------
@@ -108,9 +45,6 @@ E2E_SUITE(AdminRefusals, "refu", 1, "");
 TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
     const Bytes account = text(50, "bmV3LWFkbWlu") + text(51, "bjN3IHBhc3Ml");
     const Bytes wrong = creds("admin", "wrong");
-    Bytes name80(80, 0);  // 0xAA takes all 80 bytes, so the name is wrong
-    const Bytes inner = text(55, "admin") + u8(999, 0);
-    std::copy(inner.begin(), inner.end(), name80.begin() + 65);
     const struct {
         uint16_t op;
         const char *what;
@@ -125,16 +59,16 @@ TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
         {0xA4, "no new password", text(50, "QUJD") + creds(), 1011},
         {0xA4, "seven characters", text(50, "QUJD") + text(51, "QUJDQUJ") + creds(), 1011},
         {0xAA, "wrong password", wrong + be32(392, 0), 0x40},
-        {0xAA, "80-byte user name", rec(55, name80) + text(56, "admin"), 0x40},
+        {0xAA, "80-byte user name: takes all 80", tlv(55, name80()) + text(56, "admin"), 0x40},
         {0xAB, "wrong password", wrong, 0x40},
         {0xD4, "wrong password", u8(39, 0) + text(40, "new") + wrong, 0x40},
         {0xD4, "unsupported tag", u8(39, 0) + text(40, "new") + u8(44, 1) + creds(), 0x40},
-        {0xD4, "unsupported tag first", rec(1000, {}) + u8(39, 0) + creds(), 0x40},
+        {0xD4, "unsupported tag first", tlv(1000, {}) + u8(39, 0) + creds(), 0x40},
         {0xE1, "wrong password", u8(25, 1) + wrong, 0x40},
         {0xE1, "address mode 1", u8(25, 1) + u8(12, 1) + creds(), 0x40},
         {0xE1, "address mode 1 then 0", u8(12, 1) + u8(12, 0) + u8(25, 1) + creds(), 0x40},
-        {0xE1, "unknown tag 14", u8(25, 1) + rec(14, {1, 2, 3, 4, 5, 6}) + creds(), 0x40},
-        {0xE1, "unknown tag, wrong password", rec(14, {}) + wrong, 0x40},
+        {0xE1, "unknown tag 14", u8(25, 1) + tlv(14, {1, 2, 3, 4, 5, 6}) + creds(), 0x40},
+        {0xE1, "unknown tag, wrong password", tlv(14, {}) + wrong, 0x40},
         {0xE3, "wrong password", u8(31, 0) + text(10, "x") + wrong, 0x40},
         {0xE5, "loopback server, wrong password", text(36, "127.0.0.1") + wrong, 105},
         {0xE5, "loopback in a daylight-saving request", u8(300, 1) + text(36, "127.0.0.1") + creds(), 105},
@@ -151,7 +85,7 @@ TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
     Events ev(lab(), 1);
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(tav::client::format_op_code(c.op)) + " " + c.what);
-        auto r = ask(mgr, c.op, c.body);
+        auto r = send_body(mgr, c.op, c.body);
         ASSERT_TRUE(r);
         EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(c.result, size_t(0)));
     }
@@ -162,7 +96,7 @@ TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
     for (const auto &[op, code] : held) {
         SCOPED_TRACE(tav::client::format_op_code(op));
         Holder a(lab(), op);
-        auto r = ask(mgr, op, u8(54, 3) + account + u8(31, 0) + text(10, "x") + text(36, "ntp.other") + creds());
+        auto r = send_body(mgr, op, u8(54, 3) + account + u8(31, 0) + text(10, "x") + text(36, "ntp.other") + creds());
         ASSERT_TRUE(r);
         EXPECT_EQ(std::tuple(r->result(), r->tlvs.size()), std::tuple(code, size_t(0)));
     }
@@ -180,7 +114,7 @@ TEST_F(Account, NewAccountWorksAtOnceAndServicesRestartAfterTheReply) {
     Client mgr = lab().raw();
     Events ev(lab(), 1);
     // Blanks inside the base64 text and an unknown record are skipped.
-    auto r = ask(mgr, tav::kOpChangeIdPassword,
+    auto r = send_body(mgr, tav::kOpChangeIdPassword,
                  u8(54, 5) + text(50, "bmV3 LWFk\nbWlu") + text(999, "x") + text(51, "bjN3IHBhc3Ml") + creds());
     ASSERT_TRUE(r);
     EXPECT_EQ(r->result(), 0);
@@ -198,21 +132,21 @@ TEST_F(Account, NewAccountWorksAtOnceAndServicesRestartAfterTheReply) {
               "new-admin/n3w pass%/1");
     EXPECT_NE(slurp(lab().run_file(1, "xmldb.state")).find("/sys/user:1/name new-admin\n"), std::string::npos);
 
-    auto now = ask(mgr, tav::kOpUserVerification, creds("new-admin", "n3w pass%"));
-    auto old = ask(mgr, tav::kOpUserVerification, creds());
+    auto now = send_body(mgr, tav::kOpUserVerification, creds("new-admin", "n3w pass%"));
+    auto old = send_body(mgr, tav::kOpUserVerification, creds());
     ASSERT_TRUE(now && old);
     EXPECT_EQ(std::tuple(now->result(), listing(now->tlvs)), std::tuple(0, std::string("52=01000000\n")));
     EXPECT_EQ(old->result(), 0x40);
 
     // 32 characters are stored whole; verification reads back 31.
     const std::string p32(32, 'p');
-    auto longer = ask(mgr, tav::kOpChangeIdPassword,
+    auto longer = send_body(mgr, tav::kOpChangeIdPassword,
                       text(50, "bmV3LWFkbWlu") + text(51, "cHBwcHBwcHBwcHBwcHBwcHBwcHBwcHBwcHBwcHBwcHA=") +
                           creds("new-admin", "n3w pass%"));
     ASSERT_TRUE(longer);
     EXPECT_EQ(longer->result(), 0);
     EXPECT_EQ(lab().db_get(1, "/sys/user:1/password"), p32);
-    auto locked = ask(mgr, tav::kOpUserVerification, creds("new-admin", p32));
+    auto locked = send_body(mgr, tav::kOpUserVerification, creds("new-admin", p32));
     ASSERT_TRUE(locked);
     EXPECT_EQ(locked->result(), 0x40);
 }
@@ -224,17 +158,14 @@ E2E_SUITE(Reset, "rst", 1, "");
 // Both resets answer at once, run "submit" after the delay in a child and
 // bring the access point back (simulated reboot) with the kept keys.
 TEST_F(Reset, ResetsRunAfterTheirDelayAndKeepWhatTheyShould) {
-    // 0xAB takes 65 bytes of an 80-byte name and reads the real one from the
-    // rest; the delay's length field says 2, and four bytes count.
-    Bytes name80(80, 0);
-    const Bytes inner = text(55, "admin") + u8(999, 0);
-    std::copy(inner.begin(), inner.end(), name80.begin() + 65);
+    // 0xAB takes 65 bytes of the 80-byte name and reads the real one from
+    // the rest; the delay's length field says 2, and four bytes count.
     const struct {
         uint16_t op;
         Bytes body;
         const char *command, *wan_mode_after;
     } cases[] = {
-        {tav::kOpResetFactory, rec(55, name80) + text(56, "admin") + rec(392, {0, 0, 0, 2, 0}, 2), "submit FRESET",
+        {tav::kOpResetFactory, tlv(55, name80()) + text(56, "admin") + tlv(392, {0, 0, 0, 2, 0}, 2), "submit FRESET",
          "1"},
         {tav::kOpReset, creds() + be32(392, 2), "submit FRESET_EX_IP", "2"},
     };
@@ -246,7 +177,7 @@ TEST_F(Reset, ResetsRunAfterTheirDelayAndKeepWhatTheyShould) {
         const std::string boots = lab().on_ap(1, "cat /var/run/boot_count").out;
         Events ev(lab(), 1);
         const auto sent = Clock::now();
-        auto r = ask(mgr, c.op, c.body);
+        auto r = send_body(mgr, c.op, c.body);
         ASSERT_TRUE(r);
         EXPECT_LT(Clock::now() - sent, 1500ms) << "answered at once";
         EXPECT_EQ(r->result(), 0);
@@ -278,7 +209,7 @@ TEST_F(Snmp, GetReportsStateAndCommunities) {
         lab().db_set(1, "/sys/snmpd/status", c.status);
         lab().db_set(1, "/sys/snmpd/rocomm", c.ro);
         lab().db_set(1, "/sys/snmpd/rwcomm", c.rw);
-        auto r = ask(mgr, tav::kOpGetSnmp, u8(54, 1) + rec(999, {}));  // the body is not read
+        auto r = send_body(mgr, tav::kOpGetSnmp, u8(54, 1) + tlv(999, {}));  // the body is not read
         ASSERT_TRUE(r);
         EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string(c.expect)));
     }
@@ -313,7 +244,7 @@ TEST_F(Snmp, SetAppliesWhatItCanAndPrintsEachRefusal) {
         lab().db_set(1, "/sys/snmpd/rwcomm", "private");
         Events ev(lab(), 1);
         auto out = output(lab(), 1);
-        auto r = ask(mgr, tav::kOpSetSnmp, c.tlvs + creds());
+        auto r = send_body(mgr, tav::kOpSetSnmp, c.tlvs + creds());
         ASSERT_TRUE(r);
         EXPECT_EQ(r->result(), c.result);
         EXPECT_EQ(listing(r->tlvs), std::string("393=00000000\n394=00000014\n395=") + c.mask_le + "\n");
@@ -333,7 +264,7 @@ E2E_SUITE(Ipv4, "ipv4", 1, "");
 TEST_F(Ipv4, InformationIsOneFixedText) {
     Client raw = lab().raw(), udp = lab().udp();
     for (Client *mgr : {&raw, &udp}) {
-        auto r = ask(*mgr, tav::kOpInformation, {});
+        auto r = send_body(*mgr, tav::kOpInformation, {});
         ASSERT_TRUE(r);
         EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string("6=302e30302e30333700\n")));
     }
@@ -341,8 +272,8 @@ TEST_F(Ipv4, InformationIsOneFixedText) {
 
 TEST_F(Ipv4, StaticThenDynamicAddressing) {
     Client mgr = lab().raw();
-    const Bytes stat = u8(25, 0) + rec(15, {198, 51, 100, 7}) + rec(17, {255, 255, 255, 128}) +
-                       rec(18, {198, 51, 100, 1}) + rec(20, {203, 0, 113, 53}) + rec(22, {9, 9, 9, 9}) + u8(13, 1) +
+    const Bytes stat = u8(25, 0) + tlv(15, {198, 51, 100, 7}) + tlv(17, {255, 255, 255, 128}) +
+                       tlv(18, {198, 51, 100, 1}) + tlv(20, {203, 0, 113, 53}) + tlv(22, {9, 9, 9, 9}) + u8(13, 1) +
                        u8(30, 1) + u8(12, 0);
     const struct {
         Bytes body;
@@ -350,12 +281,12 @@ TEST_F(Ipv4, StaticThenDynamicAddressing) {
         uint8_t wan_mode;
     } cases[] = {
         {u8(54, 2) + stat + creds(), "1 1 198.51.100.7 255.255.255.128 198.51.100.1 203.0.113.53", 0},
-        {u8(25, 1) + rec(15, {10, 0, 0, 1}) + creds(), "2 2 198.51.100.7 255.255.255.128 198.51.100.1 203.0.113.53",
+        {u8(25, 1) + tlv(15, {10, 0, 0, 1}) + creds(), "2 2 198.51.100.7 255.255.255.128 198.51.100.1 203.0.113.53",
          1},
     };
     for (const auto &c : cases) {
         Events ev(lab(), 1);
-        auto r = ask(mgr, tav::kOpSetIpv4, c.body);
+        auto r = send_body(mgr, tav::kOpSetIpv4, c.body);
         ASSERT_TRUE(r);
         EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string("388=00\n")));
         EXPECT_EQ(ev.wait(3), (Lines{"submit COMMIT", "submit WAN", "submit WLAN"}));
@@ -392,7 +323,7 @@ TEST_F(Ipv4, DeviceNameAndPortReachDiscovery) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         Events ev(lab(), 1);
-        auto r = ask(mgr, tav::kOpSetDeviceInfo, u8(54, 4) + c.tlvs + creds());
+        auto r = send_body(mgr, tav::kOpSetDeviceInfo, u8(54, 4) + c.tlvs + creds());
         ASSERT_TRUE(r);
         EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, c.reply));
         EXPECT_EQ(ev.wait(c.commands.size()), c.commands);
@@ -420,7 +351,7 @@ TEST_F(DateTime, GetReportsNtpZoneAndClock) {
     Client mgr = lab().raw();
     for (const auto &c : cases) {
         for (const auto &[k, v] : c.db) lab().db_set(1, k, v);
-        auto r = ask(mgr, tav::kOpGetDateTime, {});
+        auto r = send_body(mgr, tav::kOpGetDateTime, {});
         ASSERT_TRUE(r);
         EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string(c.expect)));
     }
@@ -452,7 +383,7 @@ TEST_F(DateTime, ClockAndDaylightSavingRequests) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         Events ev(lab(), 1);
-        auto r = ask(mgr, tav::kOpSetDateTime, c.body + creds(), 10s);
+        auto r = send_body(mgr, tav::kOpSetDateTime, c.body + creds(), 10s);
         ASSERT_TRUE(r);
         EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, done));
         Lines want = services;
@@ -463,7 +394,7 @@ TEST_F(DateTime, ClockAndDaylightSavingRequests) {
                               "/time/DaylightSaving/offset", "/tavclient/time_changed"})
             keys += (keys.empty() ? "" : " ") + lab().db_get(1, k);
         EXPECT_EQ(keys, c.keys);
-        auto now = ask(mgr, tav::kOpGetDateTime, {});
+        auto now = send_body(mgr, tav::kOpGetDateTime, {});
         ASSERT_TRUE(now);
         EXPECT_EQ(now->text(tav::kTagDateTime), c.clock);
     }

@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "proto/tags.h"
+#include "tests/support/tlv_bytes.h"
 #include "proto/wire.h"
 #include "tools/client/client.h"
 
@@ -31,7 +32,7 @@ using tav::client::Clock;
 using tav::client::Ipv4;
 using tav::client::Message;
 using tav::client::TlvList;
-using Bytes = std::vector<uint8_t>;
+using namespace testbytes;
 
 // Lab addresses (see lab/README.md).
 inline constexpr Mac kMgrMac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xfe};
@@ -271,6 +272,58 @@ inline std::vector<Message> replies_before_control(Client &c, uint16_t sequence,
 inline std::string hex(std::span<const uint8_t> v) {
     return tav::client::to_hex(v);
 }
+
+// Records of a reply as "tag=hex" lines.
+inline std::string listing(const TlvList &tlvs) {
+    std::string s;
+    for (const auto &r : tlvs) s += std::to_string(r.tag) + "=" + hex(r.value) + "\n";
+    return s;
+}
+// Sends `body` as it is under a request header of the client's form; the
+// reply, if one came within `wait`.
+inline std::optional<Message> send_body(Client &c, uint16_t op, const Bytes &body,
+                                        std::chrono::milliseconds wait = 3s) {
+    tav::Header h = request_header(c.ipv4(), op, c.next_sequence());
+    c.set_sequence(uint16_t(h.sequence + 1));
+    h.body_length = uint16_t(body.size());
+    Bytes p(h.size());
+    tav::encode_header(h, p.data());
+    if (!c.send_plaintext(p + body)) return std::nullopt;
+    auto got = c.collect(h.sequence, op, wait, 1);
+    if (got.empty()) return std::nullopt;
+    return got[0];
+}
+
+// The stub commands an access point ran since mark(), without their times
+// and without the tests' own database reads, writes and loads.
+class Events {
+  public:
+    Events(const Lab &lab, int ap) : path_(lab.run_file(ap, "events.log")) { mark(); }
+    void mark() { start_ = slurp(path_).size(); }
+    std::vector<std::string> lines() const {
+        std::vector<std::string> out;
+        const std::string all = slurp(path_);
+        const std::string s = all.size() >= start_ ? all.substr(start_) : all;
+        for (size_t at = 0, nl; (nl = s.find('\n', at)) != std::string::npos; at = nl + 1) {
+            const std::string line = s.substr(at, nl - at);
+            if (line.starts_with("rgdb -g ") || line.starts_with("rgdb -s ") ||
+                line.starts_with("rgdb -l "))
+                continue;
+            out.push_back(line.substr(0, line.rfind('\t')));
+        }
+        return out;
+    }
+    // Waits until `n` commands were recorded (children run after the reply).
+    std::vector<std::string> wait(size_t n, std::chrono::milliseconds limit = 5s) const {
+        until([&] { return lines().size() >= n; }, limit);
+        return lines();
+    }
+
+  private:
+    std::string path_;
+    size_t start_ = 0;
+};
+using Lines = std::vector<std::string>;
 
 // A suite with one lab: up before the first test, down after the last (also
 // when tests failed). Every test ASSERTs that the lab came up with each

@@ -11,21 +11,6 @@ namespace {
 
 using namespace tav::client;
 
-// ---- requests as bytes, so that walk cases can bend the lengths ----------
-
-Bytes operator+(Bytes a, const Bytes &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-Bytes tlv(uint16_t tag, Bytes value, int declared = -1) {
-    Bytes b{uint8_t(tag >> 8), uint8_t(tag), 0, 0};
-    tav::put_be16(b.data() + 2, uint16_t(declared < 0 ? value.size() : size_t(declared)));
-    return b + value;
-}
-Bytes text(uint16_t tag, const std::string &s) { return tlv(tag, Bytes(s.begin(), s.end()) + Bytes{0}); }
-Bytes str(const std::string &s) { return Bytes(s.begin(), s.end()); }  // no NUL
-Bytes u8(uint16_t tag, uint8_t v) { return tlv(tag, {v}); }
-Bytes be16(uint16_t tag, uint16_t v) { return tlv(tag, {uint8_t(v >> 8), uint8_t(v)}); }
 Bytes admin() { return text(55, "admin") + text(56, "admin"); }
 Bytes wrong_password() { return text(55, "admin") + text(56, "nimda"); }
 
@@ -49,11 +34,6 @@ struct Group {
     }
 };
 
-std::string listing(const TlvList &tlvs) {
-    std::string s;
-    for (const auto &r : tlvs) s += std::to_string(r.tag) + "=" + hex(r.value) + "\n";
-    return s;
-}
 Record rec(uint16_t tag, Bytes v) { return Record{tag, std::move(v)}; }
 const TlvList kSetReply{tlv_u32(393, 2), tlv_u32(394, 60000), tlv_u32(395, 0)};
 
@@ -61,7 +41,7 @@ const TlvList kSetReply{tlv_u32(393, 2), tlv_u32(394, 60000), tlv_u32(395, 0)};
 // it ran (the stub calls of events.log, without the tests' own rgdb calls).
 class Ap {
   public:
-    explicit Ap(const Lab &lab) : lab_(lab) {}
+    explicit Ap(const Lab &lab) : lab_(lab), ev_(lab, 1) {}
     std::string get(const std::string &key) const { return lab_.db_get(1, key); }
     int num(const std::string &key, size_t width = 30) const {
         return std::atoi(get(key).substr(0, width).c_str());
@@ -73,25 +53,13 @@ class Ap {
         for (const auto &[k, v] : kv) set(k, v);
     }
     // Marks the event log: commands() lists what came after.
-    void mark() { mark_ = slurp(lab_.run_file(1, "events.log")).size(); }
-    std::vector<std::string> commands() const {
-        std::vector<std::string> out;
-        std::string all = slurp(lab_.run_file(1, "events.log")).substr(mark_);
-        for (size_t p = 0, e; (e = all.find('\n', p)) != std::string::npos; p = e + 1) {
-            std::string line = all.substr(p, all.find('\t', p) - p);
-            if (!line.starts_with("rgdb ")) out.push_back(line);
-        }
-        return out;
-    }
-    // Waits for the commands a child process starts after the reply.
-    std::vector<std::string> commands_when(size_t n) const {
-        until([&] { return commands().size() >= n; }, 5s);
-        return commands();
-    }
+    void mark() { ev_.mark(); }
+    std::vector<std::string> commands() const { return ev_.lines(); }
+    std::vector<std::string> commands_when(size_t n) const { return ev_.wait(n); }
 
   private:
     const Lab &lab_;
-    size_t mark_ = 0;
+    Events ev_;
 };
 
 // Every test starts from the profile, with the counters held still.
@@ -110,23 +78,15 @@ struct WirelessSuite : LabSuite<Self> {
     // A request body as it is, over raw Ethernet from `from` (a manager MAC).
     Message ask(uint16_t op, const Bytes &body, std::optional<Mac> from = {}) {
         Client c = this->lab().raw(from);
-        tav::Header h = request_header(false, op, c.next_sequence());
-        h.body_length = uint16_t(body.size());
-        Bytes p(h.size());
-        tav::encode_header(h, p.data());
-        p = p + body;
-        EXPECT_TRUE(c.send_plaintext(p));
-        auto got = c.collect(h.sequence, op, 3s, 1);
-        if (got.empty()) {
+        auto got = send_body(c, op, body);
+        if (!got) {
             ADD_FAILURE() << "no reply to op " << op;
             return Message{};
         }
-        EXPECT_EQ(got[0].header->body_length, [&] {
-            size_t n = 0;
-            for (const auto &r : got[0].tlvs) n += 4 + r.value.size();
-            return n;
-        }());
-        return got[0];
+        size_t n = 0;
+        for (const auto &r : got->tlvs) n += 4 + r.value.size();
+        EXPECT_EQ(got->header->body_length, n);
+        return *got;
     }
     Ap ap{LabSuite<Self>::lab()};
     std::function<std::string()> out;
@@ -295,62 +255,103 @@ TEST_F(Ssid, SetAppliesEveryGroupThenCommitsAndRestartsTheWirelessService) {
     EXPECT_EQ(listing(list.tlvs), listing(expected_ssid_list(ap)));
 }
 
-// Each row of the failure table, with what it leaves: writes made before
-// the failing step stay, uncommitted, and no service starts.
-TEST_F(Ssid, FailuresLeaveEarlierWritesUncommitted) {
+// Set requests row by row, each from the profile. Accepted rows commit and
+// restart the wireless service; refused rows keep the writes made before the
+// failing step, uncommitted, start nothing and print why. Walk rows bend the
+// record lengths; order rows show which group wins and which bands a mask
+// writes.
+TEST_F(Ssid, SetRowsWriteTheirKeysOrStopAtTheFirstFailure) {
     const Mac holder{0x02, 0xe2, 0xe0, 0x55, 0, 1};
     ASSERT_EQ(ask(tav::kOpSetSsidList, u8(54, 9) + admin(), holder).result(), 0);
     Finally leave([&] { ask(tav::kOpBye, {}, holder); });
-    ap.set({{"/wlan/inf:1/multi/index:2/state", "0"}});
-    ap.mark();
-    const std::string m2 = "/wlan/inf:1/multi/index:2/";
+    const std::string i1 = "/wlan/inf:1/multi/index:1/", m2 = "/wlan/inf:1/multi/index:2/";
+    const std::string b2i1 = "/wlan/inf:2/multi/index:1/", b2i3 = "/wlan/inf:2/multi/index:3/";
     const Group good(2, 1, "Applied-First", 0, 1);
-    Group weak(1, 1, "Weak", 1, 1);
+    const Group weak(1, 1, "Weak", 1, 1);
     auto with = [](Group g, auto change) {
         change(g);
         return g.bytes();
     };
+    const std::string faild = "set_ssid_info faild\n";
+    const std::string radius = "radius ip type or address error!set_ssid_info faild\n";
+    // 70 bytes of name: 64 kept, the last 6 are a VLAN record of their own.
+    const Bytes name70 = Bytes(64, 'N') + Bytes{0x03, 0xA1, 0x00, 0x02, 0x00, 0x2A};
     const struct {
         const char *what;
         Bytes body;
         uint16_t result;
         std::map<std::string, std::string> keys;
-        std::string printed;
+        const char *printed = nullptr;  // checked when set
     } rows[] = {
-        {"index above 7", admin() + with(weak, [](Group &g) { g.index = 8; }) + good.bytes(), 65535,
-         {{m2 + "ssid", "Applied-First"}, {m2 + "state", "1"}}, "set_ssid_info faild\n"},
+        // refusals
+        // a group that is otherwise valid, so nothing but its index refuses it
+        {"index above 7", admin() + Group(8, 1, "Eight").bytes() + good.bytes(), 65535,
+         {{m2 + "ssid", "Applied-First"}, {m2 + "state", "1"}, {"/wlan/inf:1/multi/index:8/ssid", ""}},
+         faild.c_str()},
         {"code above 12", admin() + with(weak, [](Group &g) { g.auth = 13; }), 206,
-         {{"/wlan/inf:1/multi/index:1/ssid", "Weak"}, {"/wlan/inf:1/multi/index:1/auth", "0"}},
-         "set_auth_type failed!\nset_ssid_info faild\n"},
+         {{i1 + "ssid", "Weak"}, {i1 + "auth", "0"}}, "set_auth_type failed!\nset_ssid_info faild\n"},
         {"RADIUS address type", admin() + with(weak, [](Group &g) {
              g.auth = 2, g.radius_type = 2, g.radius_address = "198.51.100.9";
          }),
-         2,
-         {{"/wlan/inf:1/multi/index:1/auth", "2"},
-          {"/wlan/inf:1/multi/index:1/cipher", "4"},
-          {"/wlan/inf:1/multi/index:1/radius_server", ""}},
-         "radius ip type or address error!set_ssid_info faild\n"},
+         2, {{i1 + "auth", "2"}, {i1 + "cipher", "4"}, {i1 + "radius_server", ""}}, radius.c_str()},
         {"RADIUS address not dotted IPv4", admin() + with(weak, [](Group &g) {
              g.auth = 2, g.radius_type = 1, g.radius_address = "radius.example.net";
          }),
-         2, {{"/wlan/inf:1/multi/index:1/radius_server", ""}},
-         "radius ip type or address error!set_ssid_info faild\n"},
+         2, {{i1 + "radius_server", ""}}, radius.c_str()},
+        {"WPA2-EAP address type checked too", admin() + with(Group(3, 2, "Radius", 4, 1), [](Group &g) {
+             g.radius_address = "198.51.100.77";  // no 932: type 0
+         }),
+         2, {{b2i3 + "radius_server", "203.0.113.5"}, {b2i3 + "auth", "4"}}, radius.c_str()},
         {"passphrase of 7", admin() + with(weak, [](Group &g) { g.passphrase = "1234567"; }), 65535,
-         {{"/wlan/inf:1/multi/index:1/auth", "3"}, {"/wlan/inf:1/multi/index:1/passphrase", ""}},
-         "set_ssid_info faild\n"},
+         {{i1 + "auth", "3"}, {i1 + "passphrase", ""}}, faild.c_str()},
         {"passphrase of 64", admin() + with(weak, [](Group &g) { g.passphrase = std::string(64, 'p'); }),
-         65535, {{"/wlan/inf:1/multi/index:1/passphrase", ""}}, "set_ssid_info faild\n"},
-        {"no passphrase for code 1", admin() + weak.bytes(), 65535,
-         {{"/wlan/inf:1/multi/index:1/passphrase", ""}}, "set_ssid_info faild\n"},
+         65535, {{i1 + "passphrase", ""}}, faild.c_str()},
+        {"no passphrase for code 1", admin() + weak.bytes(), 65535, {{i1 + "passphrase", ""}}, faild.c_str()},
+        {"WPA2-PSK passphrase too short",
+         admin() + with(Group(1, 2, "Psk", 3, 1), [](Group &g) { g.passphrase = "short"; }), 65535,
+         {{b2i1 + "passphrase", ""}, {b2i1 + "auth", "5"}}, faild.c_str()},
         {"VLAN above 4096", admin() + with(weak, [](Group &g) { g.vlan = 4097, g.auth = 0; }), 65535,
-         {{"/wlan/inf:1/multi/index:1/ssid", "Weak"},
-          {"/wlan/inf:1/multi/index:1/vlan_id", "10"},
-          {"/wlan/inf:1/multi/index:1/auth", "0"},
-          {"/wlan/inf:1/multi/index:1/cipher", "0"}},
-         "set_ssid_info faild\n"},
+         {{i1 + "ssid", "Weak"}, {i1 + "vlan_id", "10"}, {i1 + "auth", "0"}, {i1 + "cipher", "0"}},
+         faild.c_str()},
         {"wrong password", wrong_password() + good.bytes(), 64, {{m2 + "ssid", "Quelbo-Legacy"}}, ""},
         {"precedence after the groups", admin() + good.bytes() + u8(54, 3), 65533,
          {{m2 + "ssid", "Quelbo-Legacy"}, {m2 + "state", "0"}}, ""},
+        // optional settings: written when given, kept otherwise
+        {"nothing optional", admin() + Group(1, 2, "Psk", 3, 1).bytes() + Group(3, 2, "Radius", 4, 1).bytes(), 0,
+         {{b2i1 + "vlan_id", "10"}, {b2i1 + "passphrase", ""}, {b2i1 + "auth", "5"},
+          {b2i3 + "radius_server", "203.0.113.5"}, {b2i3 + "radius_secret", "radius-secret-lab"}}},
+        {"all given",
+         admin() + with(Group(1, 2, "Psk", 3, 1), [](Group &g) { g.vlan = 4096, g.passphrase = "wpa2-passphrase"; }) +
+             with(Group(3, 2, "Radius", 4, 1), [](Group &g) {
+                 g.vlan = 0, g.radius_type = 1, g.radius_address = "198.51.100.77", g.radius_secret = "new";
+             }),
+         0,
+         {{b2i1 + "vlan_id", "4096"}, {b2i1 + "passphrase", "wpa2-passphrase"}, {b2i1 + "passphraseformat", "1"},
+          {b2i3 + "vlan_id", "0"}, {b2i3 + "radius_server", "198.51.100.77"}, {b2i3 + "radius_secret", "new"}}},
+        // walk: cut values, excess read as the next record
+        {"name cut at 64", admin() + u8(926, 3) + tlv(927, name70) + u8(928, 1), 0,
+         {{"/wlan/inf:1/multi/index:3/ssid", std::string(64, 'N')}, {"/wlan/inf:1/multi/index:3/vlan_id", "42"}}},
+        // 54 declared 2 long still moves 5 bytes: its second byte starts 926
+        {"precedence moves five bytes",
+         admin() + tlv(54, {0xFF}, 2) + Bytes{0x03, 0x9E, 0x00, 0x01, 0x04} + u8(928, 1) + text(927, "P"), 0,
+         {{"/wlan/inf:1/multi/index:4/ssid", "P"}}},
+        {"group values before any 926 are dropped",
+         admin() + text(927, "Orphan") + u8(928, 1) + u8(926, 5) + u8(928, 1), 0,
+         {{"/wlan/inf:1/multi/index:5/ssid", ""}}},
+        {"band byte cut to 1, index fixed 1", admin() + tlv(926, {6}, 2) + tlv(928, Bytes{1} + text(927, "Six")), 0,
+         {{"/wlan/inf:1/multi/index:6/ssid", "Six"}, {"/wlan/inf:2/multi/index:6/ssid", "Quelbo-Open-5G"}}},
+        // order and band choice
+        {"earlier group of the same SSID stays",
+         admin() + Group(1, 1, "Earlier").bytes() + Group(1, 1, "Later").bytes(), 0, {{i1 + "ssid", "Earlier"}}},
+        {"mask 3 writes both bands", admin() + Group(1, 3, "Both").bytes(), 0,
+         {{i1 + "ssid", "Both"}, {b2i1 + "ssid", "Both"}}},
+        {"mask 0 changes nothing", admin() + Group(1, 0, "None").bytes(), 0,
+         {{i1 + "ssid", "Quelbo-Guest"}, {b2i1 + "ssid", "Quelbo-Guest-5G"}}},
+        {"primary stays on at status 0", admin() + Group(0, 2, "Primary", 0, 0).bytes(), 0,
+         {{"/wlan/inf:2/ssid", "Primary"}, {"/wlan/inf:2/state", ""}}},
+        {"disabling leaves the band's state", admin() + Group(1, 1, "Lab", 0, 0).bytes(), 0,
+         {{i1 + "state", "0"}, {"/wlan/inf:1/multi/state", "1"}}},
+        {"no group at all", admin(), 0, {{i1 + "ssid", "Quelbo-Guest"}}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
@@ -360,130 +361,13 @@ TEST_F(Ssid, FailuresLeaveEarlierWritesUncommitted) {
         auto printed = output(lab(), 1);
         Message m = ask(tav::kOpSetSsidList, row.body);
         EXPECT_EQ(m.result(), row.result);
-        EXPECT_EQ(m.tlvs, TlvList{});
+        EXPECT_EQ(m.tlvs, row.result ? TlvList{} : kSetReply);
         for (const auto &[k, v] : row.keys) EXPECT_EQ(ap.get(k), v) << k;
-        EXPECT_EQ(ap.commands(), std::vector<std::string>{}) << "nothing committed or started";
-        EXPECT_EQ(printed(), row.printed);
-    }
-}
-
-TEST_F(Ssid, WalkCutsValuesAndReadsTheExcessAsTheNextRecord) {
-    // 70 bytes of name: 64 kept, the last 6 are a VLAN record of their own.
-    const Bytes name70 = Bytes(64, 'N') + Bytes{0x03, 0xA1, 0x00, 0x02, 0x00, 0x2A};
-    // Tag 54 declared 2 long still moves 5 bytes: its second byte starts the
-    // next record (926 read from 0x03 0x9E ...).
-    const Bytes prec_long = tlv(54, {0xFF}, 2);  // 54, length 2, one value byte
-    const struct {
-        const char *what;
-        Bytes body;
-        std::map<std::string, std::string> keys;
-    } rows[] = {
-        {"name cut at 64", admin() + u8(926, 3) + tlv(927, name70) + u8(928, 1),
-         {{"/wlan/inf:1/multi/index:3/ssid", std::string(64, 'N')},
-          {"/wlan/inf:1/multi/index:3/vlan_id", "42"}}},
-        {"precedence moves five bytes",
-         admin() + prec_long + Bytes{0x03, 0x9E, 0x00, 0x01, 0x04} + u8(928, 1) + text(927, "P"),
-         {{"/wlan/inf:1/multi/index:4/ssid", "P"}}},
-        {"group values before any 926 are dropped",
-         admin() + text(927, "Orphan") + u8(928, 1) + u8(926, 5) + u8(928, 1),
-         {{"/wlan/inf:1/multi/index:5/ssid", ""}}},
-        {"band byte cut to 1, index fixed 1",
-         admin() + tlv(926, {6}, 2) + tlv(928, Bytes{1} + text(927, "Six")),
-         {{"/wlan/inf:1/multi/index:6/ssid", "Six"}, {"/wlan/inf:2/multi/index:6/ssid", "Quelbo-Open-5G"}}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        ASSERT_EQ(lab().on_ap(1, "rgdb -l /usr/lib/tavlab/profile").status, 0);
-        Message m = ask(tav::kOpSetSsidList, row.body);
-        EXPECT_EQ(m.result(), 0);
-        for (const auto &[k, v] : row.keys) EXPECT_EQ(ap.get(k), v) << k;
-    }
-}
-
-// The VLAN id and the credentials of codes other than 1 and 2 are written
-// when the group carries them and left as they are otherwise.
-TEST_F(Ssid, OptionalSettingsAreWrittenOnlyWhenGiven) {
-    const std::string i1 = "/wlan/inf:2/multi/index:1/", i3 = "/wlan/inf:2/multi/index:3/";
-    Group psk(1, 2, "Psk", 3, 1);
-    Group radius(3, 2, "Radius", 4, 1);
-    const struct {
-        const char *what;
-        Bytes groups;
-        uint16_t result;
-        std::map<std::string, std::string> keys;
-    } rows[] = {
-        {"nothing optional", psk.bytes() + radius.bytes(), 0,
-         {{i1 + "vlan_id", "10"}, {i1 + "passphrase", ""}, {i1 + "auth", "5"},
-          {i3 + "radius_server", "203.0.113.5"}, {i3 + "radius_secret", "radius-secret-lab"}}},
-        {"all given",
-         [&] {
-             Group p = psk, r = radius;
-             p.vlan = 4096, p.passphrase = "wpa2-passphrase";
-             r.vlan = 0, r.radius_type = 1, r.radius_address = "198.51.100.77", r.radius_secret = "new";
-             return p.bytes() + r.bytes();
-         }(),
-         0,
-         {{i1 + "vlan_id", "4096"}, {i1 + "passphrase", "wpa2-passphrase"},
-          {i1 + "passphraseformat", "1"}, {i3 + "vlan_id", "0"},
-          {i3 + "radius_server", "198.51.100.77"}, {i3 + "radius_secret", "new"}}},
-        {"WPA2-PSK passphrase too short",
-         [&] {
-             Group p = psk;
-             p.passphrase = "short";
-             return p.bytes();
-         }(),
-         65535, {{i1 + "passphrase", ""}, {i1 + "auth", "5"}}},
-        {"WPA2-EAP address type checked",
-         [&] {
-             Group r = radius;
-             r.radius_address = "198.51.100.77";  // no 932: type 0
-             return r.bytes();
-         }(),
-         2, {{i3 + "radius_server", "203.0.113.5"}, {i3 + "auth", "4"}}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        ASSERT_EQ(lab().on_ap(1, "rgdb -l /usr/lib/tavlab/profile").status, 0);
-        ap.mark();
-        Message m = ask(tav::kOpSetSsidList, admin() + row.groups);
-        EXPECT_EQ(m.result(), row.result);
-        for (const auto &[k, v] : row.keys) EXPECT_EQ(ap.get(k), v) << k;
-        EXPECT_EQ(ap.commands_when(row.result ? 0 : 3).size(), row.result ? 0u : 3u);
-    }
-}
-
-TEST_F(Ssid, GroupsApplyNewestFirstAndMasksChooseTheBands) {
-    const std::string b1 = "/wlan/inf:1/multi/index:1/", b2 = "/wlan/inf:2/multi/index:1/";
-    const struct {
-        const char *what;
-        Bytes groups;
-        std::map<std::string, std::string> keys;
-    } rows[] = {
-        {"earlier group of the same SSID stays",
-         Group(1, 1, "Earlier").bytes() +
-             Group(1, 1, "Later").bytes(),
-         {{b1 + "ssid", "Earlier"}}},
-        {"mask 3 writes both bands", Group(1, 3, "Both").bytes(),
-         {{b1 + "ssid", "Both"}, {b2 + "ssid", "Both"}}},
-        {"mask 0 changes nothing", Group(1, 0, "None").bytes(),
-         {{b1 + "ssid", "Quelbo-Guest"}, {b2 + "ssid", "Quelbo-Guest-5G"}}},
-        {"primary stays on at status 0",
-         Group(0, 2, "Primary", 0, 0).bytes(),
-         {{"/wlan/inf:2/ssid", "Primary"}, {"/wlan/inf:2/state", ""}}},
-        {"disabling leaves the band's state", Group(1, 1, "Lab", 0, 0).bytes(),
-         {{b1 + "state", "0"}, {"/wlan/inf:1/multi/state", "1"}}},
-        {"no group at all", Bytes{}, {{b1 + "ssid", "Quelbo-Guest"}}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        ASSERT_EQ(lab().on_ap(1, "rgdb -l /usr/lib/tavlab/profile").status, 0);
-        ap.mark();
-        Message m = ask(tav::kOpSetSsidList, admin() + row.groups);
-        EXPECT_EQ(m.result(), 0);
-        EXPECT_EQ(m.tlvs, kSetReply);
-        for (const auto &[k, v] : row.keys) EXPECT_EQ(ap.get(k), v) << k;
-        EXPECT_EQ(ap.commands_when(3),
-                  (std::vector<std::string>{"submit COMMIT", "submit WAN", "submit WLAN"}));
+        const Lines wlan{"submit COMMIT", "submit WAN", "submit WLAN"};
+        EXPECT_EQ(ap.commands_when(row.result ? 0 : 3), row.result ? Lines{} : wlan);
+        if (row.printed) {
+            EXPECT_EQ(printed(), row.printed);
+        }
     }
 }
 
@@ -505,7 +389,7 @@ TEST_F(Radio, InformationMatchesTheDatabase) {
          2, 6, 1, 234},
         {{{"/wlan/inf:2/ap_mode", "1"}, {"/wlan/inf:1/wlmode", "9"}, {"/wlan/inf:2/wlmode", "1"},
           {"/runtime/layout/countrycode", "392"}},
-         1, 8, 9, 110},
+         1, 8, 9, 110},  // band 2 no access point: its status bit clear
     };
     for (const auto &row : rows) {
         ASSERT_EQ(lab().on_ap(1, "rgdb -l /usr/lib/tavlab/profile").status, 0);
@@ -701,7 +585,7 @@ TEST_F(ApArray, SettingsReadAndReplacedWhole) {
     }
 }
 
-TEST_F(ApArray, DeviceListRefreshesThenListsMembersBeforeUnmanaged) {
+TEST_F(ApArray, DeviceListRefreshesThenListsMembersBeforeUnmanagedAndApprovalsJoin) {
     auto member = [](const char *name, uint8_t last, uint8_t status) {
         return TlvList{tlv_u16(502, 0xFFFF), tlv_u8(944, 0), tlv_text(8, "QAP-2230"),
                        tlv_text(9, name), tlv_mac(14, {2, 0x7a, 0x76, 0, 0, last}),
@@ -737,6 +621,18 @@ TEST_F(ApArray, DeviceListRefreshesThenListsMembersBeforeUnmanaged) {
         EXPECT_EQ(ap.commands(),
                   (std::vector<std::string>{"submit GET_PENDING_LIST", "submit GET_MEMBERAP_LIST"}));
     }
+    // An unmanaged access point approved into the array is a member from the
+    // next refresh on.
+    ASSERT_EQ(ask(tav::kOpSetApArrayMemberList, admin() + tlv(14, {0, 0, 0x5e, 0, 0x53, 0xa2}) + u8(946, 1))
+                  .result(),
+              0);
+    Message m = ask(tav::kOpGetApArrayDeviceList, u8(943, 3));
+    std::vector<std::string> listed;
+    for (size_t i = 0; i + 4 < m.tlvs.size(); ++i)
+        if (m.tlvs[i].tag == 502)
+            listed.push_back(std::to_string(m.tlvs[i + 1].value[0]) + " " + format_mac(m.tlvs[i + 4].value));
+    EXPECT_EQ(listed, (std::vector<std::string>{"0 02:7a:76:00:00:02", "0 02:7a:76:00:00:03",
+                                                "0 00:00:5e:00:53:a2", "1 00:00:5e:00:53:a1"}));
 }
 
 // Actions run only once the request is authenticated, in request order.
@@ -767,23 +663,6 @@ TEST_F(ApArray, MemberActionsWaitForAuthentication) {
         EXPECT_EQ(m.tlvs, row.result ? TlvList{} : kSetReply);
         EXPECT_EQ(ap.commands(), row.commands);
     }
-}
-
-// An unmanaged access point approved into the array is listed as a member
-// from the next refresh on.
-TEST_F(ApArray, ApprovedAccessPointJoinsTheMembers) {
-    ASSERT_EQ(ask(tav::kOpSetApArrayMemberList, admin() + tlv(14, {0, 0, 0x5e, 0, 0x53, 0xa2}) +
-                                                    u8(946, 1))
-                  .result(),
-              0);
-    Message m = ask(tav::kOpGetApArrayDeviceList, u8(943, 3));
-    std::vector<std::string> listed;
-    for (size_t i = 0; i + 4 < m.tlvs.size(); ++i)
-        if (m.tlvs[i].tag == 502)
-            listed.push_back(std::to_string(m.tlvs[i + 1].value[0]) + " " +
-                             format_mac(m.tlvs[i + 4].value));
-    EXPECT_EQ(listed, (std::vector<std::string>{"0 02:7a:76:00:00:02", "0 02:7a:76:00:00:03",
-                                                "0 00:00:5e:00:53:a2", "1 00:00:5e:00:53:a1"}));
 }
 
 // The manager tool sends what it is told and the device's current values for

@@ -10,8 +10,6 @@ namespace {
 
 using namespace fixture;
 
-std::string stored(const char *key) { return lrgbin_store::find(key).value_or("<unset>"); }
-
 // ---- base64 ------------------------------------------------------------------
 
 TEST(Base64, DecodeSkipsForeignBytesAndStopsAtThePadGroup) {
@@ -80,16 +78,10 @@ TEST(Base64, EncodeBreaksLinesAt72AndRoundTrips) {
 
 class Admin : public Engine {
   protected:
-    Bytes creds() { return admin(); }
     std::string zone_reply_id() {
         EXPECT_EQ(call(tav_get_device_date_time, tav::kOpGetDateTime, {}), 0);
-        Bytes b = reply_tlvs();
-        // 35, 36 (server text), 37, 38, then 303: find it by walking.
-        for (size_t i = 0; i + 4 <= b.size();) {
-            uint16_t tag = tav::get_be16(&b[i]), len = tav::get_be16(&b[i + 2]);
-            if (tag == 303) return std::to_string(tav::get_be16(&b[i + 4]));
-            i += 4 + len;
-        }
+        for (const auto &[tag, v] : tlvs_of(reply_tlvs()))
+            if (tag == 303) return std::to_string(tav::get_be16(v.data()));
         return "none";
     }
 };
@@ -115,7 +107,7 @@ TEST_F(Admin, TimeZoneTableAndItsLookUpsBothWays) {
     const std::pair<uint16_t, const char *> writes[] = {{7, "8"}, {32, "32"}, {84, "78"}, {6, "1"},
                                                         {0, "1"}, {85, "1"},  {61, "1"}, {0xFFFF, "1"}};
     for (const auto &[id, code] : writes) {
-        EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, creds() + be16(303, id)), 0);
+        EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, admin() + be16(303, id)), 0);
         EXPECT_EQ(stored("/time/timezone"), code) << "id " << id;
     }
 }
@@ -133,7 +125,7 @@ TEST_F(Admin, ClockRequestComposesDateAndRunsTheServicesInOrder) {
     };
     for (const auto &[stamp, command] : cases) {
         tavc_record::clear();
-        Bytes body = creds() + tlv(35, {1}) + text(301, stamp);
+        Bytes body = admin() + tlv(35, {1}) + text(301, stamp);
         ASSERT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, body), 0) << stamp;
         EXPECT_EQ(commands(), (std::vector<std::string>{command, "submit COMMIT",
                                                          "submit TIME;submit CAPTIVAL_PORTAL"}))
@@ -149,7 +141,7 @@ TEST_F(Admin, NtpServerValueIsCutAt255Bytes) {
     Bytes long_server(300, 'n');
     Bytes tail = tlv(300, {0}) + be16(303, 32);
     std::copy(tail.begin(), tail.end(), long_server.begin() + 255);
-    EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, creds() + tlv(36, long_server)), 0);
+    EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, admin() + tlv(36, long_server)), 0);
     EXPECT_EQ(stored("/time/ntpserver/ip"), std::string(254, 'n'));
     EXPECT_EQ(stored("/time/timezone"), "32");
 }
@@ -160,7 +152,7 @@ TEST_F(Admin, AccountChangeStoresDecodedValuesAndRestartsInAChild) {
     lrgbin_store::put("/sys/first_init", "1");
     lrgbin_store::put("/tavclient/time_changed", "1");
     lrgbin_store::put("/runtime/layout/countrycode", "840");
-    Bytes body = text(50, "bmV3LWFk bWlu") + tlv(999, {1, 2, 3}) + text(51, "cGFzcwBoaWRkZW4=") + creds();
+    Bytes body = text(50, "bmV3LWFk bWlu") + tlv(999, {1, 2, 3}) + text(51, "cGFzcwBoaWRkZW4=") + admin();
     ASSERT_EQ(call(tav_change_ID_and_password, tav::kOpChangeIdPassword, body), 0);
     EXPECT_EQ(reply_tlvs(), be32(393, 2) + be32(394, 20000));
     EXPECT_EQ(stored("/sys/user:1/name"), "new-admin");
@@ -188,7 +180,7 @@ TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
                                          std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, " submit FRESET")}) {
         tavc_record::clear();
         // The byte after the four delay bytes is too short for a record.
-        ASSERT_EQ(call(handler, op, creds() + delay), 0);
+        ASSERT_EQ(call(handler, op, admin() + delay), 0);
         EXPECT_EQ(reply_tlvs(), be32(393, 2) + be32(394, 300000));
         ASSERT_EQ(tavc_record::launches().size(), 1u);
         const auto &l = tavc_record::launches()[0];
@@ -202,7 +194,7 @@ TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
 TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {
     Bytes ip = tlv(15, {192, 168, 0, 50, 0, 17, 0, 4}, 8);  // the last four bytes: a record head
     Bytes after = Bytes{255, 255, 255, 0};                   // ...and its value (tag 17, netmask)
-    ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, creds() + ip + after), 0);
+    ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, admin() + ip + after), 0);
     EXPECT_EQ(stored("/wan/rg/inf:1/static/ip"), "192.168.0.50");
     EXPECT_EQ(stored("/wan/rg/inf:1/static/netmask"), "255.255.255.0");
     EXPECT_EQ(stored("/wan/rg/inf:1/static/gateway"), "");
@@ -210,7 +202,7 @@ TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {
     EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "submit WAN; submit WLAN"}));
 
     lrgbin_store::put("/wan/rg/inf:1/static/ip", "192.0.2.11");
-    ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, creds() + tlv(25, {5}) + be32(15, 0x0A000001)), 0);
+    ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, admin() + tlv(25, {5}) + be32(15, 0x0A000001)), 0);
     EXPECT_EQ(std::tuple(stored("/wan/rg/inf:1/mode"), stored("/wan/rg/inf:1/modebak"),
                          stored("/wan/rg/inf:1/static/ip"), stored("/runtime/wan/inf:1/tavmode")),
               std::tuple("6", "6", "192.0.2.11", "1"));
@@ -220,12 +212,12 @@ TEST_F(Admin, DeviceInformationCutsTheNameAndRestartsTheWebServerOnlyForThePort)
     Bytes name(70, 'N');
     Bytes rest = tlv(31, {0});  // bytes 64.. of the value, read as the next record
     std::copy(rest.begin(), rest.end(), name.begin() + 64);
-    ASSERT_EQ(call(tav_set_device_information, tav::kOpSetDeviceInfo, creds() + tlv(31, {1}) + tlv(10, name)), 0);
+    ASSERT_EQ(call(tav_set_device_information, tav::kOpSetDeviceInfo, admin() + tlv(31, {1}) + tlv(10, name)), 0);
     EXPECT_EQ(stored("/sys/systemName"), std::string(63, 'N'));
     EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT"}));
 
     tavc_record::clear();
-    ASSERT_EQ(call(tav_set_device_information, tav::kOpSetDeviceInfo, creds() + tlv(31, {1}) + be16(32, 8080)), 0);
+    ASSERT_EQ(call(tav_set_device_information, tav::kOpSetDeviceInfo, admin() + tlv(31, {1}) + be16(32, 8080)), 0);
     EXPECT_EQ(stored("/sys/web/port"), "8080");
     EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "submit HTTPD"}));
     EXPECT_EQ(reply_tlvs(), tlv(388, {0}));

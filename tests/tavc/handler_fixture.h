@@ -14,12 +14,15 @@
 #include <vector>
 
 #include "lrgbin/rgdb_store.h"
+#include "tests/support/tlv_bytes.h"
 #include "proto/wire.h"
 #include "tavc/handlers.h"
 #include "tavc/record/record.h"
 #include "tavc/tavc.h"
 
 using Bytes = std::vector<uint8_t>;
+using Strings = std::vector<std::string>;
+using Handler = int (*)(const uint8_t *, uint16_t, uint8_t *);
 
 class Engine : public ::testing::Test {
   protected:
@@ -47,15 +50,15 @@ class Engine : public ::testing::Test {
         return s;
     }
     // The commands launched so far, in order (Exec: path and arguments).
-    static std::vector<std::string> commands() {
-        std::vector<std::string> v;
+    static Strings commands() {
+        Strings v;
         for (const auto &l : tavc_record::launches()) v.push_back(l.command);
         return v;
     }
 
     // Calls a handler as the dispatcher would for `op` from `from`; the reply
     // body's TLVs are in reply_tlvs() afterwards.
-    int call(int (*handler)(const uint8_t *, uint16_t, uint8_t *), uint16_t op, const Bytes &body,
+    int call(Handler handler, uint16_t op, const Bytes &body,
              tav_server from = {}) {
         from_ = from;
         from_.functions[0].op_code = op;
@@ -77,26 +80,23 @@ class Engine : public ::testing::Test {
 
 namespace fixture {
 
-inline Bytes operator+(Bytes a, const Bytes &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
+using namespace testbytes;
 
-// A TLV record as given (declared length = value size unless set).
-inline Bytes tlv(uint16_t tag, Bytes value, int declared = -1) {
-    Bytes b{uint8_t(tag >> 8), uint8_t(tag), 0, 0};
-    tav::put_be16(b.data() + 2, uint16_t(declared < 0 ? value.size() : size_t(declared)));
-    b.insert(b.end(), value.begin(), value.end());
-    return b;
-}
-// Text with its NUL, as managers send it.
-inline Bytes text(uint16_t tag, const char *s) { return tlv(tag, Bytes(s, s + strlen(s) + 1)); }
-inline Bytes be16(uint16_t tag, uint16_t v) { return tlv(tag, {uint8_t(v >> 8), uint8_t(v)}); }
-inline Bytes be32(uint16_t tag, uint32_t v) {
-    return tlv(tag, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
-}
 // Credentials of the fixture's administrator (tags 55 and 56).
 inline Bytes admin() { return text(55, "admin") + text(56, "secret"); }
+
+// A stored value, "<unset>" when the key is absent.
+inline std::string stored(const std::string &key) { return lrgbin_store::find(key).value_or("<unset>"); }
+
+// A reply body's records in order (its bytes must parse whole).
+using Tlvs = std::vector<std::pair<uint16_t, Bytes>>;
+inline Tlvs tlvs_of(const Bytes &b) {
+    Tlvs out;
+    tav::ReplyReader rd(b);
+    while (auto t = rd.next()) out.emplace_back(t->tag, Bytes(t->value.begin(), t->value.end()));
+    EXPECT_FALSE(rd.truncated());
+    return out;
+}
 
 // A manager's record: MAC 02:00:00:00:hi:lo.
 inline tav_server sender(uint16_t last) {

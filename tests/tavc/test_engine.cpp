@@ -2,14 +2,6 @@
 // the launch/frame recorder: what only the engine can show. Discovery,
 // dispatch, verification and start-up are compared on the wire by the e2e
 // suites.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstring>
-#include <iterator>
-#include <string>
-#include <vector>
-
 #include "tavc/command.h"
 #include "tavc/proc.h"
 #include "tavc/reply.h"
@@ -77,9 +69,7 @@ constexpr TlvRequest<WalkReq> kWalk{kRules, Take::Declared, NoParamCheck{},
 
 }  // namespace
 
-class Walk : public Engine {};
-
-TEST_F(Walk, AppliesTheWalkRule) {
+TEST_F(Engine, WalkAppliesItsRules) {
     const Bytes abc{'a', 'b', 'c'};
     const struct {
         const char *name;
@@ -92,8 +82,6 @@ TEST_F(Walk, AppliesTheWalkRule) {
     } cases[] = {
         {"five bytes are walked", tlv(300, {7}) + tlv(0x77, {1}), "", 7, 0, "", 1},
         {"stops below five bytes", tlv(300, {7}) + tlv(0x77, {}), "", 7, 0, "", 0},
-        {"stops when length runs past body", tlv(300, {7}) + tlv(55, abc, 10) + tlv(0x77, {1}), "",
-         7, 0, "", 0},
         {"stops when length runs one byte past body", tlv(300, {7}) + tlv(55, abc, 4), "", 7, 0, "",
          0},
         {"length ending exactly at the body end", tlv(55, abc, 3), "abc", 0, 0, "", 0},
@@ -118,20 +106,6 @@ TEST_F(Walk, AppliesTheWalkRule) {
         EXPECT_STREQ(req.cut, c.cut) << c.name;
         EXPECT_EQ(req.unknown_seen, c.unknown_seen) << c.name;
     }
-}
-
-TEST(ShellQuote, QuotesAndRefusesWhatDoesNotFit) {
-    char out[32];
-    const std::pair<const char *, const char *> cases[] = {
-        {"", "''"}, {"a b;c", "'a b;c'"}, {"it's", "'it'\\''s'"}, {"$(x)`y`", "'$(x)`y`'"}};
-    for (auto [in, quoted] : cases) {
-        EXPECT_EQ(shell_quote(out, sizeof out, in), int(strlen(quoted)));
-        EXPECT_STREQ(out, quoted);
-    }
-    EXPECT_EQ(shell_quote(out, 4, "abc"), -1);
-    EXPECT_STREQ(out, "");
-    EXPECT_EQ(shell_quote(out, 5, "abc"), -1);
-    EXPECT_EQ(shell_quote(out, 6, "abc"), 5);
 }
 
 TEST(Command, RequestValuesStayOneLiteralArgument) {
@@ -167,19 +141,15 @@ TEST(Command, NumbersAndLimits) {
     EXPECT_EQ(cut.system(), -1);
     std::string big(2000, 'a');
     EXPECT_FALSE(Command("echo %s", big.c_str()).ok());
+    // "'abc'" and its NUL need 6 bytes; a refusal leaves an empty text.
+    char out[8];
+    EXPECT_EQ(shell_quote(out, 5, "abc"), -1);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(shell_quote(out, 6, "abc"), 5);
 }
 
-TEST(Reply, IntegersAndSetReply) {
-    static uint8_t buf[kReplyBodySize];
-    Reply r(buf);
-    r.add_le32(526, 0x1FF);
-    r.add_be64(600, 0x0102030405060708ull);
-    r.add_set_reply(2, 60000, 3, /*mask_little_endian=*/true);
-    const Bytes want = tlv(526, {0xFF, 0x01, 0, 0}) + tlv(600, {1, 2, 3, 4, 5, 6, 7, 8}) +
-                       be32(393, 2) + be32(394, 60000) + tlv(395, {3, 0, 0, 0});
-    EXPECT_EQ(Bytes(buf + 2, buf + 2 + r.size()), want);
-}
-
+// Integer encodings reach the wire byte for byte in the lab suites (SSID
+// list, counters, set replies); here the bounds of the reply area.
 TEST(Reply, ListKeepsRoomForItsClosingRecord) {
     static uint8_t buf[kReplyBodySize];
     Reply r(buf);
@@ -225,9 +195,7 @@ constexpr auto kGroups =
 
 }  // namespace
 
-class Groups : public Engine {};
-
-TEST_F(Groups, RecordsOpenInOrderAndFillTheLatest) {
+TEST_F(Engine, GroupsRecordsOpenInOrderAndFillTheLatest) {
     static GroupReq req;
     req = GroupReq{};
     Bytes body = tlv(927, {'l', 'o', 's', 't'}) + tlv(926, {5}) + tlv(927, {'a', 'b', 'c', 'd'}) +
@@ -305,25 +273,18 @@ TEST_F(Registry, AtMost1024Managers) {
 }
 
 // Verification results on the wire are end-to-end tests; here the edges of
-// the comparison: exact equality within the stored texts' capacities.
-class Auth : public Engine {};
-
-TEST_F(Auth, AuthenticMeansExactEquality) {
+// the comparison: prefixes, format characters and the stored capacities.
+TEST_F(Engine, AuthMeansExactEquality) {
     const std::string n63(63, 'n'), p31(31, 'p');
     const struct {
         std::string stored_name, stored_pass, name, pass;
         int rc;
     } cases[] = {
         {"admin", "secret", "admin", "secret", 0},
-        {"admin", "secret", "Admin", "secret", -1},
         {"admin", "secret", "admin", "secre", -1},
         {"admin", "secret", "admin", "secret!", -1},
-        {"admin", "secret", "admi", "secret", -1},
-        {"admin", "secret", "", "", -1},
-        {"admin", "", "admin", "", 0},
         {"", "", "", "", 0},
         {"admin", "50%d%s%%", "admin", "50%d%s%%", 0},
-        {"admin", "p\xe4ss", "admin", "p\xe4ss", 0},
         // The name is read with 64 bytes (63 characters), the password with 32.
         {n63 + "X", p31 + "Y", n63, p31, 0},
         {n63 + "X", p31 + "Y", n63 + "X", p31, -1},
@@ -384,9 +345,7 @@ TEST(DateTime, PositionalCopyOfDateAndTimePieces) {
     EXPECT_STREQ(dt, "99999999999999") << "missing pieces leave positions as they were";
 }
 
-class Identity : public Engine {};
-
-TEST_F(Identity, WizardPageRetiredOnceCredentialsTimeAndCountryAreSet) {
+TEST_F(Engine, IdentityWizardPageRetiredOnceCredentialsTimeAndCountryAreSet) {
     const struct {
         const char *first_init, *password, *time, *country_code, *country_changed, *after;
     } cases[] = {
@@ -412,36 +371,16 @@ TEST_F(Identity, WizardPageRetiredOnceCredentialsTimeAndCountryAreSet) {
 
 namespace {
 int g_size;
-int sized(uint16_t) {
-    return g_size;
-}
-int sized_dec(const uint8_t *, uint16_t) {
-    return g_size;
-}
-int failing_enc(int, tav_buf *, tav_buf *, uint16_t *) {
-    return 7;
-}
-int failing_dec(uint16_t, tav_buf *, tav_buf *) {
-    return 9;
-}
-int overlong_enc(int, tav_buf *, tav_buf *out, uint16_t *) {
-    out->length = uint16_t(out->length + 1);
-    return 0;
-}
-int fill_enc(int, tav_buf *, tav_buf *out, uint16_t *sel) {
-    std::memset(out->data, 0xAB, out->length);
-    *sel = 1;
-    return 0;
-}
-int fill_dec(uint16_t, tav_buf *, tav_buf *out) {
-    std::memset(out->data, 0xCD, out->length);
-    return 0;
-}
+int sized(uint16_t) { return g_size; }
+int sized_dec(const uint8_t *, uint16_t) { return g_size; }
+int failing_enc(int, tav_buf *, tav_buf *, uint16_t *) { return 7; }
+int failing_dec(uint16_t, tav_buf *, tav_buf *) { return 9; }
+int overlong_enc(int, tav_buf *, tav_buf *out, uint16_t *) { out->length = uint16_t(out->length + 1); return 0; }
+int fill_enc(int, tav_buf *, tav_buf *out, uint16_t *sel) { std::memset(out->data, 0xAB, out->length); *sel = 1; return 0; }
+int fill_dec(uint16_t, tav_buf *, tav_buf *out) { std::memset(out->data, 0xCD, out->length); return 0; }
 }  // namespace
 
-class Transport : public Engine {};
-
-TEST_F(Transport, EncodeLimitAndFailures) {
+TEST_F(Engine, TransportEncodeLimitAndFailures) {
     uint8_t buf[kTavEncodedMax];
     uint16_t n = 0;
     const uint8_t plain[4] = {1, 2, 3, 4};
@@ -466,7 +405,7 @@ TEST_F(Transport, EncodeLimitAndFailures) {
     EXPECT_EQ(tav_encode_buf(plain, 4, buf, &n), -1) << "more than the room it was given";
 }
 
-TEST_F(Transport, DecodeSizeLimit) {
+TEST_F(Engine, TransportDecodeSizeLimit) {
     tav_get_decrypted_msg_len = sized_dec;
     tav_decode = fill_dec;
     static uint8_t plain[tav::kMaxPlainLen + 64];

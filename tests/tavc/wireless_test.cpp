@@ -13,18 +13,6 @@ using namespace fixture;
 
 namespace {
 
-using Tlvs = std::vector<std::pair<uint16_t, Bytes>>;
-
-Tlvs parse(const Bytes &b) {
-    Tlvs out;
-    tav::ReplyReader rd(b);
-    while (auto t = rd.next()) out.emplace_back(t->tag, Bytes(t->value.begin(), t->value.end()));
-    EXPECT_FALSE(rd.truncated());
-    return out;
-}
-std::string db(const std::string &key) { return lrgbin_store::find(key).value_or("<none>"); }
-Bytes u8(uint16_t tag, uint8_t v) { return tlv(tag, {v}); }
-
 struct Wireless : Engine {
     void SetUp() override {
         Engine::SetUp();
@@ -32,12 +20,11 @@ struct Wireless : Engine {
             lrgbin_store::put("/wlan/inf:" + std::to_string(band) + "/ap_mode", "0");
             lrgbin_store::put("/wlan/inf:" + std::to_string(band) + "/multi/state", "1");
         }
-        lrgbin_store::put("/runtime/countrydomaintable:1/seq", "1");
-        lrgbin_store::put("/runtime/countrydomaintable:1/index", "82");
-        lrgbin_store::put("/runtime/countrydomaintable:1/code", "276");
-        lrgbin_store::put("/runtime/countrydomaintable:2/seq", "2");
-        lrgbin_store::put("/runtime/countrydomaintable:2/index", "233");
-        lrgbin_store::put("/runtime/countrydomaintable:2/code", "826");
+        for (auto [entry, index, code] : {std::tuple{"1", "82", "276"}, {"2", "233", "826"}}) {
+            const std::string e = std::string("/runtime/countrydomaintable:") + entry;
+            lrgbin_store::put(e + "/seq", entry), lrgbin_store::put(e + "/index", index);
+            lrgbin_store::put(e + "/code", code);
+        }
         lrgbin_store::put("/runtime/layout/countrycode", "276");
     }
 };
@@ -62,14 +49,14 @@ TEST_F(Wireless, AuthenticationCodesAreABijectionWithTheirCredentials) {
         lrgbin_store::put("/wlan/inf:2/ap_mode", "1");
         ASSERT_EQ(set_auth_type(1, 0, row.code), 0);
         ASSERT_EQ(set_auth_type(1, 5, row.code), 0);
-        EXPECT_EQ(db("/wlan/inf:1/authentication"), std::to_string(row.stored));
-        EXPECT_EQ(db("/wlan/inf:1/multi/index:5/auth"), std::to_string(row.stored));
+        EXPECT_EQ(stored("/wlan/inf:1/authentication"), std::to_string(row.stored));
+        EXPECT_EQ(stored("/wlan/inf:1/multi/index:5/auth"), std::to_string(row.stored));
         EXPECT_EQ(get_auth_type(1, 0), row.code);
         EXPECT_EQ(get_auth_type(1, 5), row.code);
         ASSERT_EQ(call(tav_get_ssid_list, tav::kOpGetSsidList, {}), 0);
         std::vector<uint16_t> tags;  // of SSID 0: between 930 and 935
         bool in = false;
-        for (const auto &[tag, v] : parse(reply_tlvs())) {
+        for (const auto &[tag, v] : tlvs_of(reply_tlvs())) {
             if (tag == 935) break;
             if (in) tags.push_back(tag);
             if (tag == 930) in = true;
@@ -83,7 +70,7 @@ TEST_F(Wireless, AuthenticationCodesAreABijectionWithTheirCredentials) {
     lrgbin_store::put("/wlan/inf:2/authentication", "5");
     for (uint8_t code : {13, 14, 255}) {
         EXPECT_EQ(set_auth_type(2, 0, code), -1);
-        EXPECT_EQ(db("/wlan/inf:2/authentication"), "5");
+        EXPECT_EQ(stored("/wlan/inf:2/authentication"), "5");
     }
 }
 
@@ -116,7 +103,7 @@ TEST_F(Wireless, LockedCountriesReportTheirFixedIndex) {
     for (auto [code, index] : rows) {
         lrgbin_store::put("/runtime/layout/countrycode", code);
         ASSERT_EQ(call(tav_get_wireless_information, tav::kOpGetWirelessInfo, {}), 0);
-        const Tlvs t = parse(reply_tlvs());
+        const Tlvs t = tlvs_of(reply_tlvs());
         ASSERT_EQ(t.size(), 7u);
         EXPECT_EQ(t[6].first, 59);
         EXPECT_EQ(t[6].second, (Bytes{uint8_t(index >> 8), uint8_t(index)})) << code;
@@ -161,14 +148,14 @@ TEST_F(Wireless, SsidRecordWritesTheKeysOfItsForm) {
     for (const auto &[k, v] : lrgbin_store::contents())
         if (k.starts_with("/wlan/inf:2/") && k != "/wlan/inf:2/ap_mode") got[k] = v;
     EXPECT_EQ(got, want);
-    EXPECT_EQ(db("/wlan/inf:1/ssid"), "<none>") << "band 1 is not in the mask";
+    EXPECT_EQ(stored("/wlan/inf:1/ssid"), "<unset>") << "band 1 is not in the mask";
 
     rec.vlan_id[1] = 0x01;  // 4097: refused after the name, before the code
     std::strcpy(rec.ssid_name, "Other");
     rec.auth_type = 0;
     EXPECT_EQ(set_ssid_info(rec), 65535);
-    EXPECT_EQ(db("/wlan/inf:2/multi/index:3/ssid"), "Other");
-    EXPECT_EQ(db("/wlan/inf:2/multi/index:3/auth"), "4");
+    EXPECT_EQ(stored("/wlan/inf:2/multi/index:3/ssid"), "Other");
+    EXPECT_EQ(stored("/wlan/inf:2/multi/index:3/auth"), "4");
     EXPECT_EQ(set_vlan_id(1, 1, 4096), 0);
     EXPECT_EQ(set_vlan_id(1, 1, 4097), -1);
 }
@@ -183,7 +170,7 @@ TEST_F(Wireless, SsidGroupsBeyondEveryAcceptedRequestAreRefused) {
         lrgbin_store::put("/wlan/inf:1/multi/index:1/ssid", "Before");
         const int result = call(tav_set_ssid_list, tav::kOpSetSsidList, body);
         EXPECT_EQ(result, groups == 201 ? 0 : 65533) << groups;
-        EXPECT_EQ(db("/wlan/inf:1/multi/index:1/ssid"), groups == 201 ? "Last" : "Before");
+        EXPECT_EQ(stored("/wlan/inf:1/multi/index:1/ssid"), groups == 201 ? "Last" : "Before");
         EXPECT_EQ(commands().empty(), groups != 201);
         tavc_record::clear();
     }
@@ -197,8 +184,8 @@ TEST_F(Wireless, CountryIsLookedUpThroughSeq) {
     lrgbin_store::put("/runtime/countrydomaintable:2/index", "20");
     lrgbin_store::put("/runtime/countrydomaintable:2/code", "250");
     EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 20)), 0);
-    EXPECT_EQ(db("/runtime/layout/countrycode"), "250");
-    EXPECT_EQ(db("/sys/country_name"), "2");
+    EXPECT_EQ(stored("/runtime/layout/countrycode"), "250");
+    EXPECT_EQ(stored("/sys/country_name"), "2");
     EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "sleep 5; reboot"}));
     EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 82)), 218);
     EXPECT_EQ(out(), "set_country_code: Unknown country!\n");
@@ -213,7 +200,7 @@ TEST_F(Wireless, ClientNumbersEndAt255OrAtAGap) {
     lrgbin_store::put("/wlan/inf:1/multi/index:1/state", "1");
     ASSERT_EQ(call(tav_get_client_list, tav::kOpGetClientList, {}), 0);
     std::map<uint8_t, int> per_ssid;  // by the MAC's last byte
-    for (const auto &[tag, v] : parse(reply_tlvs()))
+    for (const auto &[tag, v] : tlvs_of(reply_tlvs()))
         if (tag == 14) ++per_ssid[v[5]];
     EXPECT_EQ(per_ssid, (std::map<uint8_t, int>{{1, 255}, {2, 2}}));
 }
@@ -252,7 +239,7 @@ TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
         SCOPED_TRACE(row.op);
         ASSERT_EQ(call(row.handler, row.op, row.body), 0);
         const Bytes body = reply_tlvs();
-        const Tlvs t = parse(body);
+        const Tlvs t = tlvs_of(body);
         ASSERT_FALSE(t.empty());
         EXPECT_EQ(t.back(), (std::pair<uint16_t, Bytes>{501, {uint8_t(row.closing >> 8), uint8_t(row.closing)}}));
         const size_t groups = (body.size() - 6) / row.group_bytes;

@@ -1,6 +1,6 @@
 // The client library and the tavctl program against a stand-in device on
-// loopback UDP (and raw frames on lo): cipher binding, reply matching, kept
-// messages, error texts, output forms and exit statuses.
+// loopback UDP: cipher binding, reply matching, kept messages, error texts,
+// output forms and exit statuses. The raw path is driven by the lab suites.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -137,32 +137,6 @@ TEST(Client, SilenceAnnouncementsAndUndecodable) {
     EXPECT_FALSE(all[1].header);  // raw plaintext still exposed
     EXPECT_EQ(all[1].plaintext, (Bytes{1, 2, 3}));
     EXPECT_EQ(c.undecodable(), 1u);
-}
-
-// Raw Ethernet needs CAP_NET_RAW; loopback keeps the frames on this host.
-TEST(Client, RawRequestAndReplyOverLoopback) {
-    if (geteuid() != 0) GTEST_SKIP() << "raw sockets need root";
-    auto dev = RawTransport::open("lo").value();
-    auto cipher = Cipher::load(TEST_CIPHER).value();
-    Options o = Options::raw("lo", "", TEST_CIPHER);
-    o.sequence = 0x0101;
-    o.source_mac = Mac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xaa};  // a second manager
-    Client c(o);
-    ASSERT_TRUE(c.send_request(kOpBye, {}));
-    std::optional<Message> req;
-    for (auto end = Clock::now() + 1s; !req || req->msg_type() != kMsgL2Request;) {
-        auto d = dev->receive(end);
-        ASSERT_TRUE(d) << "no request frame";
-        auto plain = cipher.decode(get_be16(d->payload.data()), std::span(d->payload).subspan(2));
-        if (plain) req = parse_message(*plain), req->src_mac = d->src_mac;
-    }
-    EXPECT_EQ(std::tuple(req->header->sequence, req->header->target_mac, req->src_mac),
-              std::tuple(0x0101, kBroadcastMac, *o.source_mac));
-    // Answer as a device: broadcast, addressed to the requester's MAC.
-    auto answer = build_request(false, 0x0101, kOpBye, *o.source_mac, {}, {});
-    put_be16(answer.data(), kMsgL2Reply);
-    ASSERT_TRUE(dev->send(seal(cipher, answer)));
-    EXPECT_EQ(c.collect(0x0101, kOpBye, 1s, 1).size(), 1u);
 }
 
 struct Run {
@@ -320,8 +294,8 @@ TEST(Tavctl, TargetByHostNameResolvesThroughDiscovery) {
     EXPECT_EQ(dev.requests().back().header->target_ip, (std::array<uint8_t, 4>{192, 0, 2, 31}));
 }
 
-// Maintenance commands: the requests they compose, --wait's outcomes and its
-// time limit, and what they refuse before sending anything.
+// Maintenance commands: the requests they compose, --wait's failure, time
+// limit and busy texts, and what they refuse before sending anything.
 TEST(Tavctl, MaintenanceRequestsWaitAndRefusals) {
     std::atomic<int> progress{0}, after_start{0};  // what status queries answer
     FakeDevice dev([&](const Message &req) {
@@ -356,10 +330,6 @@ TEST(Tavctl, MaintenanceRequestsWaitAndRefusals) {
     auto failed = tavctl(udp(dev, wait), pw);
     EXPECT_EQ(failed.status, 1);
     EXPECT_NE(failed.err.find("failed: the device reports a failure"), std::string::npos) << failed.err;
-    after_start = 0;
-    auto ended = tavctl(udp(dev, "--user admin config backup --server 192.0.2.7 --file c --wait"), pw);
-    EXPECT_EQ(ended.status, 0) << ended.err;
-    EXPECT_NE(ended.out.find("configuration backup: ended after"), std::string::npos) << ended.out;
     after_start = 2;
     auto late = tavctl(udp(dev, wait + " --limit 1"), pw);
     EXPECT_EQ(late.status, 3);

@@ -241,24 +241,34 @@ Snmp snmp_of(const Message &m) {
     return s;
 }
 
+// One device's settings: a --json array of one object, or labelled fields.
+int print_settings(const Args &a, const std::function<void(JsonWriter &)> &json,
+                   const std::vector<std::pair<std::string, std::string>> &fields) {
+    if (a.json) {
+        JsonWriter j;
+        j.begin_array().begin_object();
+        json(j);
+        j.end_object().end_array();
+        std::fputs(j.str().c_str(), stdout);
+    } else {
+        print_fields(fields);
+    }
+    return kExitOk;
+}
+
 int cmd_snmp_get(Args &a) {
     OptParser(a).parse_none();
     Message m;
     if (int rc = request_one_device(a, kOpGetSnmp, {}, m)) return rc;
     Snmp s = snmp_of(m);
-    if (a.json) {
-        JsonWriter j;
-        j.begin_array().begin_object();
-        j.key("enabled").value((s.state & 1) != 0);
-        j.key("ro_community").value(s.ro);
-        j.key("rw_community").value(s.rw);
-        j.end_object().end_array();
-        std::fputs(j.str().c_str(), stdout);
-        return kExitOk;
-    }
-    print_fields({{"snmp", (s.state & 1) ? "on" : "off"}, {"read-only community", s.ro},
-                  {"read-write community", s.rw}});
-    return kExitOk;
+    return print_settings(
+        a,
+        [&](JsonWriter &j) {
+            j.key("enabled").value((s.state & 1) != 0);
+            j.key("ro_community").value(s.ro);
+            j.key("rw_community").value(s.rw);
+        },
+        {{"snmp", (s.state & 1) ? "on" : "off"}, {"read-only community", s.ro}, {"read-write community", s.rw}});
 }
 
 int cmd_snmp_set(Args &a) {
@@ -410,22 +420,18 @@ int cmd_time_get(Args &a) {
     Message m;
     if (int rc = request_one_device(a, kOpGetDateTime, {}, m)) return rc;
     DevClock c = clock_of(m);
-    if (a.json) {
-        JsonWriter j;
-        j.begin_array().begin_object();
-        j.key("ntp").value(c.ntp);
-        j.key("ntp_server").value(c.server);
-        j.key("time_zone_id").value(uint64_t(c.zone));
-        j.key("date_time").value(readable_stamp(c.stamp));
-        j.end_object().end_array();
-        std::fputs(j.str().c_str(), stdout);
-        return kExitOk;
-    }
-    print_fields({{"ntp", c.ntp ? "on" : "off"},
-                  {"ntp server", c.server},
-                  {"time zone id", c.zone ? std::to_string(c.zone) : "none"},
-                  {"date and time", readable_stamp(c.stamp)}});
-    return kExitOk;
+    return print_settings(
+        a,
+        [&](JsonWriter &j) {
+            j.key("ntp").value(c.ntp);
+            j.key("ntp_server").value(c.server);
+            j.key("time_zone_id").value(uint64_t(c.zone));
+            j.key("date_time").value(readable_stamp(c.stamp));
+        },
+        {{"ntp", c.ntp ? "on" : "off"},
+         {"ntp server", c.server},
+         {"time zone id", c.zone ? std::to_string(c.zone) : "none"},
+         {"date and time", readable_stamp(c.stamp)}});
 }
 
 // "YYYY-MM-DD hh:mm:ss", "YYYYMMDDhhmmss" or "now" as 14 digits.

@@ -186,40 +186,23 @@ int cmd_raw(Args &a) {
         if (!t) throw UsageError{t.error()};
         tlvs.push_back(std::move(*t));
     }
-    std::vector<Message> replies;
-    bool ipv4 = false;
-    int rc = run_request(a, *op, tlvs, replies, ipv4);
-    if (rc == kExitNoReply && a.json) std::printf("[]\n");
-    if (rc != kExitOk) return rc;
-    if (a.json) {
-        JsonWriter j;
-        j.begin_array();
-        for (const auto &m : replies) json_reply(j, m, ipv4);
-        j.end_array();
-        std::fputs(j.str().c_str(), stdout);
-    } else {
-        for (const auto &m : replies) print_reply_human(m, ipv4);
-    }
-    return worst_result(replies);
+    return each_reply(a, *op, tlvs, [&](JsonWriter &j, const Message &m, bool ipv4, bool) {
+        if (a.json)
+            json_reply(j, m, ipv4);
+        else
+            print_reply_human(m, ipv4);
+    });
 }
 
 int cmd_functions(Args &a) {
     OptParser(a).parse_none();
-    std::vector<Message> replies;
-    bool ipv4 = false;
-    int rc = run_request(a, kOpSupportedFunctions, {}, replies, ipv4);
-    if (rc == kExitNoReply && a.json) std::printf("[]\n");
-    if (rc != kExitOk) return rc;
-    JsonWriter j;
-    j.begin_array();
-    for (const auto &m : replies) {
+    return each_reply(a, kOpSupportedFunctions, {}, [&](JsonWriter &j, const Message &m, bool ipv4,
+                                                        bool several) {
         std::vector<uint16_t> codes;
         for (const Record *t : m.all(kTagSupportedFunction))
             if (t->value.size() == 2) codes.push_back(get_be16(t->value.data()));
         if (a.json) {
-            j.begin_object();
-            j.key("from").value(from_text(m, ipv4));
-            j.key("result").value(uint64_t(m.result()));
+            json_head(j, m, ipv4);
             j.key("functions").begin_array();
             for (uint16_t c : codes) {
                 const OpCodeInfo *op = find_op_code(c);
@@ -236,7 +219,7 @@ int cmd_functions(Args &a) {
             j.end_array();
             j.end_object();
         } else {
-            if (replies.size() > 1 || m.result() != 0)
+            if (several || m.result() != 0)
                 std::printf("%s: result %s\n", from_text(m, ipv4).c_str(),
                             result_text(m.result(), m.op_code()).c_str());
             for (uint16_t c : codes) {
@@ -245,10 +228,7 @@ int cmd_functions(Args &a) {
                             op ? std::string(op->handler).c_str() : "(unknown)");
             }
         }
-    }
-    j.end_array();
-    if (a.json) std::fputs(j.str().c_str(), stdout);
-    return worst_result(replies);
+    });
 }
 
 int cmd_verify(Args &a) {
@@ -256,20 +236,11 @@ int cmd_verify(Args &a) {
     if (!a.cred.have_user) throw UsageError{"verify needs --user NAME"};
     TlvList tlvs;
     if (int rc = add_credentials(a, tlvs)) return rc;
-    std::vector<Message> replies;
-    bool ipv4 = false;
-    int rc = run_request(a, kOpUserVerification, tlvs, replies, ipv4);
-    if (rc == kExitNoReply && a.json) std::printf("[]\n");
-    if (rc != kExitOk) return rc;
-    JsonWriter j;
-    j.begin_array();
-    for (const auto &m : replies) {
+    return each_reply(a, kOpUserVerification, tlvs, [&](JsonWriter &j, const Message &m, bool ipv4, bool) {
         const Record *v = m.find(kTagVerification);
         bool ok = m.result() == 0 && v && v->value.size() == 4 && v->value[0] == 1;
         if (a.json) {
-            j.begin_object();
-            j.key("from").value(from_text(m, ipv4));
-            j.key("result").value(uint64_t(m.result()));
+            json_head(j, m, ipv4);
             j.key("result_meaning").value(result_meaning(m.result(), kOpUserVerification));
             j.key("verified").value(ok);
             j.end_object();
@@ -278,35 +249,20 @@ int cmd_verify(Args &a) {
                         ok ? "credentials accepted"
                            : ("result " + result_text(m.result(), kOpUserVerification)).c_str());
         }
-    }
-    j.end_array();
-    if (a.json) std::fputs(j.str().c_str(), stdout);
-    return worst_result(replies);
+    });
 }
 
 int cmd_simple(Args &a, uint16_t op) {
     OptParser(a).parse_none();
-    std::vector<Message> replies;
-    bool ipv4 = false;
-    int rc = run_request(a, op, {}, replies, ipv4);
-    if (rc == kExitNoReply && a.json) std::printf("[]\n");
-    if (rc != kExitOk) return rc;
-    JsonWriter j;
-    j.begin_array();
-    for (const auto &m : replies) {
+    return each_reply(a, op, {}, [&](JsonWriter &j, const Message &m, bool ipv4, bool) {
         if (a.json) {
-            j.begin_object();
-            j.key("from").value(from_text(m, ipv4));
-            j.key("result").value(uint64_t(m.result()));
+            json_head(j, m, ipv4);
             j.key("result_meaning").value(result_meaning(m.result(), op));
             j.end_object();
         } else {
             std::printf("%s: result %s\n", from_text(m, ipv4).c_str(), result_text(m.result(), op).c_str());
         }
-    }
-    j.end_array();
-    if (a.json) std::fputs(j.str().c_str(), stdout);
-    return worst_result(replies);
+    });
 }
 
 int cmd_hello(Args &a) { return cmd_simple(a, kOpHello); }

@@ -94,30 +94,18 @@ uint64_t number_of(const Record &r) {
 int for_each_reply(Args &a, uint16_t op, const TlvList &tlvs,
                    const std::function<void(const Message &)> &show,
                    const std::function<void(JsonWriter &, const Message &)> &json) {
-    std::vector<Message> replies;
-    bool ipv4 = false;
-    int rc = run_request(a, op, tlvs, replies, ipv4);
-    if (rc == kExitNoReply && a.json) std::printf("[]\n");
-    if (rc != kExitOk) return rc;
-    JsonWriter j;
-    j.begin_array();
-    for (const auto &m : replies) {
+    return each_reply(a, op, tlvs, [&](JsonWriter &j, const Message &m, bool ipv4, bool several) {
         if (a.json) {
-            j.begin_object();
-            j.key("from").value(from_text(m, ipv4));
-            j.key("result").value(uint64_t(m.result()));
+            json_head(j, m, ipv4);
             if (m.result() == 0) json(j, m);
             j.end_object();
-            continue;
+            return;
         }
-        if (replies.size() > 1 || m.result() != 0)
+        if (several || m.result() != 0)
             std::printf("%s%s\n", from_text(m, ipv4).c_str(),
                         m.result() ? (": result " + result_text(m.result(), op)).c_str() : ":");
         if (m.result() == 0) show(m);
-    }
-    j.end_array();
-    if (a.json) std::fputs(j.str().c_str(), stdout);
-    return worst_result(replies);
+    });
 }
 
 // A set request to one device; prints the outcome.

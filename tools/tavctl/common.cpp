@@ -285,6 +285,26 @@ int worst_result(const std::vector<Message> &replies) {
     return kExitOk;
 }
 
+int each_reply(Args &a, uint16_t op, const TlvList &tlvs, const EachReply &each) {
+    std::vector<Message> replies;
+    bool ipv4 = false;
+    int rc = run_request(a, op, tlvs, replies, ipv4);
+    if (rc == kExitNoReply && a.json) std::printf("[]\n");
+    if (rc != kExitOk) return rc;
+    JsonWriter j;
+    j.begin_array();
+    for (const auto &m : replies) each(j, m, ipv4, replies.size() > 1);
+    j.end_array();
+    if (a.json) std::fputs(j.str().c_str(), stdout);
+    return worst_result(replies);
+}
+
+void json_head(JsonWriter &j, const Message &m, bool ipv4) {
+    j.begin_object();
+    j.key("from").value(from_text(m, ipv4));
+    j.key("result").value(uint64_t(m.result()));
+}
+
 int request_one_device(Args &a, uint16_t op, const TlvList &tlvs, Message &reply) {
     bool named = !a.target.empty() || addressed_to_one(a);
     if (!named)

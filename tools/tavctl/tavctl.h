@@ -143,6 +143,13 @@ int open_session(Args &a, std::optional<Session> &out);
 int run_request(Args &a, uint16_t op, const TlvList &tlvs, std::vector<Message> &replies,
                 bool &ipv4, size_t max_override = SIZE_MAX);
 int worst_result(const std::vector<Message> &replies);
+// Runs a request to every device it reaches and hands each reply to `each`
+// with the writer of the --json array (printed afterwards; "[]" when none
+// answered) and whether several replied. Returns the exit status.
+using EachReply = std::function<void(JsonWriter &, const Message &, bool ipv4, bool several)>;
+int each_reply(Args &a, uint16_t op, const TlvList &tlvs, const EachReply &each);
+// Opens a reply's --json object with "from" and "result".
+void json_head(JsonWriter &j, const Message &m, bool ipv4);
 
 // The request to exactly one device (--target, --target-ip or a unicast
 // --udp; a usage error otherwise). On a non-zero result prints
