@@ -108,7 +108,11 @@ Step tlv_walk_any(const TlvRequestBase &d, const uint8_t *body, uint16_t body_le
                                         tav_tmp_server) != 0)
                 return Step::end(d.precedence_refusal);
         } else if (r->store == Store::Call) {
-            if (Step s = r->action(req, tag, v, taken); s.ended()) return s;
+            if (r->action == nullptr) {
+                // nothing to call: the value is stepped over
+            } else if (Step s = r->action(req, tag, v, taken); s.ended()) {
+                return s;
+            }
         } else if (r->in_group) {
             if (d.groups.capacity != 0) {
                 if (r->store == Store::GroupStart && !open_group(d.groups, fields))
