@@ -35,6 +35,7 @@ mapfile -t targets < "$out/fuzz/targets.txt"
 ((${#only[@]})) && targets=("${only[@]}")
 [ -n "$summary" ] && : > "$summary"
 failed=0
+good=0 bad=0
 for t in "${targets[@]}"; do
     [ -n "$t" ] || continue
     corpus=$out/corpus/${t%_fuzz}
@@ -63,6 +64,10 @@ for t in "${targets[@]}"; do
         grep -E '^(==[0-9]+==|SUMMARY|engine_fuzz|xmldb_fuzz|reply_fuzz|base64_fuzz|fuzz guard|.*runtime error)' "$log" | head -20 >&2
         ls "$findings" >&2
         failed=1
+        bad=$((bad + 1))
+    else
+        good=$((good + 1))
     fi
 done
+echo "fuzz: $good passed, $bad failed"
 exit $failed
