@@ -20,13 +20,7 @@ using maint::Transfer;
 
 constexpr auto kBackupRules = maint::transfer_rules(tav::kTagCfgOrUrlName);
 
-constexpr TlvRequest<Transfer> kTransfer{
-    kBackupRules,
-    Take::Declared,
-    ParamRefusal{tav::kResultRefused},
-    PrecedenceRefusal{tav::kResultRefused},
-    AuthRefusal{tav::kResultAuthFailed},
-    tlv_credentials(TAVC_FIELD(Transfer, user_name), TAVC_FIELD(Transfer, password))};
+constexpr TlvRequest<Transfer> kTransfer = maint::transfer_request(kBackupRules);
 
 constexpr int kRunning = 2;
 

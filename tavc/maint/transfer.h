@@ -71,4 +71,15 @@ constexpr std::array<TlvRule, 8> transfer_rules(uint16_t file_tag) {
     };
 }
 
+// The description every transfer shares: both refusals 0xFFFD, then
+// authentication. `rules` must outlive it (a constant of the caller's).
+constexpr TlvRequest<Transfer> transfer_request(std::span<const TlvRule> rules) {
+    return {rules,
+            Take::Declared,
+            ParamRefusal{tav::kResultRefused},
+            PrecedenceRefusal{tav::kResultRefused},
+            AuthRefusal{tav::kResultAuthFailed},
+            tlv_credentials(TAVC_FIELD(Transfer, user_name), TAVC_FIELD(Transfer, password))};
+}
+
 }  // namespace maint

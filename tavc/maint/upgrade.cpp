@@ -22,13 +22,7 @@ using maint::Transfer;
 
 constexpr auto kUpgradeRules = maint::transfer_rules(tav::kTagFwOrUrlName);
 
-constexpr TlvRequest<Transfer> kUpgrade{
-    kUpgradeRules,
-    Take::Declared,
-    ParamRefusal{tav::kResultRefused},
-    PrecedenceRefusal{tav::kResultRefused},
-    AuthRefusal{tav::kResultAuthFailed},
-    tlv_credentials(TAVC_FIELD(Transfer, user_name), TAVC_FIELD(Transfer, password))};
+constexpr TlvRequest<Transfer> kUpgrade = maint::transfer_request(kUpgradeRules);
 
 enum FwProgress : uint8_t { kIdle = 0, kFailed = 1, kRunning = 2, kDone = 3 };
 
