@@ -118,6 +118,11 @@ TEST_F(LabSmoke, AccessPointsSeeTheLabsCipherTheirOwnDatabaseAndOnlyStubs) {
     for (int i = 0; i < 100 && (slurp(boots) == count || slurp(kRun + "ap2/ready").empty()); ++i)
         std::this_thread::sleep_for(100ms);
     EXPECT_NE(slurp(boots), count) << "no simulated reboot";
+    // The stub's wake-up signal arriving after its request was taken starts no second reboot.
+    const std::string rebooted = slurp(boots);
+    EXPECT_EQ(on("ap2", "kill -USR1 \"$(cat /var/run/supervisor.pid)\"").second, 0);
+    std::this_thread::sleep_for(2500ms);
+    EXPECT_EQ(slurp(boots), rebooted) << "a second reboot";
     EXPECT_EQ(db_get("ap2", "/lab/kept") + "|" + db_get("ap2", "/lab/lost"), "1|");
     EXPECT_EQ(slurp("/proc/sys/kernel/random/boot_id"), boot);
     const std::string events = slurp(kRun + "ap1/events.log") + slurp(kRun + "ap2/events.log");

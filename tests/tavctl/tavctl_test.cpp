@@ -346,8 +346,8 @@ TEST(Tavctl, MaintenanceRequestsWaitAndRefusals) {
         SCOPED_TRACE(bad);
         EXPECT_EQ(tavctl(udp(dev, std::string("--user admin ") + bad), pw).status, 2);
     }
-    const std::string n129(129, 'f');
-    EXPECT_EQ(tavctl(udp(dev, "--user admin config backup --server 192.0.2.7 --file " + n129), pw).status, 2);
+    const std::string n128(128, 'f');  // 129 bytes with its NUL: the device would ignore it
+    EXPECT_EQ(tavctl(udp(dev, "--user admin config backup --server 192.0.2.7 --file " + n128), pw).status, 2);
     EXPECT_EQ(tavctl("--udp 127.255.255.255 --cipher " TEST_CIPHER " --user admin reboot", pw).status, 2);
     EXPECT_EQ(dev.requests().size(), before) << "nothing is sent for bad input";
 }

@@ -26,7 +26,7 @@ Needs --user and a password (see "tavctl verify --help") and one device
 const char kHelp_firmware_upgrade[] =
     R"(usage: tavctl [OPTIONS] firmware upgrade --server ADDR --file NAME [--wait [--limit S]]
 
-Has the device fetch the firmware image NAME (at most 128 bytes) from the TFTP
+Has the device fetch the firmware image NAME (at most 127 bytes) from the TFTP
 server at IPv4 address ADDR and install it (op 0x100); on success the device
 reboots. Refused when an upgrade already runs on the device.
 --wait     follow the upgrade with status queries (one a second), show its
@@ -41,7 +41,7 @@ const char kHelp_config_backup[] =
     R"(usage: tavctl [OPTIONS] config backup --server ADDR --file NAME [--wait [--limit S]]
 
 Has the device save its configuration and upload it by TFTP to the server at
-IPv4 address ADDR as NAME (at most 128 bytes) (op 0x101).
+IPv4 address ADDR as NAME (at most 127 bytes) (op 0x101).
 --wait     follow the upload with status queries until it has ended (the
            device does not report whether the upload itself succeeded)
 --limit S  give up waiting after S seconds (default 300; exit status 3)
@@ -51,7 +51,7 @@ Needs --user and a password and one device.
 const char kHelp_config_restore[] =
     R"(usage: tavctl [OPTIONS] config restore --server ADDR --file NAME [--wait [--limit S]]
 
-Has the device download the configuration file NAME (at most 128 bytes) from
+Has the device download the configuration file NAME (at most 127 bytes) from
 the TFTP server at IPv4 address ADDR and apply it (op 0x102); on success the
 device reboots 5 seconds later with that configuration.
 --wait     follow the download with status queries and report the outcome
@@ -185,9 +185,12 @@ int run_transfer(Args &a, const TransferKind &k) {
     if (!server || !file) throw UsageError{a.command + " needs --server ADDR and --file NAME"};
     auto ip = parse_ipv4(*server);
     if (!ip) throw UsageError{"--server: \"" + *server + "\" is not an IPv4 address"};
-    if (file->empty() || file->size() > 128)
+    // The name travels with its NUL, and the device ignores a value over 128
+    // bytes as a whole (it would fetch an empty name).
+    if (file->empty() || file->size() > 127)
         throw UsageError{
-            "--file: the name must have 1 to 128 bytes (the device ignores longer ones)"};
+            "--file: the name must have 1 to 127 bytes (with its NUL, the device ignores longer "
+            "ones)"};
     if (file->find('\0') != std::string::npos) throw UsageError{"--file: the name holds a NUL"};
     if (limit && !wait) throw UsageError{"--limit applies to --wait only"};
     if (limit && *limit == 0) throw UsageError{"--limit: at least 1 second"};
