@@ -227,13 +227,13 @@ TEST_F(Snmp, SetAppliesWhatItCanAndPrintsEachRefusal) {
         {"no state switches off", text(41, "rw-2"), 0, "00000000", "", "0", "public", "rw-2"},
         {"too long", u8(39, 1) + text(40, c30) + text(41, "rw-3"), 2002, "02000000",
          "error:snmp_rocomm too long\n", "1", "public", "rw-3"},
-        {"quote", u8(39, 1) + text(41, "it's"), 2002, "04000000", "error:value can't include #`'\"\\\n", "1",
+        {"quote", u8(39, 1) + text(41, "it's"), 2002, "04000000", "error:value can't include #`'\\\"\n", "1",
          "public", "private"},
         {"delete", u8(39, 3) + text(40, "a") + text(41, "b"), 2002, "06000000",
          "error:Can't delete read only community\nerror:Can't delete read-write community\n", "1", "public",
          "private"},
         {"views", u8(39, 1) + text(42, "v") + text(43, "w") + text(40, "x`"), 2002, "1a000000",
-         "error:value can't include #`'\"\\\nerror:Don't support roview\nerror:Don't support rwview\n", "1",
+         "error:value can't include #`'\\\"\nerror:Don't support roview\nerror:Don't support rwview\n", "1",
          "public", "private"},
     };
     Client mgr = lab().raw();
