@@ -445,6 +445,12 @@ TEST_F(AdminSession, SettingsMadeWithTavctlReadBackAndSurviveAReboot) {
                         "admin");
     EXPECT_EQ(too_long.status, 2);
     EXPECT_NE(too_long.out.find("compares only 31"), std::string::npos) << too_long.out;
+    // A zone without a protocol id is not silently replaced by id 1's.
+    ASSERT_TRUE(lab().db_set(1, "/time/timezone", "15"));
+    auto no_zone = ctl("--target ap1 --user admin time set --ntp on", "admin");
+    EXPECT_EQ(no_zone.status, 2);
+    EXPECT_NE(no_zone.out.find("give --zone ID"), std::string::npos) << no_zone.out;
+    EXPECT_EQ(lab().db_get(1, "/time/timezone"), "15");
 
     const std::pair<std::string, std::string> steps[] = {
         {"--target ap1 account set --user admin --new-user ops --new-password-file " + pw, "admin"},

@@ -97,8 +97,8 @@ const char kTimeSetHelp[] = R"(usage: tavctl [OPTIONS] time set [--ntp on|off] [
        tavctl [OPTIONS] time set --dst on|off --user NAME [--password-file FILE]
 
 Sets one device's clock (op 0xE5). The device writes NTP use, server and time
-zone together: what is not given is read from the device first and kept. The
-date and time are sent only with --date-time ("now": this machine's local
+zone together: what is not given is read from the device first and kept (a
+device whose zone has no id, 1 to 84, needs --zone). The date and time are sent only with --date-time ("now": this machine's local
 time); without it the device still runs its date command, with zeros, which
 fails and changes nothing. The NTP server 127.0.0.1 is refused by the device.
 --dst switches daylight saving on or off and changes nothing else.
@@ -485,6 +485,9 @@ int cmd_time_set(Args &a) {
         Message m;
         if (int rc = request_one_device(a, kOpGetDateTime, {}, m)) return rc;
         cur = clock_of(m);
+        // The device would replace a zone without an id by id 1's.
+        if (!zone && cur.zone == 0)
+            throw UsageError{"the device's time zone has no id (1 to 84) and would not be kept: give --zone ID"};
     }
     bool use_ntp = ntp ? on_off("--ntp", *ntp) : cur.ntp;
     std::string ntp_server = server.value_or(cur.server);
