@@ -225,8 +225,11 @@ shutdown() {
 }
 
 # --- Main loop ---------------------------------------------------------------
-REQUEST=0 STOP=0 TICKS=0
-trap 'REQUEST=1' USR1
+STOP=0 TICKS=0
+# The request file is the request; the stubs' USR1 only cuts the wait short.
+# (Taking the signal as a request of its own rebooted twice whenever the loop
+# found the file before the signal came.)
+trap : USR1
 trap 'STOP=1' TERM INT HUP
 
 boot
@@ -237,8 +240,7 @@ fi
 echo ok >/var/run/ready
 
 while [ "$STOP" = 0 ]; do
-    if [ "$REQUEST" = 1 ] || [ -e /var/run/reboot.request ]; then
-        REQUEST=0
+    if [ -e /var/run/reboot.request ]; then
         reason=$(cat /var/run/reboot.request 2>/dev/null)
         rm -f /var/run/reboot.request
         log "reboot (${reason:-requested})"

@@ -118,6 +118,11 @@ TEST_F(LabSmoke, AccessPointsSeeTheLabsCipherTheirOwnDatabaseAndOnlyStubs) {
     for (int i = 0; i < 100 && (slurp(boots) == count || slurp(kRun + "ap2/ready").empty()); ++i)
         std::this_thread::sleep_for(100ms);
     EXPECT_NE(slurp(boots), count) << "no simulated reboot";
+    // The stubs' signal only wakes the supervisor: one arriving after the
+    // request was handled must not reboot a second time.
+    const std::string once = slurp(boots);
+    EXPECT_EQ(on("ap2", "kill -USR1 \"$(cat /var/run/supervisor.pid)\" && sleep 1.5").second, 0);
+    EXPECT_EQ(slurp(boots), once) << "a second reboot for one request";
     EXPECT_EQ(db_get("ap2", "/lab/kept") + "|" + db_get("ap2", "/lab/lost"), "1|");
     EXPECT_EQ(slurp("/proc/sys/kernel/random/boot_id"), boot);
     const std::string events = slurp(kRun + "ap1/events.log") + slurp(kRun + "ap2/events.log");
