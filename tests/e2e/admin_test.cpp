@@ -445,6 +445,10 @@ TEST_F(AdminSession, SettingsMadeWithTavctlReadBackAndSurviveAReboot) {
                         "admin");
     EXPECT_EQ(too_long.status, 2);
     EXPECT_NE(too_long.out.find("compares only 31"), std::string::npos) << too_long.out;
+    // Values the device would cut, reading their rest as records, are not sent.
+    for (const std::string &cut : {"device set --name " + std::string(64, 'n'),
+                                   "time set --zone 7 --ntp-server " + std::string(255, 's')})
+        EXPECT_EQ(ctl("--target ap1 --user admin " + cut, "admin").status, 2) << cut;
     // A zone without a protocol id is not silently replaced by id 1's.
     ASSERT_TRUE(lab().db_set(1, "/time/timezone", "15"));
     auto no_zone = ctl("--target ap1 --user admin time set --ntp on", "admin");

@@ -17,6 +17,9 @@ namespace {
 constexpr size_t kUserNameMax = 63, kPasswordMax = 31;
 // The device keeps 95 characters of each base64 text.
 constexpr size_t kBase64Max = 95;
+// What the device takes of a system name and of an NTP server: it reads the
+// rest of a longer value as records of their own.
+constexpr size_t kSystemNameMax = 63, kNtpServerMax = 254;
 
 const char kAccountHelp[] = R"(usage: tavctl [OPTIONS] account set --new-user NAME [--new-password-file FILE] [--force]
                                    --user NAME [--password-file FILE] [--precedence N]
@@ -81,8 +84,8 @@ and may change its address.
 const char kDeviceHelp[] = R"(usage: tavctl [OPTIONS] device set --name NAME | --web-port PORT
                            --user NAME [--password-file FILE]
 
-Changes one device's system name (at most 63 characters are kept) or the port
-of its web server (op 0xE3), one item per request.
+Changes one device's system name (at most 63 characters) or the port of its
+web server (op 0xE3), one item per request.
 )";
 
 const char kTimeGetHelp[] = R"(usage: tavctl [OPTIONS] time get
@@ -373,6 +376,8 @@ int cmd_device_set(Args &a) {
     std::optional<uint64_t> port;
     OptParser(a).text("--name", name).number("--web-port", 65535, port).parse_none();
     if (bool(name) == bool(port)) throw UsageError{"device set needs exactly one of --name N and --web-port P"};
+    if (name && name->size() > kSystemNameMax)
+        throw UsageError{"--name: at most " + std::to_string(kSystemNameMax) + " characters"};
     TlvList tlvs;
     if (int rc = add_credentials(a, tlvs)) return rc;
     tlvs.push_back(tlv_u8(kTagDeviceInfoType, name ? 0 : 1));
@@ -478,6 +483,8 @@ int cmd_time_set(Args &a) {
     if (!ntp && !server && !zone && !date_time)
         throw UsageError{"time set needs --ntp, --ntp-server, --zone, --date-time or --dst"};
     if (zone && *zone == 0) throw UsageError{"--zone: ids run from 1 to 84"};
+    if (server && server->size() > kNtpServerMax)
+        throw UsageError{"--ntp-server: at most " + std::to_string(kNtpServerMax) + " characters"};
     std::string stamp = date_time ? stamp_of(*date_time) : "";
     if (int rc = add_credentials(a, tlvs)) return rc;
     DevClock cur;
