@@ -67,7 +67,7 @@ uint32_t apply_community(const char *value, const char *too_long, const char *ke
         return bit;
     }
     if (invalid_snmp_str(value)) {
-        puts("error:value can't include #`'\"\\");
+        puts("error:value can't include #`'\\\"");
         return bit;
     }
     _rgdb_set_(key, value);

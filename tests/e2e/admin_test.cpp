@@ -227,13 +227,13 @@ TEST_F(Snmp, SetAppliesWhatItCanAndPrintsEachRefusal) {
         {"no state switches off", text(41, "rw-2"), 0, "00000000", "", "0", "public", "rw-2"},
         {"too long", u8(39, 1) + text(40, c30) + text(41, "rw-3"), 2002, "02000000",
          "error:snmp_rocomm too long\n", "1", "public", "rw-3"},
-        {"quote", u8(39, 1) + text(41, "it's"), 2002, "04000000", "error:value can't include #`'\"\\\n", "1",
+        {"quote", u8(39, 1) + text(41, "it's"), 2002, "04000000", "error:value can't include #`'\\\"\n", "1",
          "public", "private"},
         {"delete", u8(39, 3) + text(40, "a") + text(41, "b"), 2002, "06000000",
          "error:Can't delete read only community\nerror:Can't delete read-write community\n", "1", "public",
          "private"},
         {"views", u8(39, 1) + text(42, "v") + text(43, "w") + text(40, "x`"), 2002, "1a000000",
-         "error:value can't include #`'\"\\\nerror:Don't support roview\nerror:Don't support rwview\n", "1",
+         "error:value can't include #`'\\\"\nerror:Don't support roview\nerror:Don't support rwview\n", "1",
          "public", "private"},
     };
     Client mgr = lab().raw();
@@ -445,6 +445,16 @@ TEST_F(AdminSession, SettingsMadeWithTavctlReadBackAndSurviveAReboot) {
                         "admin");
     EXPECT_EQ(too_long.status, 2);
     EXPECT_NE(too_long.out.find("compares only 31"), std::string::npos) << too_long.out;
+    // Values the device would cut, reading their rest as records, are not sent.
+    for (const std::string &cut : {"device set --name " + std::string(64, 'n'),
+                                   "time set --zone 7 --ntp-server " + std::string(255, 's')})
+        EXPECT_EQ(ctl("--target ap1 --user admin " + cut, "admin").status, 2) << cut;
+    // A zone without a protocol id is not silently replaced by id 1's.
+    ASSERT_TRUE(lab().db_set(1, "/time/timezone", "15"));
+    auto no_zone = ctl("--target ap1 --user admin time set --ntp on", "admin");
+    EXPECT_EQ(no_zone.status, 2);
+    EXPECT_NE(no_zone.out.find("give --zone ID"), std::string::npos) << no_zone.out;
+    EXPECT_EQ(lab().db_get(1, "/time/timezone"), "15");
 
     const std::pair<std::string, std::string> steps[] = {
         {"--target ap1 account set --user admin --new-user ops --new-password-file " + pw, "admin"},

@@ -17,6 +17,9 @@ namespace {
 constexpr size_t kUserNameMax = 63, kPasswordMax = 31;
 // The device keeps 95 characters of each base64 text.
 constexpr size_t kBase64Max = 95;
+// What the device takes of a system name and of an NTP server: it reads the
+// rest of a longer value as records of their own.
+constexpr size_t kSystemNameMax = 63, kNtpServerMax = 254;
 
 const char kAccountHelp[] = R"(usage: tavctl [OPTIONS] account set --new-user NAME [--new-password-file FILE] [--force]
                                    --user NAME [--password-file FILE] [--precedence N]
@@ -81,8 +84,8 @@ and may change its address.
 const char kDeviceHelp[] = R"(usage: tavctl [OPTIONS] device set --name NAME | --web-port PORT
                            --user NAME [--password-file FILE]
 
-Changes one device's system name (at most 63 characters are kept) or the port
-of its web server (op 0xE3), one item per request.
+Changes one device's system name (at most 63 characters) or the port of its
+web server (op 0xE3), one item per request.
 )";
 
 const char kTimeGetHelp[] = R"(usage: tavctl [OPTIONS] time get
@@ -97,8 +100,8 @@ const char kTimeSetHelp[] = R"(usage: tavctl [OPTIONS] time set [--ntp on|off] [
        tavctl [OPTIONS] time set --dst on|off --user NAME [--password-file FILE]
 
 Sets one device's clock (op 0xE5). The device writes NTP use, server and time
-zone together: what is not given is read from the device first and kept. The
-date and time are sent only with --date-time ("now": this machine's local
+zone together: what is not given is read from the device first and kept (a
+device whose zone has no id, 1 to 84, needs --zone). The date and time are sent only with --date-time ("now": this machine's local
 time); without it the device still runs its date command, with zeros, which
 fails and changes nothing. The NTP server 127.0.0.1 is refused by the device.
 --dst switches daylight saving on or off and changes nothing else.
@@ -373,6 +376,8 @@ int cmd_device_set(Args &a) {
     std::optional<uint64_t> port;
     OptParser(a).text("--name", name).number("--web-port", 65535, port).parse_none();
     if (bool(name) == bool(port)) throw UsageError{"device set needs exactly one of --name N and --web-port P"};
+    if (name && name->size() > kSystemNameMax)
+        throw UsageError{"--name: at most " + std::to_string(kSystemNameMax) + " characters"};
     TlvList tlvs;
     if (int rc = add_credentials(a, tlvs)) return rc;
     tlvs.push_back(tlv_u8(kTagDeviceInfoType, name ? 0 : 1));
@@ -478,6 +483,8 @@ int cmd_time_set(Args &a) {
     if (!ntp && !server && !zone && !date_time)
         throw UsageError{"time set needs --ntp, --ntp-server, --zone, --date-time or --dst"};
     if (zone && *zone == 0) throw UsageError{"--zone: ids run from 1 to 84"};
+    if (server && server->size() > kNtpServerMax)
+        throw UsageError{"--ntp-server: at most " + std::to_string(kNtpServerMax) + " characters"};
     std::string stamp = date_time ? stamp_of(*date_time) : "";
     if (int rc = add_credentials(a, tlvs)) return rc;
     DevClock cur;
@@ -485,6 +492,9 @@ int cmd_time_set(Args &a) {
         Message m;
         if (int rc = request_one_device(a, kOpGetDateTime, {}, m)) return rc;
         cur = clock_of(m);
+        // The device would replace a zone without an id by id 1's.
+        if (!zone && cur.zone == 0)
+            throw UsageError{"the device's time zone has no id (1 to 84) and would not be kept: give --zone ID"};
     }
     bool use_ntp = ntp ? on_off("--ntp", *ntp) : cur.ntp;
     std::string ntp_server = server.value_or(cur.server);
