@@ -22,15 +22,18 @@ names=(reboot date submit nb_submit tftp rgdb sys halt poweroff shutdown hwclock
 problems=()
 bad() { problems+=("$1"); }
 
-# Where PATH lookup would find NAME first (nothing when it is nowhere).
+# Where PATH lookup would find NAME first, in $hit (empty when it is
+# nowhere). A variable, not output: the probe runs before every command, and a
+# subshell per name and PATH would cost most of its time.
 first_on() { # PATHLIST NAME
     local d e
+    hit=
     IFS=: read -ra e <<<"$1"
     [ ${#e[@]} -gt 0 ] || e=(.)
     for d in "${e[@]}"; do
         [ -n "$d" ] || d=.
         if [ -f "$d/$2" ] && [ -x "$d/$2" ]; then
-            printf '%s' "$d/$2"
+            hit=$d/$2
             return
         fi
     done
@@ -85,7 +88,7 @@ for label in PATH sh bash libc; do
     IFS=: read -ra entries <<<"$list"
     for d in "${entries[@]}"; do [ "${d:0:1}" = / ] && dirs[$d]=1; done
     for n in "${names[@]}"; do
-        hit=$(first_on "$list" "$n")
+        first_on "$list" "$n"
         if [ -z "$hit" ]; then
             missing[$n]+=" ${label// /^}"
         elif ! [ "$hit" -ef "$stubs/$n" ]; then
