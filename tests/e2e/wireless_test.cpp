@@ -654,6 +654,8 @@ TEST_F(ApArray, MemberActionsWaitForAuthentication) {
         {"wrong password at 54", a1 + u8(946, 1) + wrong_password() + u8(54, 1), 64, {}},
         {"no 54, wrong password", a1 + u8(946, 3) + wrong_password(), 64, {}},
         {"credentials only after 54", a1 + u8(946, 1) + u8(54, 1) + admin(), 64, {}},
+        {"after a passed 54 actions run as met",
+         admin() + u8(54, 1) + a1 + u8(946, 1) + wrong_password() + u8(54, 1), 64, {approve}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
