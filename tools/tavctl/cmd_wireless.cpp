@@ -365,7 +365,7 @@ int cmd_ssid_set(Args &a) {
         tlvs.push_back(tlv_u8(kTagBand, c.band));
         if (c.vlan) tlvs.push_back(tlv_u16(kTagVlanId, *c.vlan));
         tlvs.push_back(tlv_u8(kTagAuthType, auth));
-        const int credential = kAuthCredential[auth];
+        const int credential = kAuthCredential[auth < 13 ? auth : 0];
         if (credential == 1 && (c.passphrase || auth == 1)) {
             const std::string pass = c.passphrase.value_or(base.passphrase);
             if (pass.size() < 8 || pass.size() > 63)
