@@ -269,7 +269,8 @@ const char kSsidSetHelp[] = R"(usage: tavctl ssid set --index N [--band 1|2|both
 Changes one or more SSIDs in one request (op 0x2005). Each --index starts an
 SSID (0 is the band's primary SSID, 1-7 the additional ones); the settings
 after it apply to that SSID:
-  --band 1|2|both          2.4 GHz, 5 GHz or both (default: the previous SSID's, else 1)
+  --band 1|2|both          2.4 GHz, 5 GHz or both (default: the previous SSID's, else 1);
+                           with both, each band keeps its own values of what is not given
   --name TEXT              SSID name (at most 62 characters)
   --auth NAME              open, wpa-psk, wpa-eap, wpa2-psk, wpa2-eap, enhanced-open,
                            owe-transition, wpa2-wpa3-eap, wpa-wpa2-psk, wpa2-wpa3-psk,
@@ -353,33 +354,43 @@ int cmd_ssid_set(Args &a) {
     TlvList tlvs;
     if (int rc = add_credentials(a, tlvs)) return rc;
     for (const Change &c : changes) {
-        Ssid base;
-        for (const Ssid &s : known)
-            if (s.index == c.index && s.band == (c.band == 2 ? 2 : 1)) base = s;
-        const uint8_t auth = c.auth.value_or(base.auth);
-        uint8_t status = base.status;
-        if (c.on) status = *c.on ? 1 : 0;
-        if (c.index == 0) status = 1;
-        tlvs.push_back(tlv_u8(kTagSsidIndex, c.index));
-        tlvs.push_back(tlv_text(kTagSsidName, c.name.value_or(base.name)));
-        tlvs.push_back(tlv_u8(kTagBand, c.band));
-        if (c.vlan) tlvs.push_back(tlv_u16(kTagVlanId, *c.vlan));
-        tlvs.push_back(tlv_u8(kTagAuthType, auth));
-        const int credential = kAuthCredential[auth < 13 ? auth : 0];
-        if (credential == 1 && (c.passphrase || auth == 1)) {
-            const std::string pass = c.passphrase.value_or(base.passphrase);
-            if (pass.size() < 8 || pass.size() > 63)
-                throw UsageError{"a passphrase of 8 to 63 characters is needed (--passphrase-file)"};
-            tlvs.push_back(tlv_text(kTagPassphrase, pass));
+        // One group per band, so that each band keeps its own current values.
+        for (uint8_t band : {uint8_t(1), uint8_t(2)}) {
+            if (!(c.band & band)) continue;
+            const Ssid *listed = nullptr;
+            for (const Ssid &s : known)
+                if (s.index == c.index && s.band == band) listed = &s;
+            // A band that is no access point is not listed: nothing to keep.
+            if (!listed && (!c.name || !c.auth))
+                throw UsageError{"the device does not list SSID " + std::to_string(c.index) + " of band " +
+                                 std::to_string(band) +
+                                 " (not in access-point mode); give --name and --auth to write it anyway"};
+            const Ssid base = listed ? *listed : Ssid{};
+            const uint8_t auth = c.auth.value_or(base.auth);
+            uint8_t status = base.status;
+            if (c.on) status = *c.on ? 1 : 0;
+            if (c.index == 0) status = 1;
+            tlvs.push_back(tlv_u8(kTagSsidIndex, c.index));
+            tlvs.push_back(tlv_text(kTagSsidName, c.name.value_or(base.name)));
+            tlvs.push_back(tlv_u8(kTagBand, band));
+            if (c.vlan) tlvs.push_back(tlv_u16(kTagVlanId, *c.vlan));
+            tlvs.push_back(tlv_u8(kTagAuthType, auth));
+            const int credential = kAuthCredential[auth < 13 ? auth : 0];
+            if (credential == 1 && (c.passphrase || auth == 1)) {
+                const std::string pass = c.passphrase.value_or(base.passphrase);
+                if (pass.size() < 8 || pass.size() > 63)
+                    throw UsageError{"a passphrase of 8 to 63 characters is needed (--passphrase-file)"};
+                tlvs.push_back(tlv_text(kTagPassphrase, pass));
+            }
+            if (credential == 2 && (c.radius || c.secret || auth == 2)) {
+                const std::string addr = c.radius.value_or(base.radius_address);
+                if (!parse_ipv4(addr)) throw UsageError{"a RADIUS server address is needed (--radius)"};
+                tlvs.push_back(tlv_u8(kTagRadiusAddressType, 1));
+                tlvs.push_back(tlv_text(kTagRadiusAddress, addr));
+                tlvs.push_back(tlv_text(kTagRadiusSecret, c.secret.value_or(base.radius_secret)));
+            }
+            tlvs.push_back(tlv_u8(kTagSsidStatus, status));
         }
-        if (credential == 2 && (c.radius || c.secret || auth == 2)) {
-            const std::string addr = c.radius.value_or(base.radius_address);
-            if (!parse_ipv4(addr)) throw UsageError{"a RADIUS server address is needed (--radius)"};
-            tlvs.push_back(tlv_u8(kTagRadiusAddressType, 1));
-            tlvs.push_back(tlv_text(kTagRadiusAddress, addr));
-            tlvs.push_back(tlv_text(kTagRadiusSecret, c.secret.value_or(base.radius_secret)));
-        }
-        tlvs.push_back(tlv_u8(kTagSsidStatus, status));
     }
     return set_request(a, kOpSetSsidList, tlvs);
 }
