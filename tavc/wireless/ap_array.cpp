@@ -186,7 +186,9 @@ namespace {
 // The walk acts on each target as soon as its MAC and action are both known,
 // but an action only runs once the request is authenticated: actions wait in
 // request order until tag 54 passes (or, without tag 54, until the walk ends
-// and the credentials pass), and a refusal drops them all.
+// and the credentials pass), and a refusal drops those waiting. Once a tag 54
+// has passed, later actions run as they are met, so a refusal at a later 54
+// stops the walk there without undoing or dropping what came before it.
 struct PendingAction {
     char mac_text[18];
     uint8_t action;
@@ -208,6 +210,10 @@ SetMembers &members(void *req) { return *static_cast<SetMembers *>(req); }
 
 Step queue_action(SetMembers &m) {
     if (m.action < 1 || m.action > 3) return Step::go_on();  // nothing would run
+    if (m.authenticated) {
+        apply_action(m.mac_text, m.action);
+        return Step::go_on();
+    }
     if (m.queued >= kMaxActions) return Step::end(tav::kResultRefused);
     PendingAction &a = m.actions[m.queued++];
     memcpy(a.mac_text, m.mac_text, sizeof a.mac_text);

@@ -654,6 +654,8 @@ TEST_F(ApArray, MemberActionsWaitForAuthentication) {
         {"wrong password at 54", a1 + u8(946, 1) + wrong_password() + u8(54, 1), 64, {}},
         {"no 54, wrong password", a1 + u8(946, 3) + wrong_password(), 64, {}},
         {"credentials only after 54", a1 + u8(946, 1) + u8(54, 1) + admin(), 64, {}},
+        {"after a passed 54 actions run as met",
+         admin() + u8(54, 1) + a1 + u8(946, 1) + wrong_password() + u8(54, 1), 64, {approve}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
@@ -666,8 +668,9 @@ TEST_F(ApArray, MemberActionsWaitForAuthentication) {
 }
 
 // The manager tool sends what it is told and the device's current values for
-// the rest: a rename keeps a WPA-PSK SSID's passphrase, a mode change keeps
-// the country, an approval carries its precedence after the credentials.
+// the rest: a rename keeps a WPA-PSK SSID's passphrase, a change to both bands
+// keeps each band's own settings, a mode change keeps the country, an approval
+// carries its precedence after the credentials.
 TEST_F(ApArray, ManagerToolChangesOnlyWhatItIsTold) {
     auto tavctl = [&](const std::string &args) {
         return sh("TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=admin " E2E_BUILD_DIR
@@ -681,6 +684,11 @@ TEST_F(ApArray, ManagerToolChangesOnlyWhatItIsTold) {
     EXPECT_EQ(ap.get(legacy + "auth"), "3");
     EXPECT_EQ(ap.get(legacy + "passphrase"), "legacy-passphrase");
     EXPECT_EQ(ap.get(legacy + "vlan_id"), "20");
+    r = tavctl("ssid set --index 1 --band both --vlan 11");  // each band keeps its own name
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(ap.get("/wlan/inf:1/multi/index:1/ssid") + ap.get("/wlan/inf:2/multi/index:1/ssid"),
+              "Quelbo-GuestQuelbo-Guest-5G");
+    EXPECT_EQ(ap.get("/wlan/inf:2/multi/index:1/auth") + ap.get("/wlan/inf:2/multi/index:1/vlan_id"), "1511");
     r = tavctl("wireless set --mode2 ax --band1 off");
     EXPECT_EQ(r.status, 0) << r.out;
     EXPECT_EQ(ap.get("/wlan/inf:2/wlmode"), "5");
@@ -691,10 +699,16 @@ TEST_F(ApArray, ManagerToolChangesOnlyWhatItIsTold) {
     EXPECT_EQ(r.status, 0) << r.out;
     r = tavctl("--json clients");
     EXPECT_NE(r.out.find("\"rssi\": -48"), std::string::npos) << r.out;
-    EXPECT_EQ(ap.commands_when(7),
-              (std::vector<std::string>{"submit COMMIT", "submit WAN", "submit WLAN", "submit COMMIT",
-                                        "submit WAN", "submit WLAN",
-                                        "nb_submit ADD_APPROVE_LIST 00:00:5e:00:53:a2"}));
+    const std::vector<std::string> wlan{"submit COMMIT", "submit WAN", "submit WLAN"};
+    std::vector<std::string> want = wlan;
+    for (int i = 0; i < 2; ++i) want.insert(want.end(), wlan.begin(), wlan.end());
+    want.push_back("nb_submit ADD_APPROVE_LIST 00:00:5e:00:53:a2");
+    EXPECT_EQ(ap.commands_when(want.size()), want);
+    // A band that is no access point lists nothing to keep: not sent.
+    ap.set("/wlan/inf:2/ap_mode", "1");
+    r = tavctl("ssid set --index 3 --band 2 --vlan 5");
+    EXPECT_EQ(r.status, 2) << r.out;
+    EXPECT_EQ(ap.get("/wlan/inf:2/multi/index:3/ssid"), "Quelbo-Radius");
 }
 
 }  // namespace

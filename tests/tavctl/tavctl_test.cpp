@@ -295,7 +295,7 @@ TEST(Tavctl, TargetByHostNameResolvesThroughDiscovery) {
 }
 
 // Maintenance commands: the requests they compose, --wait's failure, time
-// limit and busy texts, and what they refuse before sending anything.
+// limit and busy texts; what commands refuse before sending anything.
 TEST(Tavctl, MaintenanceRequestsWaitAndRefusals) {
     std::atomic<int> progress{0}, after_start{0};  // what status queries answer
     FakeDevice dev([&](const Message &req) {
@@ -348,6 +348,9 @@ TEST(Tavctl, MaintenanceRequestsWaitAndRefusals) {
     }
     const std::string n128(128, 'f');  // 129 bytes with its NUL: the device would ignore it
     EXPECT_EQ(tavctl(udp(dev, "--user admin config backup --server 192.0.2.7 --file " + n128), pw).status, 2);
+    // Texts the device would not report back whole (or would misread).
+    EXPECT_EQ(tavctl(udp(dev, "--user admin ssid set --index 1 --name " + std::string(63, 'n')), pw).status, 2);
+    EXPECT_EQ(tavctl(udp(dev, "--user admin array set --name " + std::string(15, 'n')), pw).status, 2);
     EXPECT_EQ(tavctl("--udp 127.255.255.255 --cipher " TEST_CIPHER " --user admin reboot", pw).status, 2);
     EXPECT_EQ(dev.requests().size(), before) << "nothing is sent for bad input";
 }

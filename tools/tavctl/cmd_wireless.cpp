@@ -187,6 +187,9 @@ int cmd_status(Args &a) {
 
 // ---- SSIDs ----------------------------------------------------------------------
 
+// Name and RADIUS secret as the SSID list reports them at most.
+constexpr size_t kSsidTextMax = 62;
+
 struct Ssid {
     uint8_t band = 0, index = 0, auth = 0, status = 0, radius_type = 1;
     uint16_t vlan = 0;
@@ -266,15 +269,17 @@ const char kSsidSetHelp[] = R"(usage: tavctl ssid set --index N [--band 1|2|both
 Changes one or more SSIDs in one request (op 0x2005). Each --index starts an
 SSID (0 is the band's primary SSID, 1-7 the additional ones); the settings
 after it apply to that SSID:
-  --band 1|2|both          2.4 GHz, 5 GHz or both (default: the previous SSID's, else 1)
-  --name TEXT              SSID name (at most 64 characters)
+  --band 1|2|both          2.4 GHz, 5 GHz or both (default: the previous SSID's, else 1);
+                           with both, each band keeps its own values of what is not given
+  --name TEXT              SSID name (at most 62 characters)
   --auth NAME              open, wpa-psk, wpa-eap, wpa2-psk, wpa2-eap, enhanced-open,
                            owe-transition, wpa2-wpa3-eap, wpa-wpa2-psk, wpa2-wpa3-psk,
                            wpa3-psk, wpa-wpa2-eap, wpa3-eap (or 0-12)
   --passphrase-file FILE   new passphrase (8-63 characters): first line of FILE,
                            or asked for on the terminal with -
   --radius ADDR            RADIUS server (dotted IPv4 address)
-  --radius-secret-file FILE  RADIUS shared secret, first line of FILE
+  --radius-secret-file FILE  RADIUS shared secret (at most 62 characters),
+                           first line of FILE
   --vlan N                 VLAN id (0-4096)
   --state on|off           switch an additional SSID on or off
 Settings not given keep the device's current values (read first with op
@@ -307,8 +312,11 @@ int cmd_ssid_set(Args &a) {
         if (v != "1" && v != "2" && v != "both") throw UsageError{"--band takes 1, 2 or both"};
         current("--band").band = v == "both" ? 3 : uint8_t(v[0] - '0');
     });
+    // Longer texts would not come back whole from the device, and past 63
+    // characters the device would read the end of the value as a record of
+    // its own and lose the rest of the SSID's settings.
     p.value("--name", [&](const std::string &v) {
-        if (v.size() > 64) throw UsageError{"--name: at most 64 characters"};
+        if (v.size() > kSsidTextMax) throw UsageError{"--name: at most 62 characters"};
         current("--name").name = v;
     });
     p.value("--auth", [&](const std::string &v) { current("--auth").auth = parse_auth(v); });
@@ -325,7 +333,9 @@ int cmd_ssid_set(Args &a) {
         current("--radius").radius = v;
     });
     p.value("--radius-secret-file", [&](const std::string &v) {
-        current("--radius-secret-file").secret = read_first_line(v, "RADIUS secret");
+        std::string secret = read_first_line(v, "RADIUS secret");
+        if (secret.size() > kSsidTextMax) throw UsageError{"the RADIUS secret: at most 62 characters"};
+        current("--radius-secret-file").secret = std::move(secret);
     });
     p.value("--vlan", [&](const std::string &v) {
         auto n = bounded(v, 4096);
@@ -344,33 +354,43 @@ int cmd_ssid_set(Args &a) {
     TlvList tlvs;
     if (int rc = add_credentials(a, tlvs)) return rc;
     for (const Change &c : changes) {
-        Ssid base;
-        for (const Ssid &s : known)
-            if (s.index == c.index && s.band == (c.band == 2 ? 2 : 1)) base = s;
-        const uint8_t auth = c.auth.value_or(base.auth);
-        uint8_t status = base.status;
-        if (c.on) status = *c.on ? 1 : 0;
-        if (c.index == 0) status = 1;
-        tlvs.push_back(tlv_u8(kTagSsidIndex, c.index));
-        tlvs.push_back(tlv_text(kTagSsidName, c.name.value_or(base.name)));
-        tlvs.push_back(tlv_u8(kTagBand, c.band));
-        if (c.vlan) tlvs.push_back(tlv_u16(kTagVlanId, *c.vlan));
-        tlvs.push_back(tlv_u8(kTagAuthType, auth));
-        const int credential = kAuthCredential[auth];
-        if (credential == 1 && (c.passphrase || auth == 1)) {
-            const std::string pass = c.passphrase.value_or(base.passphrase);
-            if (pass.size() < 8 || pass.size() > 63)
-                throw UsageError{"a passphrase of 8 to 63 characters is needed (--passphrase-file)"};
-            tlvs.push_back(tlv_text(kTagPassphrase, pass));
+        // One group per band, so that each band keeps its own current values.
+        for (uint8_t band : {uint8_t(1), uint8_t(2)}) {
+            if (!(c.band & band)) continue;
+            const Ssid *listed = nullptr;
+            for (const Ssid &s : known)
+                if (s.index == c.index && s.band == band) listed = &s;
+            // A band that is no access point is not listed: nothing to keep.
+            if (!listed && (!c.name || !c.auth))
+                throw UsageError{"the device does not list SSID " + std::to_string(c.index) + " of band " +
+                                 std::to_string(band) +
+                                 " (not in access-point mode); give --name and --auth to write it anyway"};
+            const Ssid base = listed ? *listed : Ssid{};
+            const uint8_t auth = c.auth.value_or(base.auth);
+            uint8_t status = base.status;
+            if (c.on) status = *c.on ? 1 : 0;
+            if (c.index == 0) status = 1;
+            tlvs.push_back(tlv_u8(kTagSsidIndex, c.index));
+            tlvs.push_back(tlv_text(kTagSsidName, c.name.value_or(base.name)));
+            tlvs.push_back(tlv_u8(kTagBand, band));
+            if (c.vlan) tlvs.push_back(tlv_u16(kTagVlanId, *c.vlan));
+            tlvs.push_back(tlv_u8(kTagAuthType, auth));
+            const int credential = kAuthCredential[auth < 13 ? auth : 0];
+            if (credential == 1 && (c.passphrase || auth == 1)) {
+                const std::string pass = c.passphrase.value_or(base.passphrase);
+                if (pass.size() < 8 || pass.size() > 63)
+                    throw UsageError{"a passphrase of 8 to 63 characters is needed (--passphrase-file)"};
+                tlvs.push_back(tlv_text(kTagPassphrase, pass));
+            }
+            if (credential == 2 && (c.radius || c.secret || auth == 2)) {
+                const std::string addr = c.radius.value_or(base.radius_address);
+                if (!parse_ipv4(addr)) throw UsageError{"a RADIUS server address is needed (--radius)"};
+                tlvs.push_back(tlv_u8(kTagRadiusAddressType, 1));
+                tlvs.push_back(tlv_text(kTagRadiusAddress, addr));
+                tlvs.push_back(tlv_text(kTagRadiusSecret, c.secret.value_or(base.radius_secret)));
+            }
+            tlvs.push_back(tlv_u8(kTagSsidStatus, status));
         }
-        if (credential == 2 && (c.radius || c.secret || auth == 2)) {
-            const std::string addr = c.radius.value_or(base.radius_address);
-            if (!parse_ipv4(addr)) throw UsageError{"a RADIUS server address is needed (--radius)"};
-            tlvs.push_back(tlv_u8(kTagRadiusAddressType, 1));
-            tlvs.push_back(tlv_text(kTagRadiusAddress, addr));
-            tlvs.push_back(tlv_text(kTagRadiusSecret, c.secret.value_or(base.radius_secret)));
-        }
-        tlvs.push_back(tlv_u8(kTagSsidStatus, status));
     }
     return set_request(a, kOpSetSsidList, tlvs);
 }
@@ -558,7 +578,8 @@ const char kArraySetHelp[] = R"(usage: tavctl array set [--enable on|off] [--rol
                       [--preferred-master on|off] [--auto-add on|off]
 
 Replaces the AP-array settings (op 0x200A) and restarts the mesh service.
-What is not given keeps its current value (read first with op 0x2009).
+The array name takes at most 14 characters. What is not given keeps its
+current value (read first with op 0x2009).
 Needs --user and the password.
 )";
 
@@ -582,7 +603,9 @@ int cmd_array_set(Args &a) {
                })
         .value("--name",
                [&](const std::string &v) {
-                   if (v.size() > 16) throw UsageError{"--name: at most 16 characters"};
+                   // The device reports no more, and would misread the
+                   // NUL of a 16-character name as the start of a record.
+                   if (v.size() > 14) throw UsageError{"--name: at most 14 characters"};
                    name = v;
                })
         .parse_none();
