@@ -16,10 +16,15 @@
 #include <string>
 
 #include "fuzz/guard.h"
-#include "lrgbin/rgdb_store.h"
+#include "sim/store/rgdb_store.h"
 #include "proto/wire.h"
-#include "tavc/record/record.h"
-#include "tavc/tavc.h"
+#include "sim/record/record.h"
+#include "tavc/dispatch.h"
+#include "tavc/identity.h"
+#include "tavc/lifecycle.h"
+#include "tavc/registry.h"
+#include "tavc/time_zone.h"
+#include "tavc/transport.h"
 
 namespace {
 

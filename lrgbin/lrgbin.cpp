@@ -1,9 +1,9 @@
 // Configuration database socket client, plus the small process and text
 // helpers that ship in the same library. Device code: libc only. Programs
-// start through the daemon's launcher (tavc/proc.h), so whoever links this
+// start through the platform's launcher (platform/proc.h), so whoever links this
 // library also links one: tavc_platform, or tavc_record in tests.
 #include "lrgbin/lrgbin.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -203,6 +203,13 @@ int lrgdb_getwb(int fd, char *buf, int size, const char *fmt, ...)
 
 // ---- process and text utilities ----
 
+// These two put composed, unquoted text on a shell line: the library offers
+// them for its own callers, never for request text (the daemon's code may
+// not call them; the build checks it).
+struct LibraryShellLine {
+    static ShellLine of(const char *text) { return ShellLine(text, 0); }
+};
+
 int lrgbin_system(const char *fmt, ...)
 {
     char cmd[1024];
@@ -210,7 +217,7 @@ int lrgbin_system(const char *fmt, ...)
     va_start(ap, fmt);
     vsnprintf(cmd, sizeof(cmd), fmt, ap);
     va_end(ap);
-    return proc_system(cmd);
+    return proc_system(LibraryShellLine::of(cmd));
 }
 
 int lrgbin_run_shell(char *buf, int size, const char *fmt, ...)
@@ -224,7 +231,7 @@ int lrgbin_run_shell(char *buf, int size, const char *fmt, ...)
     va_end(ap);
 
     // The launcher keeps what fits and terminates it ("" when it cannot start).
-    int len = proc_read(cmd, buf, size);
+    int len = proc_read(LibraryShellLine::of(cmd), buf, size);
     if (len < 0)
         return -1;
     if (len > 0 && buf[len - 1] == '\n')

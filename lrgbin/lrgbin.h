@@ -50,7 +50,10 @@ int lrgdb_ephp(int fd, uint64_t flags, const char *arg, FILE *out);
 int lrgdb_getwb(int fd, char *buf, int size, const char *fmt, ...)
     __attribute__((format(printf, 4, 5)));
 
-// Process and text utilities.
+// Process and text utilities. lrgbin_system and lrgbin_run_shell hand their
+// printf-composed text to the shell unquoted: never give them text from a
+// request. The daemon's engine and handlers do not call them (a build check
+// fails on such a call); they compose commands with platform/command.h.
 int lrgbin_system(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 int lrgbin_run_shell(char *buf, int size, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));

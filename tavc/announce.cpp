@@ -8,7 +8,11 @@
 #include "proto/wire.h"
 #include "tavc/handlers.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/announce.h"
+#include "tavc/dispatch.h"
+#include "tavc/identity.h"
+#include "tavc/registry.h"
+#include "tavc/transport.h"
 
 using namespace tav;
 

@@ -7,8 +7,10 @@
 #include "lrgbin/rgdb_getset.h"
 #include "proto/wire.h"
 #include "tavc/handlers.h"
-#include "tavc/proc.h"
-#include "tavc/tavc.h"
+#include "tavc/dispatch.h"
+#include "tavc/identity.h"
+#include "tavc/registry.h"
+#include "tavc/transport.h"
 
 constexpr tav_function_row tav_function[kTavFunctionCount] = {
     {0x00A0, tav_report},
@@ -59,23 +61,6 @@ static uint8_t g_reply_plain[tav::kIpv4HeaderLen + tav::kReplyArea];
 
 int tav_function_parameter_check(const void *body, const void *reply) {
     return (body == nullptr || reply == nullptr) ? 255 : 0;
-}
-
-int store_config_to_flash() { return proc_system("submit COMMIT"); }
-
-// Byte-wise, so the result is big-endian order on any host.
-uint64_t htonll(uint64_t v) {
-    uint8_t b[8];
-    tav::put_be64(b, v);
-    uint64_t r;
-    memcpy(&r, b, sizeof r);
-    return r;
-}
-
-uint64_t ntohll(uint64_t v) {
-    uint8_t b[8];
-    memcpy(b, &v, sizeof b);
-    return tav::get_be64(b);
 }
 
 int operation_is_allowed(uint16_t op_code) {

@@ -1,5 +1,5 @@
 // The 31 protocol handlers of the dispatch table (tav_function), one per op
-// code. Each follows the handler contract of tav_handler (tavc.h).
+// code. Each follows the handler contract of tav_handler (dispatch.h).
 #pragma once
 
 #include <stdint.h>

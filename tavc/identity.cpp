@@ -6,7 +6,7 @@
 
 #include "lrgbin/rgdb_getset.h"
 #include "proto/wire.h"
-#include "tavc/tavc.h"
+#include "tavc/identity.h"
 #include "tavc/trace.h"
 
 device_status *device_info;

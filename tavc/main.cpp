@@ -3,7 +3,8 @@
 // configuration database.
 #include <stdio.h>
 
-#include "tavc/tavc.h"
+#include "tavc/announce.h"
+#include "tavc/lifecycle.h"
 
 int main() {
     // Notices reach a console log line by line even when stdout is a file.

@@ -2,7 +2,7 @@
 // never holds more than kTavServerMax), so serving a request never allocates.
 #include <string.h>
 
-#include "tavc/tavc.h"
+#include "tavc/registry.h"
 #include "tavc/trace.h"
 
 tav_server *tav_server_list;

@@ -1,12 +1,31 @@
-// Fire-and-forget service actions shared by several handler groups: a child
-// runs the command line through the shell and exits 0; the caller never
-// waits (the SIGCHLD handler reaps it).
-#include "tavc/proc.h"
-#include "tavc/tavc.h"
+// Service actions shared by the handler groups. The fire-and-forget ones run
+// in a child that starts the command line through the shell and exits 0; the
+// caller never waits.
+#include "tavc/service.h"
 
-static void run_shell(void *cmd) { proc_system(static_cast<const char *>(cmd)); }
+#include "platform/proc.h"
 
-static pid_t in_child(const char *cmd) { return proc_fork(run_shell, const_cast<char *>(cmd)); }
+int store_config_to_flash() { return proc_system("submit COMMIT"); }
 
-pid_t submit_wlan() { return in_child("submit WAN; submit WLAN"); }
-pid_t reboot_after_5s() { return in_child("sleep 5; reboot"); }
+static void run_line(void *line) { proc_system(*static_cast<const ShellLine *>(line)); }
+
+static pid_t in_child(const ShellLine &line) {
+    return proc_fork(run_line, const_cast<ShellLine *>(&line));
+}
+
+pid_t submit_wlan() {
+    static constexpr ShellLine kLine = "submit WAN; submit WLAN";
+    return in_child(kLine);
+}
+pid_t reboot_after_5s() {
+    static constexpr ShellLine kLine = "sleep 5; reboot";
+    return in_child(kLine);
+}
+pid_t submit_httpd() {
+    static constexpr ShellLine kLine = "submit HTTPD";
+    return in_child(kLine);
+}
+pid_t submit_mesh() {
+    static constexpr ShellLine kLine = "submit SMESH";
+    return in_child(kLine);
+}

@@ -3,7 +3,9 @@
 #include <string.h>
 
 #include "proto/wire.h"
-#include "tavc/tavc.h"
+#include "tavc/credentials.h"
+#include "tavc/dispatch.h"
+#include "tavc/registry.h"
 
 static const TlvRule *find_rule(const TlvRequestBase &d, uint16_t tag) {
     for (const TlvRule &r : d.rules)

@@ -14,13 +14,15 @@
 #include <unistd.h>
 
 #include "proto/wire.h"
-#include "tavc/netio.h"
-#include "tavc/tavc.h"
+#include "platform/netio.h"
+#include "tavc/identity.h"
+#include "tavc/registry.h"
+#include "tavc/transport.h"
 #include "tavc/trace.h"
 
 int tav_l2_fd = -1;
 int tav_l3_fd = -1;
-void *handle;
+static void *handle;  // the cipher library, open for the daemon's life
 tav_encode_fn tav_encode;
 tav_decode_fn tav_decode;
 tav_get_encrypted_msg_len_fn tav_get_encrypted_msg_len;
@@ -155,6 +157,8 @@ void init_tav_lib() {
     bind_symbol(tav_get_decrypted_msg_len, TAV_SYM_DEC_LEN,
                 "%s, dlsym TAV_get_decrypted_msg_len error\n");
 }
+
+void close_tav_lib() { dlclose(handle); }
 
 // `out` must hold kTavEncodedMax bytes. The library writes its ciphertext
 // straight after the selector, so no per-message buffer is needed.

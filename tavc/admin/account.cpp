@@ -6,9 +6,10 @@
 #include "proto/tags.h"
 #include "proto/wire.h"
 #include "tavc/handlers.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/identity.h"
+#include "tavc/service.h"
 #include "tavc/tlv_walk.h"
 #include "util/base64.h"
 
@@ -22,7 +23,7 @@ static int decode_one(const char *text, char *out) {
     return 0;
 }
 
-int decode_name_and_password(const char *name64, const char *password64, char *name,
+static int decode_name_and_password(const char *name64, const char *password64, char *name,
                              char *password) {
     if (decode_one(name64, name) != 0) return tav::kResultBadNewUserName;
     if (decode_one(password64, password) != 0) return tav::kResultBadNewPassword;

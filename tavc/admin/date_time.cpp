@@ -7,11 +7,13 @@
 #include "lrgbin/rgdb_getset.h"
 #include "proto/tags.h"
 #include "proto/wire.h"
-#include "tavc/command.h"
+#include "platform/command.h"
 #include "tavc/handlers.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/identity.h"
+#include "tavc/service.h"
+#include "tavc/time_zone.h"
 #include "tavc/tlv_walk.h"
 
 static constexpr int kTimeZoneIdMax = kTimeTableSize - 1;
@@ -25,7 +27,7 @@ static int piece(const char *text, size_t from, size_t width) {
     return atoi(buf);
 }
 
-int set_date_time(const char *date_time) {
+static int set_date_time(const char *date_time) {
     if (date_time == nullptr) date_time = "";
     // Only numbers enter the command, so the request's text never does.
     Command date(64, "date -s '%d-%02d-%02d %02d:%02d:%02d'", piece(date_time, 0, 4),

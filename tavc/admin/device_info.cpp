@@ -3,15 +3,10 @@
 #include "proto/tags.h"
 #include "proto/wire.h"
 #include "tavc/handlers.h"
-#include "tavc/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/service.h"
 #include "tavc/tlv_walk.h"
 #include "tavc/trace.h"
-
-static void run_httpd(void *) { proc_system("submit HTTPD"); }
-
-pid_t submit_httpd() { return proc_fork(run_httpd, nullptr); }
 
 namespace {
 

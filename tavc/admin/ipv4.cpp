@@ -7,7 +7,7 @@
 #include "proto/wire.h"
 #include "tavc/handlers.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/service.h"
 #include "tavc/tlv_walk.h"
 
 TAV_HANDLER(tav_information_func) {

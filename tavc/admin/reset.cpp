@@ -3,9 +3,8 @@
 #include "proto/tags.h"
 #include "proto/wire.h"
 #include "tavc/handlers.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
 #include "tavc/tlv_walk.h"
 #include "tavc/trace.h"
 

@@ -7,12 +7,12 @@
 #include "proto/tags.h"
 #include "proto/wire.h"
 #include "tavc/handlers.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/service.h"
 #include "tavc/tlv_walk.h"
 
-int invalid_snmp_str(const char *text) {
+static int invalid_snmp_str(const char *text) {
     return text != nullptr && strpbrk(text, "#`'\"\\") != nullptr ? 1 : 0;
 }
 

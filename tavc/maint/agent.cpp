@@ -11,9 +11,9 @@
 #include "proto/wire.h"
 #include "tavc/handlers.h"
 #include "tavc/maint/maint.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/service.h"
 #include "tavc/tlv_walk.h"
 #include "tavc/trace.h"
 

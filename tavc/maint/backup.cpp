@@ -5,13 +5,13 @@
 #include "lrgbin/rgdb_getset.h"
 #include "proto/tags.h"
 #include "proto/wire.h"
-#include "tavc/command.h"
+#include "platform/command.h"
 #include "tavc/handlers.h"
 #include "tavc/maint/maint.h"
 #include "tavc/maint/transfer.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/service.h"
 #include "tavc/tlv_walk.h"
 
 namespace {

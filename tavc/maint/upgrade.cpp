@@ -7,13 +7,12 @@
 #include "lrgbin/rgdb_getset.h"
 #include "proto/tags.h"
 #include "proto/wire.h"
-#include "tavc/command.h"
+#include "platform/command.h"
 #include "tavc/handlers.h"
 #include "tavc/maint/maint.h"
 #include "tavc/maint/transfer.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
 #include "tavc/tlv_walk.h"
 
 namespace {

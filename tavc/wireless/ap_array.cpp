@@ -8,17 +8,15 @@
 #include "lrgbin/rgdb_getset.h"
 #include "proto/tags.h"
 #include "proto/wire.h"
-#include "tavc/command.h"
+#include "platform/command.h"
 #include "tavc/handlers.h"
-#include "tavc/proc.h"
+#include "platform/proc.h"
 #include "tavc/reply.h"
-#include "tavc/tavc.h"
+#include "tavc/credentials.h"
+#include "tavc/registry.h"
+#include "tavc/service.h"
 #include "tavc/tlv_walk.h"
 #include "tavc/wireless/wireless.h"
-
-static void run_shell(void *cmd) { proc_system(static_cast<const char *>(cmd)); }
-
-pid_t submit_mesh() { return proc_fork(run_shell, const_cast<char *>("submit SMESH")); }
 
 // ---- settings (0x2009, 0x200A) ------------------------------------------
 

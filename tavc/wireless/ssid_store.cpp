@@ -9,7 +9,6 @@
 #include "lrgbin/rgdb_getset.h"
 #include "proto/tags.h"
 #include "proto/wire.h"
-#include "tavc/tavc.h"
 #include "tavc/wireless/codes.h"
 #include "tavc/wireless/wireless.h"
 

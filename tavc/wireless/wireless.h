@@ -51,8 +51,6 @@ void get_ssid_info(int band, Reply &reply);
 int set_ssid_info(const ssid_info &rec);
 int set_ssid_info_with_band(int band, const ssid_info &rec);
 
-// "submit SMESH" in a child process; the child's pid, or -1.
-pid_t submit_mesh();
 // Runs the AP-array command of `action` for the MAC text and waits for it;
 // actions other than 1 to 3 run nothing. Returns the command's status.
 int apply_action(const char *mac_text, uint8_t action);

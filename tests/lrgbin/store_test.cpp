@@ -5,7 +5,7 @@
 
 #include "lrgbin/lrgbin.h"
 #include "lrgbin/rgdb_getset.h"
-#include "lrgbin/rgdb_store.h"
+#include "sim/store/rgdb_store.h"
 #include "support.h"
 
 TEST(Store, TypedAccessMatchesTheSocketPath) {

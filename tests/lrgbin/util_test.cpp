@@ -9,7 +9,7 @@
 #include "lrgbin/lrgbin.h"
 #include "lrgbin/rgdb_getset.h"
 #include "support.h"
-#include "tavc/record/record.h"
+#include "sim/record/record.h"
 
 TEST(PointerArray, GrowsByItsStepAndReleasesOwnedItems) {
     lrgbin_pa pa;

@@ -13,12 +13,15 @@
 #include <string>
 #include <vector>
 
-#include "lrgbin/rgdb_store.h"
+#include "sim/store/rgdb_store.h"
 #include "tests/support/tlv_bytes.h"
 #include "proto/wire.h"
 #include "tavc/handlers.h"
-#include "tavc/record/record.h"
-#include "tavc/tavc.h"
+#include "sim/record/record.h"
+#include "tavc/dispatch.h"
+#include "tavc/lifecycle.h"
+#include "tavc/registry.h"
+#include "tavc/time_zone.h"
 
 using Bytes = std::vector<uint8_t>;
 using Strings = std::vector<std::string>;

@@ -2,9 +2,12 @@
 // the launch/frame recorder: what only the engine can show. Discovery,
 // dispatch, verification and start-up are compared on the wire by the e2e
 // suites.
-#include "tavc/command.h"
-#include "tavc/proc.h"
+#include "platform/command.h"
+#include "platform/proc.h"
+#include "tavc/credentials.h"
+#include "tavc/identity.h"
 #include "tavc/reply.h"
+#include "tavc/transport.h"
 #include "tavc/tlv_walk.h"
 #include "tests/tavc/handler_fixture.h"
 

@@ -2,7 +2,7 @@
 // Built by the toolkit_misuse_* tests with -fsyntax-only.
 #include <iterator>
 
-#include "tavc/command.h"
+#include "platform/command.h"
 #include "tavc/tlv_walk.h"
 
 struct Req {
@@ -75,5 +75,16 @@ int compose(const Req &r) {
     const char *f = r.file;
     Command bad(f);
 #endif
-    return ok.system();
+#if MISUSE == 20  // composed text straight to the shell
+    return proc_system(r.file);
+#endif
+#if MISUSE == 21  // a mutable buffer, even a global one
+    static char line[16] = "submit COMMIT";
+    return proc_system(line);
+#endif
+#if MISUSE == 22  // a pointer
+    const char *p = r.file;
+    return proc_read(p, nullptr, 0);
+#endif
+    return ok.system() + proc_system("submit COMMIT");
 }

@@ -1,4 +1,4 @@
-#include "tavc/command.h"
+#include "platform/command.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -69,4 +69,28 @@ void Command::compose(size_t limit, const char *fmt, const command_detail::Arg *
     }
     ok_ = fits;
     buf_[ok_ ? n : 0] = '\0';
+}
+
+int shell_quote(char *out, size_t cap, const char *value) {
+    if (out == nullptr || cap == 0) return -1;
+    size_t n = 0;
+    auto put = [&](char c) {
+        if (n + 1 >= cap) return false;
+        out[n++] = c;
+        return true;
+    };
+    bool ok = put('\'');
+    for (const char *p = value ? value : ""; ok && *p; ++p) {
+        if (*p == '\'')  // close, escaped quote, reopen
+            ok = put('\'') && put('\\') && put('\'') && put('\'');
+        else
+            ok = put(*p);
+    }
+    ok = ok && put('\'');
+    if (!ok) {
+        out[0] = '\0';
+        return -1;
+    }
+    out[n] = '\0';
+    return int(n);
 }

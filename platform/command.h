@@ -21,7 +21,7 @@
 
 #include <type_traits>
 
-#include "tavc/proc.h"
+#include "platform/proc.h"
 
 namespace command_detail {
 
@@ -124,6 +124,10 @@ Arg make_arg(const T &v) {
 
 }  // namespace command_detail
 
+// Writes `value` single-quoted for the shell ('it'\''s'), NUL-terminated.
+// Returns the quoted length, or -1 (and out = "") when it does not fit.
+int shell_quote(char *out, size_t cap, const char *value);
+
 // True when `value` may stand in a command unquoted (non-empty, and only
 // letters, digits and . _ - / : + @ = , %).
 bool shell_word_is_plain(const char *value);
@@ -149,17 +153,18 @@ class Command {
     bool ok() const { return ok_; }
     const char *text() const { return buf_; }  // "" when !ok()
 
-    int system() const { return ok_ ? proc_system(buf_) : -1; }      // waits
-    pid_t spawn() const { return ok_ ? proc_spawn(buf_) : -1; }      // does not wait
+    int system() const { return ok_ ? proc_system(line()) : -1; }      // waits
+    pid_t spawn() const { return ok_ ? proc_spawn(line()) : -1; }      // does not wait
     int read(char *out, int size) const {                            // popen, first size-1 bytes
         if (!ok_) {
             if (out && size > 0) out[0] = '\0';
             return -1;
         }
-        return proc_read(buf_, out, size);
+        return proc_read(line(), out, size);
     }
 
   private:
+    ShellLine line() const { return ShellLine(buf_, 0); }
     void compose(size_t limit, const char *fmt, const command_detail::Arg *args, size_t count);
 
     char buf_[kCapacity] = {};

@@ -2,7 +2,7 @@
 // and byte behaviour as the socket path: the "%s %s" set text cut to 1022
 // characters and split at its first space, reads that deliver the value and
 // its NUL cut to the caller's buffer.
-#include "lrgbin/rgdb_store.h"
+#include "sim/store/rgdb_store.h"
 
 #include <cstdarg>
 #include <cstdio>

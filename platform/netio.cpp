@@ -1,4 +1,4 @@
-#include "tavc/netio.h"
+#include "platform/netio.h"
 
 ssize_t tavc_sendto(int fd, const void *buf, size_t len, const struct sockaddr *to,
                     socklen_t to_len) {

@@ -1,5 +1,5 @@
 // The real launcher (library tavc_platform).
-#include "tavc/proc.h"
+#include "platform/proc.h"
 
 #include <signal.h>
 #include <stdio.h>
@@ -8,9 +8,10 @@
 
 extern char **environ;
 
-int proc_system(const char *cmd) { return system(cmd); }
+int proc_system(ShellLine cmd) { return system(cmd.text()); }
 
-pid_t proc_spawn(const char *cmd) {
+pid_t proc_spawn(ShellLine line) {
+    const char *cmd = line.text();
     pid_t pid = fork();
     if (pid == 0) {
         char sh[] = "sh", c[] = "-c";
@@ -47,7 +48,7 @@ pid_t proc_exec(unsigned delay, const char *path, const char *const argv[], int 
     return pid;
 }
 
-int proc_read(const char *cmd, char *out, int size) {
+int proc_read(ShellLine cmd, char *out, int size) {
     if (out == nullptr || size < 1) return -1;
     out[0] = '\0';
     // pclose must find its own child: keep the SIGCHLD reaper out meanwhile.
@@ -56,7 +57,7 @@ int proc_read(const char *cmd, char *out, int size) {
     sigaddset(&block, SIGCHLD);
     sigprocmask(SIG_BLOCK, &block, &old);
     int kept = -1;
-    if (FILE *f = popen(cmd, "r")) {
+    if (FILE *f = popen(cmd.text(), "r")) {
         kept = int(fread(out, 1, size_t(size - 1), f));
         out[kept] = '\0';
         pclose(f);

@@ -1,12 +1,12 @@
-#include "tavc/record/record.h"
+#include "sim/record/record.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
-#include "tavc/netio.h"
-#include "tavc/proc.h"
+#include "platform/netio.h"
+#include "platform/proc.h"
 
 namespace tavc_record {
 namespace {
@@ -32,13 +32,13 @@ void set_read_output(const std::string &output) { g_output = output; }
 
 using namespace tavc_record;
 
-int proc_system(const char *cmd) {
-    g_launches.push_back({LaunchKind::System, cmd ? cmd : ""});
+int proc_system(ShellLine cmd) {
+    g_launches.push_back({LaunchKind::System, cmd.text()});
     return g_status;
 }
 
-pid_t proc_spawn(const char *cmd) {
-    g_launches.push_back({LaunchKind::Spawn, cmd ? cmd : ""});
+pid_t proc_spawn(ShellLine cmd) {
+    g_launches.push_back({LaunchKind::Spawn, cmd.text()});
     return g_next_pid++;
 }
 
@@ -57,8 +57,8 @@ pid_t proc_exec(unsigned delay, const char *path, const char *const argv[], int 
     return g_next_pid++;
 }
 
-int proc_read(const char *cmd, char *out, int size) {
-    g_launches.push_back({LaunchKind::Read, cmd ? cmd : ""});
+int proc_read(ShellLine cmd, char *out, int size) {
+    g_launches.push_back({LaunchKind::Read, cmd.text()});
     if (out == nullptr || size < 1) return -1;
     size_t n = std::min(g_output.size(), size_t(size - 1));
     std::memcpy(out, g_output.data(), n);

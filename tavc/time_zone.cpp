@@ -2,7 +2,7 @@
 // "/time/timezone"; 0 = the id has no device code.
 #include <string.h>
 
-#include "tavc/tavc.h"
+#include "tavc/time_zone.h"
 
 static constexpr uint8_t kTimeZoneCodes[kTimeTableSize] = {
     0,                                               // index 0 belongs to no id

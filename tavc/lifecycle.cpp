@@ -1,4 +1,4 @@
-// Start-up, the main loop and shutdown.
+// Start-up, the main loop and shutdown (tavc_run), and the exit on SIGTERM.
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -14,7 +14,13 @@
 
 #include "lrgbin/rgdb_getset.h"
 #include "proto/wire.h"
-#include "tavc/tavc.h"
+#include "tavc/announce.h"
+#include "tavc/dispatch.h"
+#include "tavc/identity.h"
+#include "tavc/lifecycle.h"
+#include "tavc/registry.h"
+#include "tavc/time_zone.h"
+#include "tavc/transport.h"
 #include "tavc/trace.h"
 
 tav_server *tav_tmp_server;
@@ -124,7 +130,7 @@ void init_env() {
     tav_own_bye();
     free_buff();
     close_socket();
-    dlclose(handle);
+    close_tav_lib();
     exit(1);
 }
 
