@@ -66,143 +66,159 @@ constexpr size_t tag_kind_size(TagKind k) {
 
 // ---- tag numbers ----------------------------------------------------------
 
+// A tag number whose type names it, so that a handler's rule or reply value is
+// checked against the tables below at compile time (tag_form). `Op` binds the
+// tag to one op code, for the few tags whose wire form depends on it (0: the
+// common meaning). Everywhere else it is the plain number.
+template <uint16_t N, uint16_t Op = 0>
+struct Tag {
+    static constexpr uint16_t number = N;
+    static constexpr uint16_t op_code = Op;
+    constexpr operator uint16_t() const { return N; }
+    // The same tag as op code `O` uses it.
+    template <uint16_t O>
+    constexpr Tag<N, O> in() const {
+        return {};
+    }
+};
+
 // Identity (discovery 0xA1, report 0xA0), general information, IPv4 address.
-inline constexpr uint16_t kTagModelName = 1;
-inline constexpr uint16_t kTagProductType = 2;
-inline constexpr uint16_t kTagReservedWord = 3;
-inline constexpr uint16_t kTagFirmwareVersion = 4;
-inline constexpr uint16_t kTagHardwareVersion = 5;
-inline constexpr uint16_t kTagInformation = 6;
-inline constexpr uint16_t kTagVendor = 7;
-inline constexpr uint16_t kTagHostName = 8;
-inline constexpr uint16_t kTagSystemName = 9;
-inline constexpr uint16_t kTagDeviceName = 10;
-inline constexpr uint16_t kTagAddressMode = 12;
-inline constexpr uint16_t kTagDeviceDnsType = 13;
-inline constexpr uint16_t kTagMac = 14;
-inline constexpr uint16_t kTagIpAddress = 15;
-inline constexpr uint16_t kTagNetmask = 17;
-inline constexpr uint16_t kTagGateway = 18;
-inline constexpr uint16_t kTagPrimaryDns = 20;
-inline constexpr uint16_t kTagSecondaryDns = 22;
-inline constexpr uint16_t kTagWanMode = 25;
-inline constexpr uint16_t kTagInterfaceName = 29;
-inline constexpr uint16_t kTagCustomizedDns = 30;
-inline constexpr uint16_t kTagDeviceInfoType = 31;
-inline constexpr uint16_t kTagWebPort = 32;
+inline constexpr Tag<1> kTagModelName{};
+inline constexpr Tag<2> kTagProductType{};
+inline constexpr Tag<3> kTagReservedWord{};
+inline constexpr Tag<4> kTagFirmwareVersion{};
+inline constexpr Tag<5> kTagHardwareVersion{};
+inline constexpr Tag<6> kTagInformation{};
+inline constexpr Tag<7> kTagVendor{};
+inline constexpr Tag<8> kTagHostName{};
+inline constexpr Tag<9> kTagSystemName{};
+inline constexpr Tag<10> kTagDeviceName{};
+inline constexpr Tag<12> kTagAddressMode{};
+inline constexpr Tag<13> kTagDeviceDnsType{};
+inline constexpr Tag<14> kTagMac{};
+inline constexpr Tag<15> kTagIpAddress{};
+inline constexpr Tag<17> kTagNetmask{};
+inline constexpr Tag<18> kTagGateway{};
+inline constexpr Tag<20> kTagPrimaryDns{};
+inline constexpr Tag<22> kTagSecondaryDns{};
+inline constexpr Tag<25> kTagWanMode{};
+inline constexpr Tag<29> kTagInterfaceName{};
+inline constexpr Tag<30> kTagCustomizedDns{};
+inline constexpr Tag<31> kTagDeviceInfoType{};
+inline constexpr Tag<32> kTagWebPort{};
 // Date and time.
-inline constexpr uint16_t kTagNtpEnable = 35;
-inline constexpr uint16_t kTagNtpServer = 36;
-inline constexpr uint16_t kTagNtpServerFormat = 37;
-inline constexpr uint16_t kTagTimeReserved = 38;
+inline constexpr Tag<35> kTagNtpEnable{};
+inline constexpr Tag<36> kTagNtpServer{};
+inline constexpr Tag<37> kTagNtpServerFormat{};
+inline constexpr Tag<38> kTagTimeReserved{};
 // SNMP.
-inline constexpr uint16_t kTagSnmpGlobalState = 39;
-inline constexpr uint16_t kTagSnmpRocomm = 40;
-inline constexpr uint16_t kTagSnmpRwcomm = 41;
-inline constexpr uint16_t kTagSnmpRoview = 42;
-inline constexpr uint16_t kTagSnmpRwview = 43;
-inline constexpr uint16_t kTagSnmpCommunityType = 44;
-inline constexpr uint16_t kTagSnmpCommunity = 45;
+inline constexpr Tag<39> kTagSnmpGlobalState{};
+inline constexpr Tag<40> kTagSnmpRocomm{};
+inline constexpr Tag<41> kTagSnmpRwcomm{};
+inline constexpr Tag<42> kTagSnmpRoview{};
+inline constexpr Tag<43> kTagSnmpRwview{};
+inline constexpr Tag<44> kTagSnmpCommunityType{};
+inline constexpr Tag<45> kTagSnmpCommunity{};
 // Identity, central management.
-inline constexpr uint16_t kTagTavMode = 46;
-inline constexpr uint16_t kTagAgUuid = 47;
-inline constexpr uint16_t kTagNmsServer = 48;
-inline constexpr uint16_t kTagMsgInterval = 49;
+inline constexpr Tag<46> kTagTavMode{};
+inline constexpr Tag<47> kTagAgUuid{};
+inline constexpr Tag<48> kTagNmsServer{};
+inline constexpr Tag<49> kTagMsgInterval{};
 // Account and authentication.
-inline constexpr uint16_t kTagNewUserName = 50;
-inline constexpr uint16_t kTagNewPassword = 51;
-inline constexpr uint16_t kTagVerification = 52;
-inline constexpr uint16_t kTagServerPrecedence = 54;
-inline constexpr uint16_t kTagUserName = 55;
-inline constexpr uint16_t kTagPassword = 56;
-inline constexpr uint16_t kTagManagedStatus = 57;
-inline constexpr uint16_t kTagConnectionStatus = 58;
-inline constexpr uint16_t kTagCountryIndex = 59;
+inline constexpr Tag<50> kTagNewUserName{};
+inline constexpr Tag<51> kTagNewPassword{};
+inline constexpr Tag<52> kTagVerification{};
+inline constexpr Tag<54> kTagServerPrecedence{};
+inline constexpr Tag<55> kTagUserName{};
+inline constexpr Tag<56> kTagPassword{};
+inline constexpr Tag<57> kTagManagedStatus{};
+inline constexpr Tag<58> kTagConnectionStatus{};
+inline constexpr Tag<59> kTagCountryIndex{};
 // Date and time (set request).
-inline constexpr uint16_t kTagTimeType = 300;
-inline constexpr uint16_t kTagDateTime = 301;
-inline constexpr uint16_t kTagTimeZoneId = 303;
-inline constexpr uint16_t kTagTimeZoneFormat = 304;
-inline constexpr uint16_t kTagGmtSign = 306;
-inline constexpr uint16_t kTagGmtHour = 307;
-inline constexpr uint16_t kTagGmtMinute = 308;
-inline constexpr uint16_t kTagDstEnable = 310;
-inline constexpr uint16_t kTagStartYear = 311;
-inline constexpr uint16_t kTagEndYear = 312;
-inline constexpr uint16_t kTagStartMon = 313;
-inline constexpr uint16_t kTagEndMon = 314;
-inline constexpr uint16_t kTagStartDay = 315;
-inline constexpr uint16_t kTagEndDay = 316;
-inline constexpr uint16_t kTagStartHour = 317;
-inline constexpr uint16_t kTagEndHour = 318;
-inline constexpr uint16_t kTagStartMin = 319;
-inline constexpr uint16_t kTagEndMin = 320;
+inline constexpr Tag<300> kTagTimeType{};
+inline constexpr Tag<301> kTagDateTime{};
+inline constexpr Tag<303> kTagTimeZoneId{};
+inline constexpr Tag<304> kTagTimeZoneFormat{};
+inline constexpr Tag<306> kTagGmtSign{};
+inline constexpr Tag<307> kTagGmtHour{};
+inline constexpr Tag<308> kTagGmtMinute{};
+inline constexpr Tag<310> kTagDstEnable{};
+inline constexpr Tag<311> kTagStartYear{};
+inline constexpr Tag<312> kTagEndYear{};
+inline constexpr Tag<313> kTagStartMon{};
+inline constexpr Tag<314> kTagEndMon{};
+inline constexpr Tag<315> kTagStartDay{};
+inline constexpr Tag<316> kTagEndDay{};
+inline constexpr Tag<317> kTagStartHour{};
+inline constexpr Tag<318> kTagEndHour{};
+inline constexpr Tag<319> kTagStartMin{};
+inline constexpr Tag<320> kTagEndMin{};
 // Maintenance 0x0180..0x018C and the set-reply group 393..395.
-inline constexpr uint16_t kTagSubserviceType = 0x0180;
-inline constexpr uint16_t kTagServerType = 0x0181;
-inline constexpr uint16_t kTagServerIpType = 0x0182;
-inline constexpr uint16_t kTagServerIpAddr = 0x0183;
-inline constexpr uint16_t kTagReplyStatus = 0x0184;
-inline constexpr uint16_t kTagFwOrUrlName = 0x0185;
-inline constexpr uint16_t kTagCfgOrUrlName = 0x0186;
-inline constexpr uint16_t kTagFailureText = 0x0187;
-inline constexpr uint16_t kTagDelayTime = 0x0188;
-inline constexpr uint16_t kTagSetStatus = 0x0189;
-inline constexpr uint16_t kTagWaitTime = 0x018A;
-inline constexpr uint16_t kTagErrorMask = 0x018B;
-inline constexpr uint16_t kTagServerPort = 0x018C;
+inline constexpr Tag<0x0180> kTagSubserviceType{};
+inline constexpr Tag<0x0181> kTagServerType{};
+inline constexpr Tag<0x0182> kTagServerIpType{};
+inline constexpr Tag<0x0183> kTagServerIpAddr{};
+inline constexpr Tag<0x0184> kTagReplyStatus{};
+inline constexpr Tag<0x0185> kTagFwOrUrlName{};
+inline constexpr Tag<0x0186> kTagCfgOrUrlName{};
+inline constexpr Tag<0x0187> kTagFailureText{};
+inline constexpr Tag<0x0188> kTagDelayTime{};
+inline constexpr Tag<0x0189> kTagSetStatus{};
+inline constexpr Tag<0x018A> kTagWaitTime{};
+inline constexpr Tag<0x018B> kTagErrorMask{};
+inline constexpr Tag<0x018C> kTagServerPort{};
 // Lists.
-inline constexpr uint16_t kTagSupportedFunction = 500;
-inline constexpr uint16_t kTagEolOrCnt = 501;  // TAG_TAV_EOL_OR_CNT
-inline constexpr uint16_t kTagGroup = 502;     // group_tag
+inline constexpr Tag<500> kTagSupportedFunction{};
+inline constexpr Tag<501> kTagEolOrCnt{};  // TAG_TAV_EOL_OR_CNT
+inline constexpr Tag<502> kTagGroup{};     // group_tag
 // Wireless.
-inline constexpr uint16_t kTagTlvBand = 512;
-inline constexpr uint16_t kTagCpuUtilization = 517;
-inline constexpr uint16_t kTagMemoryUsage = 518;
-inline constexpr uint16_t kTagWlan2gSend = 519;
-inline constexpr uint16_t kTagWlan2gReceived = 520;
-inline constexpr uint16_t kTagWlan5gSend = 521;
-inline constexpr uint16_t kTagWlan5gReceived = 522;
-inline constexpr uint16_t kTagLanSend = 523;
-inline constexpr uint16_t kTagLanReceived = 524;
-inline constexpr uint16_t kTagSupportedBand = 525;
-inline constexpr uint16_t kTagSupportedAuth = 526;
-inline constexpr uint16_t kTagSupportedAddressFormat = 527;
-inline constexpr uint16_t kTagBandStatus = 528;
-inline constexpr uint16_t kTagSupportedWirelessMode2g = 529;
-inline constexpr uint16_t kTagWirelessModeStatus2g = 530;
-inline constexpr uint16_t kTagSupportedWirelessMode5g = 531;
-inline constexpr uint16_t kTagWirelessModeStatus5g = 532;
-inline constexpr uint16_t kTagRadioBand = 533;
-inline constexpr uint16_t kTagWirelessMode2g = 534;
-inline constexpr uint16_t kTagWirelessMode5g = 535;
-inline constexpr uint16_t kTagWirelessMode5g2 = 536;
-inline constexpr uint16_t kTagClientSsid = 922;
-inline constexpr uint16_t kTagChannel = 923;
-inline constexpr uint16_t kTagClientAuth = 924;
-inline constexpr uint16_t kTagRssi = 925;
-inline constexpr uint16_t kTagSsidIndex = 926;
-inline constexpr uint16_t kTagSsidName = 927;
-inline constexpr uint16_t kTagBand = 928;
-inline constexpr uint16_t kTagVlanId = 929;
-inline constexpr uint16_t kTagAuthType = 930;
-inline constexpr uint16_t kTagPassphrase = 931;
-inline constexpr uint16_t kTagRadiusAddressType = 932;
-inline constexpr uint16_t kTagRadiusAddress = 933;
-inline constexpr uint16_t kTagRadiusSecret = 934;
-inline constexpr uint16_t kTagSsidStatus = 935;  // TAG_SSID_STATUS
+inline constexpr Tag<512> kTagTlvBand{};
+inline constexpr Tag<517> kTagCpuUtilization{};
+inline constexpr Tag<518> kTagMemoryUsage{};
+inline constexpr Tag<519> kTagWlan2gSend{};
+inline constexpr Tag<520> kTagWlan2gReceived{};
+inline constexpr Tag<521> kTagWlan5gSend{};
+inline constexpr Tag<522> kTagWlan5gReceived{};
+inline constexpr Tag<523> kTagLanSend{};
+inline constexpr Tag<524> kTagLanReceived{};
+inline constexpr Tag<525> kTagSupportedBand{};
+inline constexpr Tag<526> kTagSupportedAuth{};
+inline constexpr Tag<527> kTagSupportedAddressFormat{};
+inline constexpr Tag<528> kTagBandStatus{};
+inline constexpr Tag<529> kTagSupportedWirelessMode2g{};
+inline constexpr Tag<530> kTagWirelessModeStatus2g{};
+inline constexpr Tag<531> kTagSupportedWirelessMode5g{};
+inline constexpr Tag<532> kTagWirelessModeStatus5g{};
+inline constexpr Tag<533> kTagRadioBand{};
+inline constexpr Tag<534> kTagWirelessMode2g{};
+inline constexpr Tag<535> kTagWirelessMode5g{};
+inline constexpr Tag<536> kTagWirelessMode5g2{};
+inline constexpr Tag<922> kTagClientSsid{};
+inline constexpr Tag<923> kTagChannel{};
+inline constexpr Tag<924> kTagClientAuth{};
+inline constexpr Tag<925> kTagRssi{};
+inline constexpr Tag<926> kTagSsidIndex{};
+inline constexpr Tag<927> kTagSsidName{};
+inline constexpr Tag<928> kTagBand{};
+inline constexpr Tag<929> kTagVlanId{};
+inline constexpr Tag<930> kTagAuthType{};
+inline constexpr Tag<931> kTagPassphrase{};
+inline constexpr Tag<932> kTagRadiusAddressType{};
+inline constexpr Tag<933> kTagRadiusAddress{};
+inline constexpr Tag<934> kTagRadiusSecret{};
+inline constexpr Tag<935> kTagSsidStatus{};  // TAG_SSID_STATUS
 // AP array.
-inline constexpr uint16_t kTagApArrayEnable = 936;
-inline constexpr uint16_t kTagApArrayRole = 937;
-inline constexpr uint16_t kTagApArrayName = 938;
-inline constexpr uint16_t kTagApArrayNameFilter = 939;
-inline constexpr uint16_t kTagApArrayPreferredMaster = 940;
-inline constexpr uint16_t kTagApArrayAddApAuto = 941;
-inline constexpr uint16_t kTagApArrayReserved = 942;
-inline constexpr uint16_t kTagReqType = 943;
-inline constexpr uint16_t kTagListType = 944;
-inline constexpr uint16_t kTagDeviceStatus = 945;
-inline constexpr uint16_t kTagAction = 946;
+inline constexpr Tag<936> kTagApArrayEnable{};
+inline constexpr Tag<937> kTagApArrayRole{};
+inline constexpr Tag<938> kTagApArrayName{};
+inline constexpr Tag<939> kTagApArrayNameFilter{};
+inline constexpr Tag<940> kTagApArrayPreferredMaster{};
+inline constexpr Tag<941> kTagApArrayAddApAuto{};
+inline constexpr Tag<942> kTagApArrayReserved{};
+inline constexpr Tag<943> kTagReqType{};
+inline constexpr Tag<944> kTagListType{};
+inline constexpr Tag<945> kTagDeviceStatus{};
+inline constexpr Tag<946> kTagAction{};
 
 // ---- tag table ------------------------------------------------------------
 
@@ -351,7 +367,7 @@ struct TagOverride {
     TagInfo info;
 };
 
-inline constexpr std::array<TagOverride, 14> kTagOverrides{{
+inline constexpr std::array<TagOverride, 15> kTagOverrides{{
     {kOpGetApArrayDeviceList, {8, "MODEL_NAME", TagKind::kText, "0x200B reply", "listed access point's model name"}},
     {kOpGetApArrayDeviceList, {9, "SYSTEM_NAME", TagKind::kText, "0x200B reply", "listed access point's system name (unmanaged: its model name)"}},
     {kOpGetApArrayDeviceList, {14, "MAC", TagKind::kMac, "0x200B reply", "listed access point's MAC"}},
@@ -363,6 +379,7 @@ inline constexpr std::array<TagOverride, 14> kTagOverrides{{
     {kOpSetIpv4, {17, "DEVCIE_IP_MASK", TagKind::kIpv4, "0xE1 request", "static subnet mask"}},
     {kOpSetIpv4, {18, "DEFAULT_GATEWAY", TagKind::kIpv4, "0xE1 request", "static default gateway"}},
     {kOpSetDeviceInfo, {32, "WEB_PORT_NUM", TagKind::kU16, "0xE3 request", "new web server port"}},
+    {kOpSetDeviceInfo, {0x0187, "FAILURE_TEXT", TagKind::kText, "0xE3 reply", "failure text, sent without NUL"}},
     {kOpSetAgProfile, {47, "AGENT_GROUP_UUID", TagKind::kText, "0xE6 request", "agent group identifier"}},
     {kOpSetAgProfile, {48, "NMS_URL", TagKind::kText, "0xE6 request", "management server address"}},
     {kOpSetSnmp, {0x018B, "SNMP_ERROR_MASK", TagKind::kU32Le, "0xD4 reply", "refused items, little-endian: 2 rocomm, 4 rwcomm, 8 roview, 16 rwview"}},
@@ -421,6 +438,68 @@ constexpr bool tag_tables_well_formed() {
 }
 static_assert(tag_tables_well_formed(), "tag tables: order, names or overrides broken");
 }  // namespace detail
+
+// Text values sent without their terminating NUL (op code 0: in every op code).
+struct BareText {
+    uint16_t op_code;
+    uint16_t tag;
+};
+inline constexpr std::array<BareText, 2> kBareTexts{{
+    {0, kTagSnmpCommunity},
+    {kOpSetDeviceInfo, kTagFailureText},
+}};
+
+// How a tag's value goes on the wire in an op code's context (0: the common
+// meaning): its kind and, for text, whether the NUL goes along.
+struct TagForm {
+    bool known;
+    TagKind kind;
+    bool nul;
+    constexpr bool operator==(const TagForm &) const = default;
+};
+
+constexpr TagForm tag_form(uint16_t tag, uint16_t op_code) {
+    bool nul = true;
+    for (const auto &b : kBareTexts)
+        if (b.tag == tag && (b.op_code == 0 || b.op_code == op_code)) nul = false;
+    if (op_code != 0)
+        for (const auto &o : kTagOverrides)
+            if (o.op_code == op_code && o.info.tag == tag) return {true, o.info.kind, nul};
+    for (const auto &t : kTags)
+        if (t.tag == tag) return {true, t.kind, nul};
+    return {false, TagKind::kBytes, true};
+}
+
+namespace detail {
+void tag_not_in_table();  // never defined: reached only by a tag the table lacks
+// Never defined: reached by a tag whose wire form differs by op code, used
+// without one; bind it with .in<op code>().
+void tag_form_depends_on_op_code();
+
+constexpr bool bare_texts_well_formed() {
+    for (const auto &b : kBareTexts)
+        if (tag_form(b.tag, b.op_code).kind != TagKind::kText) return false;
+    return true;
+}
+static_assert(bare_texts_well_formed(), "a text without NUL that is no text");
+}  // namespace detail
+
+// The wire form of a typed tag, decided at compile time. An unbound tag whose
+// form differs in some op code does not compile: the table, not the caller,
+// says which form an op code uses.
+template <uint16_t N, uint16_t Op>
+consteval TagForm tag_form(Tag<N, Op>) {
+    const TagForm f = tag_form(N, Op);
+    if (!f.known) detail::tag_not_in_table();
+    if (Op == 0) {
+        for (const auto &o : kTagOverrides)
+            if (o.info.tag == N && !(tag_form(N, o.op_code) == f))
+                detail::tag_form_depends_on_op_code();
+        for (const auto &b : kBareTexts)
+            if (b.tag == N && b.op_code != 0) detail::tag_form_depends_on_op_code();
+    }
+    return f;
+}
 
 // ---- result codes with their handlers' meanings ---------------------------
 

@@ -1,15 +1,18 @@
 #!/usr/bin/env bash
 # Runs every test: installs what is missing, configures, builds, runs the
 # device code's unit tests on a big-endian target (s390x under qemu), then
-# every suite through CTest.
-# Usage: scripts/test.sh [--preset dev|asan] [--no-bigendian] [extra ctest arguments...]
+# every suite through CTest, several at a time (each lab suite has lab
+# instances of its own).
+# Usage: scripts/test.sh [--preset dev|asan] [--no-bigendian] [-j N] [extra ctest arguments...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 preset=dev
 bigendian=1
+jobs=$(($(nproc) + 1))  # lab suites spend most of their time waiting
 while [ $# -gt 0 ]; do
     case $1 in
+        -j) jobs=$2; shift 2 ;;
         --preset) preset=$2; shift 2 ;;
         --no-bigendian) bigendian=0; shift ;;
         *) break ;;
@@ -39,6 +42,6 @@ finish() {
 }
 trap finish EXIT
 status=0
-ctest --test-dir "build/$preset" --output-on-failure -j1 "$@" || status=$?
+ctest --test-dir "build/$preset" --output-on-failure -j"$jobs" "$@" || status=$?
 done_ctest=1
 exit "$status"

@@ -47,29 +47,29 @@ TAV_HANDLER(tav_discovery) {
     init_device_status();
     const device_status &d = *device_info;
     Reply r(reply);
-    r.add_text(kTagVendor, d.vendor);
-    r.add_text(kTagModelName, d.model_name);
-    r.add_text(kTagHostName, d.host_name);
-    r.add_text(kTagFirmwareVersion, d.firmware_version);
-    r.add(kTagReservedWord, d.reserved_word, 4);
-    r.add(kTagMac, d.mac, 6);
-    r.add_u8(kTagTavMode, d.tav_mode);
-    r.add_text(kTagSystemName, d.system_name);
-    r.add(kTagIpAddress, d.ip_address, 4);
-    r.add(kTagWebPort, d.web_port, 2);
-    r.add(kTagNetmask, d.netmask, 4);
-    r.add(kTagGateway, d.gateway, 4);
-    r.add(kTagPrimaryDns, d.primary_dns, 4);
-    r.add(kTagSecondaryDns, d.secondary_dns, 4);
-    r.add_u8(kTagWanMode, d.wan_mode);
-    r.add_text(kTagDateTime, d.date_time);
-    r.add_text(kTagProductType, d.product_type);
-    r.add_text(kTagHardwareVersion, d.hardware_version);
-    r.add_u8(kTagManagedStatus, d.managed_status);
-    r.add_text(kTagNmsServer, d.nms_server);
-    r.add_u8(kTagAddressMode, d.address_mode);
-    r.add_text(kTagAgUuid, d.ag_uuid);
-    r.add(kTagConnectionStatus, d.connection_status, 2);
+    r.add(kTagVendor, d.vendor);
+    r.add(kTagModelName, d.model_name);
+    r.add(kTagHostName, d.host_name);
+    r.add(kTagFirmwareVersion, d.firmware_version);
+    r.add(kTagReservedWord, get_be32(d.reserved_word));
+    r.add(kTagMac, d.mac);
+    r.add(kTagTavMode, d.tav_mode);
+    r.add(kTagSystemName, d.system_name);
+    r.add(kTagIpAddress, d.ip_address);
+    r.add(kTagWebPort, get_be16(d.web_port));  // both held in network order
+    r.add(kTagNetmask, d.netmask);
+    r.add(kTagGateway, d.gateway);
+    r.add(kTagPrimaryDns, d.primary_dns);
+    r.add(kTagSecondaryDns, d.secondary_dns);
+    r.add(kTagWanMode, d.wan_mode);
+    r.add(kTagDateTime, d.date_time);
+    r.add(kTagProductType, d.product_type);
+    r.add(kTagHardwareVersion, d.hardware_version);
+    r.add(kTagManagedStatus, d.managed_status);
+    r.add(kTagNmsServer, d.nms_server);
+    r.add(kTagAddressMode, d.address_mode);
+    r.add(kTagAgUuid, d.ag_uuid);
+    r.add(kTagConnectionStatus, get_be16(d.connection_status));
     return r.finish(tav::kResultSuccess);
 }
 
@@ -79,8 +79,8 @@ TAV_HANDLER(tav_query_supported_optional_functions) {
     Reply r(reply);
     r.close_with(2);  // room kept for tag 501
     for (const tav_function_row &row : tav_function)
-        if (tav::is_advertised(row.op_code)) r.add_be16(kTagSupportedFunction, row.op_code);
-    r.close_be16(kTagEolOrCnt, 0);
+        if (tav::is_advertised(row.op_code)) r.add(kTagSupportedFunction, uint16_t(row.op_code));
+    r.close(kTagEolOrCnt, uint16_t{0});
     return r.finish(tav::kResultSuccess);
 }
 
@@ -113,16 +113,16 @@ int report_device_info() {
     memset(plain, 0, sizeof plain);
     init_device_status();
     const device_status &d = *device_info;
-    tav::TlvWriter w(std::span<uint8_t>(plain + tav::kL2HeaderLen, sizeof plain - tav::kL2HeaderLen));
-    w.add_text(kTagModelName, d.model_name);
-    w.add_text(kTagProductType, d.product_type);
-    w.add_text(kTagFirmwareVersion, d.firmware_version);
-    w.add(kTagMac, d.mac, 6);
-    w.add_text(kTagHardwareVersion, d.hardware_version);
-    w.add_text(kTagSystemName, d.system_name);
-    w.add(kTagIpAddress, d.ip_address, 4);
-    w.add(kTagNetmask, d.netmask, 4);
-    w.add_text(kTagInterfaceName, d.interface_name);
+    Reply w(std::span<uint8_t>(plain + tav::kL2HeaderLen, sizeof plain - tav::kL2HeaderLen));
+    w.add(kTagModelName, d.model_name);
+    w.add(kTagProductType, d.product_type);
+    w.add(kTagFirmwareVersion, d.firmware_version);
+    w.add(kTagMac, d.mac);
+    w.add(kTagHardwareVersion, d.hardware_version);
+    w.add(kTagSystemName, d.system_name);
+    w.add(kTagIpAddress, d.ip_address);
+    w.add(kTagNetmask, d.netmask);
+    w.add(kTagInterfaceName, d.interface_name);
     own_header(plain, tav::kOpReport, uint16_t(w.size()));
     return send_msg_L2(plain, uint16_t(tav::kL2HeaderLen + w.size()));
 }

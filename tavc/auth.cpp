@@ -33,8 +33,7 @@ TAV_HANDLER(tav_user_verification) {
     Verify req{};
     if (Step s = tlv_request_prologue(kVerify, body, body_length, reply, &req); s.ended())
         return s.result();
-    static const uint8_t kOneLittleEndian[4] = {1, 0, 0, 0};
     Reply r(reply);
-    r.add(tav::kTagVerification, kOneLittleEndian, sizeof kOneLittleEndian);
+    r.add(tav::kTagVerification, uint32_t{1});  // little-endian
     return r.finish(tav::kResultSuccess);
 }

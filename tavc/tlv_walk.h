@@ -20,6 +20,8 @@
 //
 // Mistakes this header turns into compile errors:
 //   - a store whose width differs from its member (tlv_be32 on a uint16_t);
+//   - a store or a size that differs from the tag's kind in proto/tags.h
+//     (tlv_u8 on a u16 tag, tlv_skip(u16 tag, Take::Fixed, 1));
 //   - a rule whose member lies outside the request struct;
 //   - refusal codes given in the wrong order or as bare numbers;
 //   - authentication without credential members.
@@ -29,8 +31,8 @@
 //   struct Verify { char user_name[65]; char password[65]; };
 //   constexpr TlvRule kVerifyRules[] = {
 //       tlv_precedence(),                                       // 54: 1 byte
-//       tlv_text(55, Take::Declared, 0, TAVC_FIELD(Verify, user_name)),
-//       tlv_text(56, Take::Declared, 0, TAVC_FIELD(Verify, password)),
+//       tlv_text(tav::kTagUserName, Take::Declared, 0, TAVC_FIELD(Verify, user_name)),
+//       tlv_text(tav::kTagPassword, Take::Declared, 0, TAVC_FIELD(Verify, password)),
 //   };
 //   constexpr TlvRequest<Verify> kVerify{
 //       kVerifyRules, Take::Declared, ParamRefusal{0xFFFD}, PrecedenceRefusal{0xFFFF},
@@ -130,33 +132,64 @@ constexpr TlvRule rule(uint16_t tag, Take take, uint16_t n, Store store, uint16_
 }
 }  // namespace tlv_detail
 
-template <class O, size_t N>
-constexpr TlvRule tlv_text(uint16_t tag, Take take, uint16_t n, Field<O, char[N]> f) {
+// Every builder takes a typed tag (proto/tags.h) and checks it against the
+// tag table: tlv_u8 only for a u8 tag, tlv_be16 for u16, tlv_be32 for u32,
+// tlv_text for text; tlv_bytes for opaque values or the raw bytes of a
+// fixed-size value. A fixed-size value is taken whole: `n` must be its size
+// unless the take is the declared length.
+namespace tlv_detail {
+template <uint16_t N, uint16_t Op>
+consteval tav::TagKind kind() {
+    return tav::tag_form(tav::Tag<N, Op>{}).kind;
+}
+constexpr void check_size(tav::TagKind k, Take take, uint16_t n) {
+    const size_t size = tav::tag_kind_size(k);
+    if (size != 0 && take != Take::Declared && n != size) tlv_description_error();
+}
+}  // namespace tlv_detail
+
+template <uint16_t T, uint16_t Op, class O, size_t N>
+constexpr TlvRule tlv_text(tav::Tag<T, Op> tag, Take take, uint16_t n, Field<O, char[N]> f) {
+    static_assert(tlv_detail::kind<T, Op>() == tav::TagKind::kText, "tlv_text: not a text tag");
     return tlv_detail::rule(tag, take, n, Store::Text, f.offset, f.size);
 }
-template <class O, size_t N>
-constexpr TlvRule tlv_bytes(uint16_t tag, Take take, uint16_t n, Field<O, uint8_t[N]> f) {
+template <uint16_t T, uint16_t Op, class O, size_t N>
+constexpr TlvRule tlv_bytes(tav::Tag<T, Op> tag, Take take, uint16_t n, Field<O, uint8_t[N]> f) {
+    constexpr tav::TagKind k = tlv_detail::kind<T, Op>();
+    static_assert(k == tav::TagKind::kBytes || tav::tag_kind_size(k) == N,
+                  "tlv_bytes: the member is not the size of the tag's value");
+    tlv_detail::check_size(k, take, n);
     return tlv_detail::rule(tag, take, n, Store::Bytes, f.offset, f.size);
 }
-template <class O>
-constexpr TlvRule tlv_u8(uint16_t tag, Field<O, uint8_t> f, Take take = Take::Fixed,
+template <uint16_t T, uint16_t Op, class O>
+constexpr TlvRule tlv_u8(tav::Tag<T, Op> tag, Field<O, uint8_t> f, Take take = Take::Fixed,
                          uint16_t n = 1) {
+    static_assert(tlv_detail::kind<T, Op>() == tav::TagKind::kU8, "tlv_u8: not a u8 tag");
+    tlv_detail::check_size(tav::TagKind::kU8, take, n);
     return tlv_detail::rule(tag, take, n, Store::U8, f.offset, f.size);
 }
-template <class O>
-constexpr TlvRule tlv_be16(uint16_t tag, Field<O, uint16_t> f, Take take = Take::Fixed,
+template <uint16_t T, uint16_t Op, class O>
+constexpr TlvRule tlv_be16(tav::Tag<T, Op> tag, Field<O, uint16_t> f, Take take = Take::Fixed,
                            uint16_t n = 2) {
+    static_assert(tlv_detail::kind<T, Op>() == tav::TagKind::kU16, "tlv_be16: not a u16 tag");
+    tlv_detail::check_size(tav::TagKind::kU16, take, n);
     return tlv_detail::rule(tag, take, n, Store::Be16, f.offset, f.size);
 }
-template <class O>
-constexpr TlvRule tlv_be32(uint16_t tag, Field<O, uint32_t> f, Take take = Take::Fixed,
+template <uint16_t T, uint16_t Op, class O>
+constexpr TlvRule tlv_be32(tav::Tag<T, Op> tag, Field<O, uint32_t> f, Take take = Take::Fixed,
                            uint16_t n = 4) {
+    static_assert(tlv_detail::kind<T, Op>() == tav::TagKind::kU32, "tlv_be32: not a u32 tag");
+    tlv_detail::check_size(tav::TagKind::kU32, take, n);
     return tlv_detail::rule(tag, take, n, Store::Be32, f.offset, f.size);
 }
-constexpr TlvRule tlv_skip(uint16_t tag, Take take, uint16_t n = 0) {
+template <uint16_t T, uint16_t Op>
+constexpr TlvRule tlv_skip(tav::Tag<T, Op> tag, Take take, uint16_t n = 0) {
+    tlv_detail::check_size(tlv_detail::kind<T, Op>(), take, n);
     return tlv_detail::rule(tag, take, n, Store::Skip);
 }
-constexpr TlvRule tlv_call(uint16_t tag, Take take, uint16_t n, tlv_action action) {
+template <uint16_t T, uint16_t Op>
+constexpr TlvRule tlv_call(tav::Tag<T, Op> tag, Take take, uint16_t n, tlv_action action) {
+    tlv_detail::check_size(tlv_detail::kind<T, Op>(), take, n);
     TlvRule r = tlv_detail::rule(tag, take, n, Store::Call);
     r.action = action;
     return r;
@@ -170,8 +203,10 @@ constexpr TlvRule tlv_precedence() {
 // into the record's member `f`), and tags whose values go into the record
 // opened last. Values of group tags met before the first opening tag are
 // dropped. Records live in the request struct (TAVC_GROUPS), never on the heap.
-template <class G>
-constexpr TlvRule tlv_group_start(uint16_t tag, Take take, uint16_t n, Field<G, uint8_t> f) {
+template <uint16_t T, uint16_t Op, class G>
+constexpr TlvRule tlv_group_start(tav::Tag<T, Op> tag, Take take, uint16_t n, Field<G, uint8_t> f) {
+    static_assert(tlv_detail::kind<T, Op>() == tav::TagKind::kU8, "tlv_group_start: not a u8 tag");
+    tlv_detail::check_size(tav::TagKind::kU8, take, n);
     TlvRule r = tlv_detail::rule(tag, take, n, Store::GroupStart, f.offset, f.size);
     r.in_group = true;
     return r;

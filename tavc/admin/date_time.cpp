@@ -64,14 +64,14 @@ TAV_HANDLER(tav_get_device_date_time) {
     convert_date_time(date_time, date, time);
 
     Reply r(reply);
-    r.add_u8(tav::kTagNtpEnable, uint8_t(ntp_enable));
-    r.add_text(tav::kTagNtpServer, server);
-    r.add_u8(tav::kTagNtpServerFormat, server_format);
-    r.add_u8(tav::kTagTimeReserved, 4);
-    r.add_be16(tav::kTagTimeZoneId, zone_id);
+    r.add(tav::kTagNtpEnable, uint8_t(ntp_enable));
+    r.add(tav::kTagNtpServer, server);
+    r.add(tav::kTagNtpServerFormat, server_format);
+    r.add(tav::kTagTimeReserved, uint8_t{4});
+    r.add(tav::kTagTimeZoneId, zone_id);
     char stamp[sizeof device_info->date_time + 1] = {};
     memcpy(stamp, date_time, sizeof device_info->date_time);
-    r.add_text(tav::kTagDateTime, stamp);
+    r.add(tav::kTagDateTime, stamp);
     return r.finish(tav::kResultSuccess);
 }
 

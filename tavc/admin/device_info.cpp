@@ -66,10 +66,8 @@ TAV_HANDLER(tav_set_device_information) {
     }
 
     Reply r(reply);
-    r.add_u8(tav::kTagReplyStatus, req.unknown_tag ? 1 : 0);
-    if (req.unknown_tag) {
-        static const char kError[] = "Parameter is ERROR!";
-        r.add(tav::kTagFailureText, kError, sizeof kError - 1);  // without NUL
-    }
+    r.add(tav::kTagReplyStatus, uint8_t(req.unknown_tag ? 1 : 0));
+    if (req.unknown_tag)  // without NUL in this op code (the tag table says so)
+        r.add(tav::kTagFailureText.in<tav::kOpSetDeviceInfo>(), "Parameter is ERROR!");
     return r.finish(tav::kResultSuccess);
 }

@@ -14,7 +14,7 @@ TAV_HANDLER(tav_information_func) {
     (void)body;
     (void)body_length;
     Reply r(reply);
-    r.add_text(tav::kTagInformation, "0.00.037");
+    r.add(tav::kTagInformation, "0.00.037");
     return r.finish(tav::kResultSuccess);
 }
 
@@ -96,6 +96,6 @@ TAV_HANDLER(tav_set_ipv4_address) {
     submit_wlan();
 
     Reply r(reply);
-    r.add_u8(tav::kTagReplyStatus, req.refused ? 1 : 0);
+    r.add(tav::kTagReplyStatus, uint8_t(req.refused ? 1 : 0));
     return r.finish(tav::kResultSuccess);
 }

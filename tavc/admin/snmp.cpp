@@ -85,12 +85,12 @@ TAV_HANDLER(tav_get_snmp_configuration) {
     _rgdb_get_(rw, sizeof rw, "/sys/snmpd/rwcomm");
 
     Reply r(reply);
-    r.add_u8(tav::kTagSnmpGlobalState, state);
-    r.add_u8(tav::kTagSnmpCommunityType, 1);
-    r.add(tav::kTagSnmpCommunity, ro, uint16_t(strlen(ro)));  // without NUL
-    r.add_u8(tav::kTagSnmpCommunityType, 2);
-    r.add(tav::kTagSnmpCommunity, rw, uint16_t(strlen(rw)));
-    r.add_be16(tav::kTagEolOrCnt, 0);
+    r.add(tav::kTagSnmpGlobalState, state);
+    r.add(tav::kTagSnmpCommunityType, uint8_t{1});
+    r.add(tav::kTagSnmpCommunity, ro);  // without NUL (the tag table says so)
+    r.add(tav::kTagSnmpCommunityType, uint8_t{2});
+    r.add(tav::kTagSnmpCommunity, rw);
+    r.add(tav::kTagEolOrCnt, uint16_t{0});
     return r.finish(tav::kResultSuccess);
 }
 
@@ -132,6 +132,6 @@ TAV_HANDLER(tav_set_snmp_configuration) {
     proc_exec(0, "/usr/sbin/submit", argv, 6);
 
     Reply r(reply);
-    r.add_set_reply(0, 20, mask, /*mask_little_endian=*/true);
+    r.add_set_reply<tav::kOpSetSnmp>(0, 20, mask);
     return r.finish(mask == 0 ? tav::kResultSuccess : tav::kResultSnmpPartial);
 }

@@ -128,6 +128,6 @@ TAV_HANDLER(tav_set_ag_profile) {
     proc_system("rgdb -d /sys/swcontroller");
     start_qm5_agent(req.ag_uuid, req.nms_server, req.msg_interval);
     Reply r(reply);
-    r.add_u8(tav::kTagReplyStatus, 0);
+    r.add(tav::kTagReplyStatus, uint8_t{0});
     return r.finish(tav::kResultSuccess);
 }

@@ -26,8 +26,8 @@ constexpr int kRunning = 2;
 
 int answer(uint8_t *reply, const Transfer &req, const char *progress_key) {
     Reply r(reply);
-    r.add_u8(tav::kTagSubserviceType, req.subservice_type);
-    r.add_u8(tav::kTagReplyStatus, uint8_t(rgdb_get_digit("%s", progress_key)));
+    r.add(tav::kTagSubserviceType, req.subservice_type);
+    r.add(tav::kTagReplyStatus, uint8_t(rgdb_get_digit("%s", progress_key)));
     return r.finish(tav::kResultSuccess);
 }
 

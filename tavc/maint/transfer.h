@@ -58,7 +58,8 @@ inline Step take_file_name(void *req, uint16_t, const uint8_t *v, uint16_t taken
 
 // The rules every transfer shares; only the file name's tag differs. Tags
 // not listed here (SERVER_PORT among them) are stepped over by their length.
-constexpr std::array<TlvRule, 8> transfer_rules(uint16_t file_tag) {
+template <class FileTag>
+constexpr std::array<TlvRule, 8> transfer_rules(FileTag file_tag) {
     return {
         tlv_precedence(),
         tlv_text(tav::kTagUserName, Take::DeclaredMax, 65, TAVC_FIELD(Transfer, user_name)),

@@ -75,8 +75,9 @@ TAV_HANDLER(tav_firmware_upgrade) {
     }
 
     Reply r(reply);
-    r.add_u8(tav::kTagSubserviceType, req.subservice_type);
-    r.add_u8(tav::kTagReplyStatus, status);
-    if (status == kFailed) r.add_text(tav::kTagFailureText, "upgrade FW failed");
+    r.add(tav::kTagSubserviceType, req.subservice_type);
+    r.add(tav::kTagReplyStatus, status);
+    if (status == kFailed)  // with its NUL in this op code
+        r.add(tav::kTagFailureText.in<tav::kOpFirmwareUpgrade>(), "upgrade FW failed");
     return r.finish(tav::kResultSuccess);
 }

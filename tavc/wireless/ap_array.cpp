@@ -33,15 +33,15 @@ TAV_HANDLER(tav_get_ap_array_information) {
     (void)body_length;
     char domain[16] = {};
     Reply r(reply);
-    r.add_u8(tav::kTagApArrayEnable, uint8_t(rgdb_get_digit("/sys/super_mesh/smeshstatus")));
-    r.add_u8(tav::kTagApArrayRole, role_code());
+    r.add(tav::kTagApArrayEnable, uint8_t(rgdb_get_digit("/sys/super_mesh/smeshstatus")));
+    r.add(tav::kTagApArrayRole, role_code());
     _rgdb_get_(domain, 15, "/sys/super_mesh/domain");
-    r.add_text(tav::kTagApArrayName, domain);
-    r.add_u8(tav::kTagApArrayNameFilter, uint8_t(rgdb_get_digit("/sys/super_mesh/domain_filt_en")));
-    r.add_u8(tav::kTagApArrayPreferredMaster,
+    r.add(tav::kTagApArrayName, domain);
+    r.add(tav::kTagApArrayNameFilter, uint8_t(rgdb_get_digit("/sys/super_mesh/domain_filt_en")));
+    r.add(tav::kTagApArrayPreferredMaster,
              uint8_t(rgdb_get_digit("/sys/super_mesh/prefer_master_en")));
-    r.add_u8(tav::kTagApArrayAddApAuto, uint8_t(rgdb_get_digit("/sys/super_mesh/add_ap_auto_en")));
-    r.add_u8(tav::kTagApArrayReserved, 16);
+    r.add(tav::kTagApArrayAddApAuto, uint8_t(rgdb_get_digit("/sys/super_mesh/add_ap_auto_en")));
+    r.add(tav::kTagApArrayReserved, uint8_t{16});
     return r.finish(tav::kResultSuccess);
 }
 
@@ -93,7 +93,7 @@ TAV_HANDLER(tav_set_ap_array_information) {
     store_config_to_flash();
     submit_mesh();
     Reply r(reply);
-    r.add_set_reply(2, 60000, 0);
+    r.add_set_reply<tav::kOpSetApArrayInfo>(2, 60000, 0);
     return r.finish(tav::kResultSuccess);
 }
 
@@ -140,13 +140,13 @@ bool list_devices(Reply &r, bool member) {
                              Reply::tlv_size(strlen(name) + 1) + Reply::tlv_size(6) +
                              (member ? Reply::tlv_size(1) : 0);
         if (!r.fits(group)) return false;
-        r.add_be16(tav::kTagGroup, 0xFFFF);
-        r.add_u8(tav::kTagListType, member ? 0 : 1);
-        r.add_text(tav::kTagHostName, model);
-        r.add_text(tav::kTagSystemName, name);
-        r.add(tav::kTagMac, mac, 6);
+        r.add(tav::kTagGroup, uint16_t{0xFFFF});
+        r.add(tav::kTagListType, uint8_t(member ? 0 : 1));
+        r.add(tav::kTagHostName, model);
+        r.add(tav::kTagSystemName, name);
+        r.add(tav::kTagMac, mac);
         if (member)
-            r.add_u8(tav::kTagDeviceStatus,
+            r.add(tav::kTagDeviceStatus,
                      uint8_t(rgdb_get_digit("/runtime/super_mesh/%s/index:%d/status", list, index)));
     }
 }
@@ -162,7 +162,7 @@ TAV_HANDLER(tav_get_ap_array_device_list) {
     r.close_with(2);
     const bool room = !(req.req_type & 1) || list_devices(r, true);
     if (room && (req.req_type & 2)) list_devices(r, false);
-    r.close_be16(tav::kTagEolOrCnt, 0xEEEE);
+    r.close(tav::kTagEolOrCnt, uint16_t{0xEEEE});
     return r.finish(tav::kResultSuccess);
 }
 
@@ -283,6 +283,6 @@ TAV_HANDLER(tav_set_ap_array_member_list) {
         return tav::kResultAuthFailed;
     run_actions(req);
     Reply r(reply);
-    r.add_set_reply(2, 60000, 0);
+    r.add_set_reply<tav::kOpSetApArrayMemberList>(2, 60000, 0);
     return r.finish(tav::kResultSuccess);
 }

@@ -67,13 +67,13 @@ bool get_client_list(int band, Reply &r) {
             const size_t group = Reply::tlv_size(6) + Reply::tlv_size(strlen(ssid) + 1) +
                                  3 * Reply::tlv_size(1) + Reply::tlv_size(4);
             if (!r.fits(group)) return false;
-            r.add(tav::kTagMac, mac, 6);
-            r.add_text(tav::kTagClientSsid, ssid);
-            r.add_u8(tav::kTagTlvBand, band == 1 ? 0 : 1);
-            r.add_u8(tav::kTagChannel,
+            r.add(tav::kTagMac, mac);
+            r.add(tav::kTagClientSsid, ssid);
+            r.add(tav::kTagTlvBand, uint8_t(band == 1 ? 0 : 1));
+            r.add(tav::kTagChannel,
                      uint8_t(rgdb_get_digit("/runtime/stats/wlan/inf:%d/channel", band)));
-            r.add_u8(tav::kTagClientAuth, get_client_auth(band, index, n));
-            r.add_be32(tav::kTagRssi, uint32_t(get_client_rssi(band, index, n)));
+            r.add(tav::kTagClientAuth, get_client_auth(band, index, n));
+            r.add(tav::kTagRssi, int32_t(get_client_rssi(band, index, n)));
         }
     }
     return true;
@@ -88,6 +88,6 @@ TAV_HANDLER(tav_get_client_list) {
     r.close_with(2);
     for (int band = 1; band <= 2; ++band)
         if (is_apmode(band) && !get_client_list(band, r)) break;
-    r.close_be16(tav::kTagEolOrCnt, 0);
+    r.close(tav::kTagEolOrCnt, uint16_t{0});
     return r.finish(tav::kResultSuccess);
 }

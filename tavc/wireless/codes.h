@@ -1,51 +1,20 @@
 // The fixed code tables of the wireless handlers, as plain constant data:
-// authentication codes and the values the device stores for them, station
-// authentication texts, wireless mode codes per band, locked countries.
+// station authentication texts, wireless mode codes per band, locked
+// countries (the authentication codes come from proto/auth_codes.h).
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
+#include "proto/auth_codes.h"
+
 namespace wireless {
 
-// Which credential an SSID of an authentication code carries.
-enum class Credential : uint8_t { None, Psk, Radius };
-
-// Protocol authentication code (the row) -> stored value and credential.
-struct AuthRow {
-    uint8_t stored;
-    Credential credential;
-};
-inline constexpr AuthRow kAuthCodes[] = {
-    {0, Credential::None},     // 0 OPEN
-    {3, Credential::Psk},      // 1 WPA-PSK
-    {2, Credential::Radius},   // 2 WPA-EAP
-    {5, Credential::Psk},      // 3 WPA2-PSK
-    {4, Credential::Radius},   // 4 WPA2-EAP
-    {15, Credential::None},    // 5 Enhanced Open
-    {16, Credential::None},    // 6 Enhanced Open transition
-    {9, Credential::Radius},   // 7 WPA2/WPA3-EAP
-    {7, Credential::Psk},      // 8 WPA/WPA2-PSK
-    {14, Credential::Psk},     // 9 WPA2/WPA3-PSK
-    {13, Credential::Psk},     // 10 WPA3-PSK
-    {6, Credential::Radius},   // 11 WPA/WPA2-EAP
-    {17, Credential::Radius},  // 12 WPA3-EAP
-};
-inline constexpr int kAuthCodeCount = int(sizeof kAuthCodes / sizeof kAuthCodes[0]);
-
-// Stored value for a protocol code, or -1 for a code that can't be written.
-constexpr int stored_auth(int code) {
-    return code >= 0 && code < kAuthCodeCount ? kAuthCodes[code].stored : -1;
-}
-// Protocol code of a stored value; values outside the table read as 0.
-constexpr uint8_t auth_code_of(int stored) {
-    for (int c = 0; c < kAuthCodeCount; ++c)
-        if (kAuthCodes[c].stored == stored) return uint8_t(c);
-    return 0;
-}
-constexpr Credential credential_of(uint8_t code) {
-    return code < kAuthCodeCount ? kAuthCodes[code].credential : Credential::None;
-}
+// Authentication codes: the table is the protocol's (proto/auth_codes.h).
+using tav::Credential;
+using tav::auth_code_of;
+using tav::credential_of;
+using tav::stored_auth;
 
 // Station authentication texts, tested in this order; `whole` texts must
 // match exactly, the others only in their own length.

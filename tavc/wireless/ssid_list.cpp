@@ -24,12 +24,12 @@ TAV_HANDLER(tav_get_ssid_list) {
     const uint8_t bands = ap_bands();
     Reply r(reply);
     r.close_with(2);
-    r.add_u8(tav::kTagSupportedBand, bands);
-    r.add_le32(tav::kTagSupportedAuth, kSupportedAuth);
-    r.add_u8(tav::kTagSupportedAddressFormat, 1);
+    r.add(tav::kTagSupportedBand, bands);
+    r.add(tav::kTagSupportedAuth, kSupportedAuth);
+    r.add(tav::kTagSupportedAddressFormat, uint8_t{1});
     if (bands & 1) get_ssid_info(1, r);
     if (bands & 2) get_ssid_info(2, r);
-    r.close_be16(tav::kTagEolOrCnt, 0);
+    r.close(tav::kTagEolOrCnt, uint16_t{0});
     return r.finish(tav::kResultSuccess);
 }
 
@@ -102,6 +102,6 @@ TAV_HANDLER(tav_set_ssid_list) {
     store_config_to_flash();
     submit_wlan();
     Reply r(reply);
-    r.add_set_reply(2, 60000, 0);
+    r.add_set_reply<tav::kOpSetSsidList>(2, 60000, 0);
     return r.finish(tav::kResultSuccess);
 }

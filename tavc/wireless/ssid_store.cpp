@@ -133,28 +133,28 @@ bool is_valid_ip_address(int family, const char *text) {
 
 void get_ssid_info(int band, Reply &r) {
     for (int index = 0; index <= 7; ++index) {
-        r.add_u8(tav::kTagSsidIndex, uint8_t(index));
+        r.add(tav::kTagSsidIndex, uint8_t(index));
         char name[64] = {};
         get_ssid_name(name, 63, band, index);
-        r.add_text(tav::kTagSsidName, name);
-        r.add_u8(tav::kTagBand, uint8_t(band));
-        r.add_be16(tav::kTagVlanId, get_vlan_id(band, index));
+        r.add(tav::kTagSsidName, name);
+        r.add(tav::kTagBand, uint8_t(band));
+        r.add(tav::kTagVlanId, get_vlan_id(band, index));
         const uint8_t code = get_auth_type(band, index);
-        r.add_u8(tav::kTagAuthType, code);
+        r.add(tav::kTagAuthType, code);
         switch (wireless::credential_of(code)) {
         case wireless::Credential::Psk: {
             char passphrase[128] = {};
             get_passphrase(passphrase, 127, band, index);
-            r.add_text(tav::kTagPassphrase, passphrase);
+            r.add(tav::kTagPassphrase, passphrase);
             break;
         }
         case wireless::Credential::Radius: {
-            r.add_u8(tav::kTagRadiusAddressType, 1);
+            r.add(tav::kTagRadiusAddressType, uint8_t{1});
             char address[64] = {}, secret[64] = {};
             get_radius_address(address, 63, band, index);
-            r.add_text(tav::kTagRadiusAddress, address);
+            r.add(tav::kTagRadiusAddress, address);
             get_radius_secret(secret, 63, band, index);
-            r.add_text(tav::kTagRadiusSecret, secret);
+            r.add(tav::kTagRadiusSecret, secret);
             break;
         }
         case wireless::Credential::None:
@@ -162,7 +162,7 @@ void get_ssid_info(int band, Reply &r) {
         }
         const uint8_t status =
             index == 0 ? 1 : uint8_t(multi_enabled(band) & ssid_state(band, index));
-        r.add_u8(tav::kTagSsidStatus, status);
+        r.add(tav::kTagSsidStatus, status);
     }
 }
 

@@ -88,13 +88,13 @@ TAV_HANDLER(tav_get_wireless_information) {
     for (int band = 1; band <= 2; ++band)
         if (is_apmode(band) && band_on(band)) status = uint8_t(status | (1 << (band - 1)));
     Reply r(reply);
-    r.add_u8(tav::kTagSupportedBand, 3);
-    r.add_u8(tav::kTagBandStatus, status);
-    r.add_be16(tav::kTagSupportedWirelessMode2g, wireless::supported_modes(1));
-    r.add_be16(tav::kTagWirelessModeStatus2g, get_wireless_mode(1));
-    r.add_be16(tav::kTagSupportedWirelessMode5g, wireless::supported_modes(2));
-    r.add_be16(tav::kTagWirelessModeStatus5g, get_wireless_mode(2));
-    r.add_be16(tav::kTagCountryIndex, get_country_index());
+    r.add(tav::kTagSupportedBand, uint8_t{3});
+    r.add(tav::kTagBandStatus, status);
+    r.add(tav::kTagSupportedWirelessMode2g, wireless::supported_modes(1));
+    r.add(tav::kTagWirelessModeStatus2g, get_wireless_mode(1));
+    r.add(tav::kTagSupportedWirelessMode5g, wireless::supported_modes(2));
+    r.add(tav::kTagWirelessModeStatus5g, get_wireless_mode(2));
+    r.add(tav::kTagCountryIndex, get_country_index());
     return r.finish(tav::kResultSuccess);
 }
 
@@ -162,6 +162,6 @@ TAV_HANDLER(tav_set_wireless_information) {
         submit_wlan();
     }
     Reply r(reply);
-    r.add_set_reply(2, wait_ms, 0);
+    r.add_set_reply<tav::kOpSetWirelessInfo>(2, wait_ms, 0);
     return r.finish(tav::kResultSuccess);
 }

@@ -119,7 +119,7 @@ TEST_F(ReportTiming, FirstReportComesAMinuteAfterTheHelloWithTheIdentity) {
     auto discovery = lab().raw().request_one(tav::kOpDiscovery, {}, 3s);
     ASSERT_TRUE(discovery) << discovery.error();
     TlvList want;
-    for (uint16_t tag :
+    for (uint16_t tag : std::initializer_list<uint16_t>
          {tav::kTagModelName, tav::kTagProductType, tav::kTagFirmwareVersion, tav::kTagMac,
           tav::kTagHardwareVersion, tav::kTagSystemName, tav::kTagIpAddress, tav::kTagNetmask})
         if (auto r = discovery->find(tag)) want.push_back(*r);

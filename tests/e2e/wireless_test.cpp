@@ -4,6 +4,7 @@
 // set requests are checked by the keys they leave and the commands they run.
 #include <map>
 
+#include "proto/auth_codes.h"
 #include "tests/e2e/e2e.h"
 
 namespace e2e {
@@ -141,11 +142,6 @@ TEST_F(Status, CountersMoveWhileTheStatisticsServiceRuns) {
 
 WIRELESS_SUITE(Ssid, "wss");
 
-// Stored authentication value -> protocol code (values not listed read 0),
-// and the credential each code reports: 1 passphrase, 2 RADIUS.
-const std::map<int, uint8_t> kCodeOf{{0, 0}, {3, 1},  {2, 2},  {5, 3},  {4, 4},  {15, 5}, {16, 6},
-                                     {9, 7}, {7, 8},  {14, 9}, {13, 10}, {6, 11}, {17, 12}};
-const int kCredential[13] = {0, 1, 2, 1, 2, 0, 0, 2, 1, 1, 1, 2, 2};
 
 std::string ssid_key(int band, int index, const std::string &primary, const std::string &more) {
     const std::string b = "/wlan/inf:" + std::to_string(band) + "/";
@@ -160,12 +156,11 @@ TlvList expected_ssid_groups(const Ap &ap, int band) {
         t.push_back(tlv_text(927, ap.get(key(i, "ssid", "ssid")).substr(0, 62)));
         t.push_back(tlv_u8(928, uint8_t(band)));
         t.push_back(tlv_u16(929, uint16_t(ap.num(key(i, "vlan_id", "vlan_id"), 6))));
-        const auto it = kCodeOf.find(ap.num(key(i, "authentication", "auth"), 31));
-        const uint8_t code = it == kCodeOf.end() ? 0 : it->second;
+        const uint8_t code = tav::auth_code_of(ap.num(key(i, "authentication", "auth"), 31));
         t.push_back(tlv_u8(930, code));
-        if (kCredential[code] == 1)
+        if (tav::credential_of(code) == tav::Credential::Psk)
             t.push_back(tlv_text(931, ap.get(key(i, "wpa/wpapsk", "passphrase")).substr(0, 126)));
-        if (kCredential[code] == 2) {
+        if (tav::credential_of(code) == tav::Credential::Radius) {
             t.push_back(tlv_u8(932, 1));
             t.push_back(tlv_text(933, ap.get(key(i, "wpa/radiusserver", "radius_server")).substr(0, 62)));
             t.push_back(tlv_text(934, ap.get(key(i, "wpa/radiussecret", "radius_secret")).substr(0, 62)));

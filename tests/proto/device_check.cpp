@@ -1,5 +1,6 @@
 // Linked as C (no libstdc++) with the device's flags: the protocol headers
 // must work there, at compile time and at run time.
+#include "proto/auth_codes.h"
 #include "proto/tags.h"
 #include "proto/wire.h"
 
@@ -13,5 +14,9 @@ int main() {
     int n = 0;
     while (r.next()) ++n;
     volatile uint16_t tag = 395;  // a run-time look-up in context
-    return n == 2 && tav::find_tag(tag, tav::kOpSetSnmp)->kind == tav::TagKind::kU32Le ? 0 : 2;
+    volatile int stored = 17;
+    return n == 2 && tav::find_tag(tag, tav::kOpSetSnmp)->kind == tav::TagKind::kU32Le &&
+                   tav::auth_code_of(stored) == 12
+               ? 0
+               : 2;
 }

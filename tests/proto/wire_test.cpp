@@ -1,10 +1,13 @@
-// Bounds and layouts of the wire format: headers, TLV codec, op-code table.
+// Bounds and layouts of the wire format: headers, TLV codec, op-code table,
+// the wire forms that depend on the op code, authentication codes.
 // (Tag look-ups by op code are exercised through tavctl's TAG=VALUE parsing.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <vector>
 
+#include "proto/auth_codes.h"
+#include "proto/tags.h"
 #include "proto/wire.h"
 
 namespace {
@@ -169,6 +172,38 @@ TEST(OpCodes, TableOrderManagedModeAndTheTwentySevenAdvertised) {
     EXPECT_EQ(find_op_code(0x0999), nullptr);
     EXPECT_FALSE(is_advertised(0x0999));
     EXPECT_EQ(find_op_code(0x2005)->handler, "tav_set_ssid_list");
+}
+
+// Written out from the protocol's own tables: the mask's byte order in the
+// SNMP set reply, the texts that go without NUL.
+TEST(TagForms, ByOpCode) {
+    const struct {
+        uint16_t tag, op;
+        TagKind kind;
+        bool nul;
+    } rows[] = {
+        {0x018B, kOpSetSnmp, TagKind::kU32Le, true},     {0x018B, kOpSetSsidList, TagKind::kU32, true},
+        {45, kOpGetSnmp, TagKind::kText, false},          {0x0187, kOpSetDeviceInfo, TagKind::kText, false},
+        {0x0187, kOpFirmwareUpgrade, TagKind::kText, true}, {52, kOpUserVerification, TagKind::kU32Le, true},
+    };
+    for (const auto &r : rows)
+        EXPECT_EQ(tag_form(r.tag, r.op), (TagForm{true, r.kind, r.nul})) << r.tag << " in " << r.op;
+}
+
+TEST(AuthCodes, ProtocolExamples) {
+    const AuthCode rows[] = {
+        {0, "open", Credential::None, 0},       {1, "wpa-psk", Credential::Psk, 3},
+        {2, "wpa-eap", Credential::Radius, 2},  {5, "enhanced-open", Credential::None, 15},
+        {10, "wpa3-psk", Credential::Psk, 13},  {12, "wpa3-eap", Credential::Radius, 17},
+    };
+    for (const AuthCode &r : rows) {
+        EXPECT_EQ(kAuthCodes[r.code].name, r.name);
+        EXPECT_EQ(credential_of(r.code), r.credential) << r.name;
+        EXPECT_EQ(stored_auth(r.code), r.stored) << r.name;
+        EXPECT_EQ(auth_code_of(r.stored), r.code) << r.name;
+    }
+    EXPECT_EQ(auth_code_of(1), 0);  // stored numbers outside the table read as open
+    EXPECT_EQ(stored_auth(13), -1);
 }
 
 }  // namespace

@@ -189,6 +189,17 @@ TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
     }
 }
 
+TEST_F(Admin, OnlyTheResetKeepingTheAddressTracesARefusedLogin) {
+    lrgbin_store::put("/runtime/tav_debug_enable", "1");
+    for (auto [handler, op, traced] : {std::tuple(&tav_reset, tav::kOpReset, true),
+                                       std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, false)}) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(call(handler, op, text(55, "admin") + text(56, "wrong")), tav::kResultAuthFailed);
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("INVALID_AUTH") != std::string::npos, traced);
+    }
+    EXPECT_TRUE(tavc_record::launches().empty());
+}
+
 // ---- IPv4 and device information -----------------------------------------------
 
 TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {

@@ -36,7 +36,7 @@ TEST(Reply, WholeAreaIsBounded) {
     std::memset(buf, 0, sizeof buf);
     Reply r(buf);
     int added = 0;
-    while (r.add_be16(500, 0x1234)) ++added;
+    while (r.add(tav::kTagSupportedFunction, uint16_t{0x1234})) ++added;
     EXPECT_EQ(added, 65490 / 6);
     r.finish(0);
     uint16_t n;
@@ -62,10 +62,10 @@ Step count_unknown(void *req, uint16_t, const uint8_t *, uint16_t) {
 
 constexpr TlvRule kRules[] = {
     tlv_precedence(),
-    tlv_text(55, Take::Declared, 0, TAVC_FIELD(WalkReq, text)),
-    tlv_u8(300, TAVC_FIELD(WalkReq, u8)),
-    tlv_be16(303, TAVC_FIELD(WalkReq, be16)),
-    tlv_text(36, Take::DeclaredMax, 3, TAVC_FIELD(WalkReq, cut)),
+    tlv_text(tav::kTagUserName, Take::Declared, 0, TAVC_FIELD(WalkReq, text)),
+    tlv_u8(tav::kTagTimeType, TAVC_FIELD(WalkReq, u8)),
+    tlv_be16(tav::kTagTimeZoneId, TAVC_FIELD(WalkReq, be16)),
+    tlv_text(tav::kTagNtpServer, Take::DeclaredMax, 3, TAVC_FIELD(WalkReq, cut)),
 };
 constexpr TlvRequest<WalkReq> kWalk{kRules, Take::Declared, NoParamCheck{},
                                     PrecedenceRefusal{0x1234}, NoAuth{}, count_unknown};
@@ -159,17 +159,17 @@ TEST(Reply, ListKeepsRoomForItsClosingRecord) {
     r.close_with(2);
     size_t groups = 0;
     while (r.fits(2 * Reply::tlv_size(4))) {  // a group of two 4-byte records, whole or not at all
-        ASSERT_TRUE(r.add_be32(1, 0));
-        ASSERT_TRUE(r.add_be32(2, 0));
+        ASSERT_TRUE(r.add(tav::kTagSetStatus, uint32_t{0}));
+        ASSERT_TRUE(r.add(tav::kTagWaitTime, uint32_t{0}));
         ++groups;
     }
     EXPECT_EQ(groups, (tav::kReplyArea - 6) / 16) << "the list stops only when full";
     size_t singles = 0;
-    while (r.add_be16(3, 0)) ++singles;
+    while (r.add(tav::kTagSupportedFunction, uint16_t{0})) ++singles;
     EXPECT_EQ(r.size(), tav::kReplyArea - 6) << "every record leaves the closing record's room";
-    EXPECT_TRUE(r.close_be16(501, 0xEEEE));
+    EXPECT_TRUE(r.close(tav::kTagEolOrCnt, uint16_t{0xEEEE}));
     EXPECT_EQ(r.size(), tav::kReplyArea);
-    EXPECT_FALSE(r.add_be16(3, 0));
+    EXPECT_FALSE(r.add(tav::kTagSupportedFunction, uint16_t{0}));
 }
 
 namespace {
@@ -184,10 +184,10 @@ struct GroupReq {
     uint16_t count;
 };
 constexpr TlvRule kGroupRules[] = {
-    tlv_text(55, Take::DeclaredMax, 65, TAVC_FIELD(GroupReq, user_name)),
-    tlv_text(56, Take::DeclaredMax, 65, TAVC_FIELD(GroupReq, password)),
-    tlv_group_start(926, Take::Fixed, 1, TAVC_FIELD(GroupRec, index)),
-    tlv_in_group(tlv_text(927, Take::DeclaredMax, 4, TAVC_FIELD(GroupRec, name))),
+    tlv_text(tav::kTagUserName, Take::DeclaredMax, 65, TAVC_FIELD(GroupReq, user_name)),
+    tlv_text(tav::kTagPassword, Take::DeclaredMax, 65, TAVC_FIELD(GroupReq, password)),
+    tlv_group_start(tav::kTagSsidIndex, Take::Fixed, 1, TAVC_FIELD(GroupRec, index)),
+    tlv_in_group(tlv_text(tav::kTagSsidName, Take::DeclaredMax, 4, TAVC_FIELD(GroupRec, name))),
 };
 constexpr auto kGroups =
     TlvRequest<GroupReq>{kGroupRules, Take::Declared, ParamRefusal{0xFFFF},

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <map>
 
+#include "proto/auth_codes.h"
 #include "tools/tavctl/tavctl.h"
 
 namespace tavctl {
@@ -12,13 +13,6 @@ namespace {
 
 // ---- names ------------------------------------------------------------------
 
-// Authentication codes 0 to 12 by name.
-constexpr std::string_view kAuthNames[] = {
-    "open",          "wpa-psk",        "wpa-eap",      "wpa2-psk",     "wpa2-eap",
-    "enhanced-open", "owe-transition", "wpa2-wpa3-eap", "wpa-wpa2-psk", "wpa2-wpa3-psk",
-    "wpa3-psk",      "wpa-wpa2-eap",   "wpa3-eap"};
-// 0 none, 1 passphrase, 2 RADIUS server.
-constexpr int kAuthCredential[] = {0, 1, 2, 1, 2, 0, 0, 2, 1, 1, 1, 2, 2};
 
 // parse_uint, with the bound checked here as well (its own check lets a
 // single digit above a small bound through).
@@ -29,14 +23,14 @@ std::optional<uint64_t> bounded(const std::string &s, uint64_t max) {
 }
 
 std::string auth_name(uint8_t code) {
-    return code < std::size(kAuthNames) ? std::string(kAuthNames[code]) : std::to_string(code);
+    return code < kAuthCodes.size() ? std::string(kAuthCodes[code].name) : std::to_string(code);
 }
 uint8_t parse_auth(const std::string &s) {
-    for (size_t i = 0; i < std::size(kAuthNames); ++i)
-        if (s == kAuthNames[i]) return uint8_t(i);
-    if (auto n = bounded(s, 12)) return uint8_t(*n);
+    for (const AuthCode &c : kAuthCodes)
+        if (s == c.name) return c.code;
+    if (auto n = bounded(s, kAuthCodes.size() - 1)) return uint8_t(*n);
     std::string all;
-    for (auto n : kAuthNames) all += (all.empty() ? "" : ", ") + std::string(n);
+    for (const AuthCode &c : kAuthCodes) all += (all.empty() ? "" : ", ") + std::string(c.name);
     throw UsageError{"unknown authentication '" + s + "' (" + all + ", or 0-12)"};
 }
 
@@ -225,12 +219,14 @@ int cmd_ssid_list(Args &a) {
     bool secrets = false;
     OptParser(a).flag("--show-secrets", secrets).parse_none();
     auto credential = [&](const Ssid &s) -> std::string {
-        switch (kAuthCredential[s.auth < 13 ? s.auth : 0]) {
-        case 1: return "passphrase " + (secrets ? s.passphrase : std::string("(hidden)"));
-        case 2:
+        switch (credential_of(s.auth)) {
+        case Credential::Psk:
+            return "passphrase " + (secrets ? s.passphrase : std::string("(hidden)"));
+        case Credential::Radius:
             return "radius " + s.radius_address + (secrets ? " secret " + s.radius_secret : "");
-        default: return "-";
+        case Credential::None: break;
         }
+        return "-";
     };
     return for_each_reply(
         a, kOpGetSsidList, {},
@@ -252,11 +248,10 @@ int cmd_ssid_list(Args &a) {
                 j.key("name").value(s.name).key("auth").value(auth_name(s.auth));
                 j.key("auth_code").value(uint64_t(s.auth)).key("vlan").value(uint64_t(s.vlan));
                 j.key("on").value(s.status != 0);
-                if (kAuthCredential[s.auth < 13 ? s.auth : 0] == 2)
-                    j.key("radius_address").value(s.radius_address);
-                if (secrets && kAuthCredential[s.auth < 13 ? s.auth : 0] == 1)
-                    j.key("passphrase").value(s.passphrase);
-                if (secrets && kAuthCredential[s.auth < 13 ? s.auth : 0] == 2)
+                const Credential c = credential_of(s.auth);
+                if (c == Credential::Radius) j.key("radius_address").value(s.radius_address);
+                if (secrets && c == Credential::Psk) j.key("passphrase").value(s.passphrase);
+                if (secrets && c == Credential::Radius)
                     j.key("radius_secret").value(s.radius_secret);
                 j.end_object();
             }
@@ -375,14 +370,14 @@ int cmd_ssid_set(Args &a) {
             tlvs.push_back(tlv_u8(kTagBand, band));
             if (c.vlan) tlvs.push_back(tlv_u16(kTagVlanId, *c.vlan));
             tlvs.push_back(tlv_u8(kTagAuthType, auth));
-            const int credential = kAuthCredential[auth < 13 ? auth : 0];
-            if (credential == 1 && (c.passphrase || auth == 1)) {
+            const Credential credential = credential_of(auth);
+            if (credential == Credential::Psk && (c.passphrase || auth == 1)) {
                 const std::string pass = c.passphrase.value_or(base.passphrase);
                 if (pass.size() < 8 || pass.size() > 63)
                     throw UsageError{"a passphrase of 8 to 63 characters is needed (--passphrase-file)"};
                 tlvs.push_back(tlv_text(kTagPassphrase, pass));
             }
-            if (credential == 2 && (c.radius || c.secret || auth == 2)) {
+            if (credential == Credential::Radius && (c.radius || c.secret || auth == 2)) {
                 const std::string addr = c.radius.value_or(base.radius_address);
                 if (!parse_ipv4(addr)) throw UsageError{"a RADIUS server address is needed (--radius)"};
                 tlvs.push_back(tlv_u8(kTagRadiusAddressType, 1));

@@ -3,7 +3,10 @@
 #include <iterator>
 
 #include "platform/command.h"
+#include "tavc/reply.h"
 #include "tavc/tlv_walk.h"
+
+using namespace tav;
 
 struct Req {
     char user_name[65];
@@ -11,19 +14,27 @@ struct Req {
     char file[64];
     uint16_t port;
     uint32_t delay;
+    uint8_t flag;
 };
 
 constexpr TlvRule kRules[] = {
     tlv_precedence(),
-    tlv_text(55, Take::DeclaredMax, 65, TAVC_FIELD(Req, user_name)),
-    tlv_text(56, Take::DeclaredMax, 65, TAVC_FIELD(Req, password)),
-    tlv_be16(0x18C, TAVC_FIELD(Req, port)),
-    tlv_be32(0x188, TAVC_FIELD(Req, delay)),
+    tlv_text(kTagUserName, Take::DeclaredMax, 65, TAVC_FIELD(Req, user_name)),
+    tlv_text(kTagPassword, Take::DeclaredMax, 65, TAVC_FIELD(Req, password)),
+    tlv_be16(kTagServerPort, TAVC_FIELD(Req, port)),
+    tlv_be32(kTagDelayTime, TAVC_FIELD(Req, delay)),
+    tlv_u8(kTagNtpEnable, TAVC_FIELD(Req, flag)),
 #if MISUSE == 1  // a 32-bit store on a 16-bit member
-    tlv_be32(0x18D, TAVC_FIELD(Req, port)),
+    tlv_be32(kTagDelayTime, TAVC_FIELD(Req, port)),
 #endif
 #if MISUSE == 2  // text into a number
-    tlv_text(0x18E, Take::Declared, 0, TAVC_FIELD(Req, delay)),
+    tlv_text(kTagNtpServer, Take::Declared, 0, TAVC_FIELD(Req, delay)),
+#endif
+#if MISUSE == 11  // a u8 store for a u16 tag (the member's width matches the store)
+    tlv_u8(kTagWebPort, TAVC_FIELD(Req, flag)),
+#endif
+#if MISUSE == 12  // a u16 tag stepped over as one byte
+    tlv_skip(kTagStartYear, Take::Fixed, 1),
 #endif
 };
 
@@ -47,7 +58,7 @@ struct Other {
     char x[200];
 };
 #if MISUSE == 6  // a rule for another struct's member, outside this one
-constexpr TlvRule kOther[] = {tlv_text(1, Take::Declared, 0, TAVC_FIELD(Other, x))};
+constexpr TlvRule kOther[] = {tlv_text(kTagModelName, Take::Declared, 0, TAVC_FIELD(Other, x))};
 struct Small {
     char y[8];
 };
@@ -60,7 +71,7 @@ struct Huge {
     char pad[70000];
     char name[8];
 };
-constexpr TlvRule kHuge[] = {tlv_text(1, Take::Declared, 0, TAVC_FIELD(Huge, name))};
+constexpr TlvRule kHuge[] = {tlv_text(kTagModelName, Take::Declared, 0, TAVC_FIELD(Huge, name))};
 #endif
 
 int compose(const Req &r) {
@@ -87,4 +98,22 @@ int compose(const Req &r) {
     return proc_read(p, nullptr, 0);
 #endif
     return ok.system() + proc_system("submit COMMIT");
+}
+
+int answer(uint8_t *reply, const Req &q) {
+    Reply r(reply);
+    r.add(kTagNtpEnable, q.flag);
+    r.add(kTagNtpServer, q.file);
+    r.add(kTagWebPort, q.port);
+    r.add_set_reply<kOpSetSnmp>(0, 20, q.delay);
+#if MISUSE == 13  // a 16-bit value for a u8 tag
+    r.add(kTagNtpEnable, q.port);
+#endif
+#if MISUSE == 14  // a number for a text tag
+    r.add(kTagNtpServer, q.delay);
+#endif
+#if MISUSE == 15  // a tag whose byte order depends on the op code, without one
+    r.add(kTagErrorMask, q.delay);
+#endif
+    return r.finish(0);
 }
