@@ -1,0 +1,3 @@
+#!/bin/sh
+# Planted faults (draw, sites, run, report): see scripts/mutants.py.
+exec /usr/bin/python3 "$(dirname "$0")/mutants.py" "$@"
