@@ -479,7 +479,7 @@ def ctest_cmd(args, *selection):
 def phases(args):
     """Unit suites first (fast), then the rest but `slow`; (command, uses the lab)."""
     return [(ctest_cmd(args, "-j2", "-L", "unit", "-LE", "slow"), False),
-            (ctest_cmd(args, "-j1", "-LE", "unit|slow"), True)]
+            (ctest_cmd(args, f"-j{args.lab_jobs}", "-LE", "unit|slow"), True)]
 
 
 def clean_labs(args, log, tags):
@@ -696,6 +696,8 @@ def main():
     r.add_argument("--build-timeout", type=int, default=1800)
     r.add_argument("--only", help="comma-separated ids")
     r.add_argument("--suites", help="ctest -R regex limiting the tests run")
+    r.add_argument("--lab-jobs", type=int, default=1,
+                   help="lab suites run at a time (each has lab instances of its own)")
     r.add_argument("--out", help="result TSV (default BUILD_DIR/mutants.tsv)")
     r.add_argument("--resume", action="store_true", help="skip ids already in --out")
     r.add_argument("--no-baseline", action="store_true",
