@@ -76,6 +76,9 @@ inline std::string slurp(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(f), {}};
 }
+// Upper bound of every wait for an event: generous, so that a loaded machine
+// only makes a test slower, never makes it fail.
+inline constexpr auto kLong = 60s;
 // Polls `cond` every 20 ms until it holds or `limit` passed.
 inline bool until(const std::function<bool()> &cond, std::chrono::milliseconds limit) {
     for (const auto deadline = Clock::now() + limit; !cond(); std::this_thread::sleep_for(20ms))
@@ -101,7 +104,7 @@ class Lab {
             if (p.status != 0) ok = false, up_out += "\n" + p.out;
         }
         for (int ap = 1; ok && ap <= aps; ++ap)
-            if (!until([&] { return serving(ap); }, 10s))
+            if (!until([&] { return serving(ap); }, kLong))
                 ok = false, up_out += "\nno daemon on ap" + std::to_string(ap);
     }
     ~Lab() {
@@ -261,7 +264,7 @@ inline bool is_reply_to(const Message &m, uint16_t sequence, uint16_t op_code) {
 // `controls` replies came.
 inline std::vector<Message> replies_before_control(Client &c, uint16_t sequence, uint16_t op_code,
                                                    size_t controls = 1) {
-    auto ctl = c.request(tav::kOpDiscovery, {}, 5s, controls);
+    auto ctl = c.request(tav::kOpDiscovery, {}, kLong, controls);
     EXPECT_TRUE(ctl && ctl->size() == controls) << "no discovery answered after the message";
     std::vector<Message> out;
     while (auto m = c.wait_for([&](const Message &x) { return is_reply_to(x, sequence, op_code); },
@@ -282,7 +285,7 @@ inline std::string listing(const TlvList &tlvs) {
 // Sends `body` as it is under a request header of the client's form; the
 // reply, if one came within `wait`.
 inline std::optional<Message> send_body(Client &c, uint16_t op, const Bytes &body,
-                                        std::chrono::milliseconds wait = 3s) {
+                                        std::chrono::milliseconds wait = kLong) {
     tav::Header h = request_header(c.ipv4(), op, c.next_sequence());
     c.set_sequence(uint16_t(h.sequence + 1));
     h.body_length = uint16_t(body.size());
@@ -314,7 +317,7 @@ class Events {
         return out;
     }
     // Waits until `n` commands were recorded (children run after the reply).
-    std::vector<std::string> wait(size_t n, std::chrono::milliseconds limit = 5s) const {
+    std::vector<std::string> wait(size_t n, std::chrono::milliseconds limit = kLong) const {
         until([&] { return lines().size() >= n; }, limit);
         return lines();
     }
@@ -324,6 +327,43 @@ class Events {
     size_t start_ = 0;
 };
 using Lines = std::vector<std::string>;
+
+// The usual credentials, and a wrong password.
+inline Bytes creds(const std::string &user = "admin", const std::string &pw = "admin") {
+    return text(55, user) + text(56, pw);
+}
+inline Bytes wrong_creds() { return creds("admin", "wrong"); }
+
+// The daemon's pid inside its access point, or 0.
+inline int daemon_pid(const Lab &lab, int ap = 1) {
+    return std::atoi(slurp(lab.run_file(ap, "tavc.pid")).c_str());
+}
+inline std::string boot_count(const Lab &lab, int ap = 1) { return slurp(lab.run_file(ap, "boot_count")); }
+// After a (simulated) reboot began: the access point restarted and serves.
+inline bool rebooted(const Lab &lab, const std::string &boots_before, int ap = 1) {
+    return until([&] { return boot_count(lab, ap) != boots_before && lab.serving(ap); }, kLong);
+}
+// Frames the access point sent of its own with op code `op`.
+inline std::function<bool(const FrameTap::Frame &)> own(uint16_t op, int ap = 1) {
+    return [op, ap](const FrameTap::Frame &f) { return f.src == ap_mac(ap) && f.msg && f.msg->op_code() == op; };
+}
+// SIGTERM to the daemon; the exit status its supervisor logged, or -1.
+inline int terminate_daemon(const Lab &lab, int pid, int ap = 1) {
+    if (lab.on_ap(ap, "kill -TERM " + std::to_string(pid)).status != 0) return -1;
+    const std::string ended = "daemon (pid " + std::to_string(pid) + ") exited on its own with status ";
+    std::string log;
+    if (!until([&] { return (log = slurp(lab.run_file(ap, "supervisor.log"))).find(ended) != std::string::npos; },
+               kLong))
+        return -1;
+    return std::atoi(log.c_str() + log.find(ended) + ended.size());
+}
+// tavctl on the manager host, to access point 1 unless ARGS name a target;
+// the current password from the environment.
+inline Sh tavctl(const Lab &lab, const std::string &args, const std::string &password = "admin") {
+    return sh("env -u TAVCTL_USER -u TAVCTL_PASSWORD_FILE TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=" +
+              quote(password) + " setsid -w " E2E_BUILD_DIR "/tools/tavctl/tavctl --iface eth0 --netns " +
+              lab.netns_mgr() + " --cipher " + quote(cipher_path()) + " --timeout 5 " + args + " </dev/null");
+}
 
 // A suite with one lab: up before the first test, down after the last (also
 // when tests failed). Every test ASSERTs that the lab came up with each
