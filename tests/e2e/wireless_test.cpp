@@ -82,18 +82,10 @@ struct WirelessSuite : LabSuite<Self> {
 WIRELESS_SUITE(Status, "wst");
 
 TEST_F(Status, CountersAreReadFromTheDatabaseAndMoveWithTheStatisticsService) {
-    set({{"/runtime/cpu/status/alluser_utilize", "300"},
-         {"/runtime/mem/status/alluser_utilize", "41"},
-         {"/runtime/stats/wireless/inf:1/showtx/bytes", "12345678901"},
-         {"/runtime/stats/wireless/inf:1/showrx/bytes", "1024 bytes"},
-         {"/runtime/stats/wireless/inf:2/showtx/bytes", "bytes"},
-         {"/runtime/stats/ethernet/rx/bytes", " 7"}});
-    for (const Bytes &body : {Bytes{}, creds() + u8(54, 9) + text(999, "x")}) {
-        Message m = ask(tav::kOpGetDeviceStatus, body);
-        EXPECT_EQ(m.result(), 0);
-        EXPECT_EQ(std::tuple(m.u8(517), m.u8(518), m.u64(519), m.u64(520), m.u64(521), m.u64(524)),
-                  std::tuple(44, 41, 12345678901ull, 1024ull, 0ull, 7ull));
-    }
+    set({{"/runtime/cpu/status/alluser_utilize", "300"}, {"/runtime/stats/wireless/inf:1/showtx/bytes", "12345678901"},
+         {"/runtime/stats/wireless/inf:1/showrx/bytes", "1024 bytes"}});
+    Message m = ask(tav::kOpGetDeviceStatus, creds() + u8(54, 9) + text(999, "x"));  // the body is not read
+    EXPECT_EQ(std::tuple(m.result(), m.u8(517), m.u64(519), m.u64(520)), std::tuple(0, 44, 12345678901ull, 1024ull));
     EXPECT_EQ(ev.lines(), Lines{});
     ASSERT_EQ(lab().on_ap(1, "rm -f /var/run/stats.hold").status, 0);
     const auto first = ask(tav::kOpGetDeviceStatus, {}).u64(tav::kTagLanSend);
@@ -102,34 +94,6 @@ TEST_F(Status, CountersAreReadFromTheDatabaseAndMoveWithTheStatisticsService) {
 }
 
 WIRELESS_SUITE(Ssid, "wss");
-
-// Eight groups per band that is an access point, named as the database says.
-TEST_F(Ssid, ListFollowsTheBandsAndSsidsOfTheDatabase) {
-    const struct {
-        std::vector<std::pair<std::string, std::string>> keys;
-        uint8_t mask;
-        const char *name3;  // SSID 3 of band 1
-    } rows[] = {
-        {{}, 3, "Quelbo-Corp"},
-        {{{"/wlan/inf:2/ap_mode", "1"}, {"/wlan/inf:1/multi/index:3/ssid", "Renamed"}}, 1, "Renamed"},
-        {{{"/wlan/inf:1/ap_mode", "256"}, {"/wlan/inf:2/ap_mode", "2"}}, 1, "Renamed"},  // low 8 bits 0
-        {{{"/wlan/inf:1/ap_mode", "1"}}, 0, nullptr},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(int(row.mask));
-        set(row.keys);
-        Message m = ask(tav::kOpGetSsidList, text(999, "ignored"));
-        EXPECT_EQ(m.result(), 0);
-        EXPECT_EQ(m.u8(525), row.mask);
-        int groups = 0;
-        std::optional<std::string> name3;
-        for (size_t i = 0; i + 1 < m.tlvs.size(); ++i)
-            if (m.tlvs[i].tag == 926 && (++groups, m.tlvs[i].value == Bytes{3}) && !name3)
-                name3 = std::string(m.tlvs[i + 1].value.begin(), m.tlvs[i + 1].value.end() - 1);
-        EXPECT_EQ(groups, 8 * std::popcount(row.mask));
-        EXPECT_EQ(name3, row.name3 ? std::optional<std::string>(row.name3) : std::nullopt);
-    }
-}
 
 // Rename the primary SSID, WPA2-PSK with a new passphrase; an additional
 // SSID of both bands switched on as WPA-PSK; committed and read back.
@@ -181,10 +145,6 @@ TEST_F(Ssid, SetRowsWriteTheirKeysOrStopAtTheFirstFailure) {
         {"RADIUS address not dotted IPv4",
          creds() + weak([](Group &g) { g.auth = 2, g.radius_type = 1, g.radius_address = "radius.example.net"; }), 2,
          {{i1 + "auth", "2"}, {i1 + "radius_server", ""}}, "radius ip type or address error!" + faild},
-        {"passphrase of 7", creds() + weak([](Group &g) { g.passphrase = "1234567"; }), 65535,
-         {{i1 + "auth", "3"}, {i1 + "passphrase", ""}}, faild},
-        {"VLAN above 4096", creds() + weak([](Group &g) { g.vlan = 4097, g.auth = 0; }), 65535,
-         {{i1 + "ssid", "Weak"}, {i1 + "vlan_id", "10"}}, faild},
         {"wrong password", wrong_creds() + good.bytes(), 64, {{m2 + "ssid", "Quelbo-Legacy"}}, ""},
         {"precedence after the groups", creds() + good.bytes() + u8(54, 3), 65533, {{m2 + "ssid", "Quelbo-Legacy"}}, ""},
         {"mask 3 writes both bands, the earlier group stays",
@@ -205,23 +165,6 @@ TEST_F(Ssid, SetRowsWriteTheirKeysOrStopAtTheFirstFailure) {
 
 WIRELESS_SUITE(Radio, "wrd");
 
-TEST_F(Radio, InformationFollowsTheDatabase) {
-    const struct {
-        std::vector<std::pair<std::string, std::string>> keys;
-        uint8_t status;
-        uint16_t mode1, mode2, country;
-    } rows[] = {
-        {{}, 3, 14, 25, 82},
-        {{{"/wlan/inf:2/ap_mode", "1"}, {"/wlan/inf:1/wlmode", "9"}, {"/runtime/layout/countrycode", "392"}}, 1, 8, 25, 110},
-    };
-    for (const auto &row : rows) {
-        set(row.keys);
-        Message m = ask(tav::kOpGetWirelessInfo, {});
-        EXPECT_EQ(std::tuple(m.result(), m.u8(528), m.u16(530), m.u16(532), m.u16(59)),
-                  std::tuple(0, row.status, row.mode1, row.mode2, row.country));
-    }
-}
-
 TEST_F(Radio, SetWritesInOrderAndStopsAtTheFirstRefusal) {
     const Mac holder{0x02, 0xe2, 0xe0, 0x77, 0, 1};
     const Bytes same = creds() + be16(59, 82);  // the current country
@@ -234,14 +177,11 @@ TEST_F(Radio, SetWritesInOrderAndStopsAtTheFirstRefusal) {
     } rows[] = {
         {"radio 0x03: band 1 on, band 2 off", same + u8(533, 0x03), 0,
          {{"/wlan/inf:1/enable", "1"}, {"/wlan/inf:2/enable", "0"}}, ""},
-        {"5 GHz code 8 narrows the channel", same + be16(535, 0x0011), 0,
-         {{"/wlan/inf:2/wlmode", "3"}, {"/wlan/inf:2/cwmmode", "0"}}, "set_wireless_mode,band=2,mode=8\n"},
         {"5 GHz refused after band 1 changed", same + be16(534, 0x000D) + be16(535, 0x001D), 204,
          {{"/wlan/inf:1/wlmode", "2"}, {"/wlan/inf:2/wlmode", "4"}},
          "set_wireless_mode,band=1,mode=6\nset_wireless_mode,band=2,mode=14\n"},
         {"no country index", creds() + u8(533, 0x01), 218, {{"/wlan/inf:1/enable", "0"}},
          "set_country_code: Unknown country!\n"},
-        {"wrong password", wrong_creds() + be16(59, 82) + u8(533, 0x01), 64, {{"/wlan/inf:1/enable", "1"}}, ""},
         {"higher precedence", same + u8(533, 0x01) + u8(54, 2), 65533, {{"/wlan/inf:1/enable", "1"}}, ""},
     };
     ASSERT_EQ(ask(tav::kOpSetWirelessInfo, u8(54, 5) + same, holder).result(), 0);
@@ -298,34 +238,6 @@ TEST_F(Clients, ListFollowsBandsSsidsAndClientNumbers) {
 
 WIRELESS_SUITE(ApArray, "wap");
 
-TEST_F(ApArray, SettingsReadAndReplacedWhole) {
-    auto info = [&](uint8_t role, const std::string &name, uint8_t filter, uint8_t master, uint8_t add, uint8_t enable) {
-        return listing({tlv_u8(936, enable), tlv_u8(937, role), tlv_text(938, name), tlv_u8(939, filter),
-                        tlv_u8(940, master), tlv_u8(941, add), tlv_u8(942, 16)});
-    };
-    EXPECT_EQ(listing(ask(tav::kOpGetApArrayInfo, {}).tlvs), info(1, "QuelboLab", 1, 1, 0, 1));
-    const struct {
-        const char *what;
-        Bytes body;
-        uint16_t result;
-        std::string role_key, after, domain;
-    } rows[] = {
-        {"everything", creds() + u8(936, 1) + u8(937, 2) + tlv(938, str("ArrayName16chars")) + u8(939, 1) + u8(940, 1) +
-                           u8(941, 1),
-         0, "0", info(2, "ArrayName16cha", 1, 1, 1, 1), "ArrayName16chars"},
-        {"only enable: the rest cleared", creds() + u8(936, 1), 0, "", info(0, "", 0, 0, 0, 1), ""},
-        {"wrong password", wrong_creds() + u8(936, 0), 64, "1", info(1, "QuelboLab", 1, 1, 0, 1), "QuelboLab"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        reload();
-        expect_set(ask(tav::kOpSetApArrayInfo, row.body), row.result, "", {"submit COMMIT", "submit SMESH"});
-        EXPECT_EQ(get("/runtime/super_mesh/apsond_ap_mode") + "|" + get("/sys/super_mesh/domain"),
-                  row.role_key + "|" + row.domain);
-        EXPECT_EQ(listing(ask(tav::kOpGetApArrayInfo, {}).tlvs), row.after);
-    }
-}
-
 // The list is refreshed through the stubs first; members come before
 // unmanaged access points; an approved one is a member from the next refresh.
 TEST_F(ApArray, DeviceListRefreshesThenListsMembersBeforeUnmanagedAndApprovalsJoin) {
@@ -347,7 +259,7 @@ TEST_F(ApArray, DeviceListRefreshesThenListsMembersBeforeUnmanagedAndApprovalsJo
 
 // Actions run only once the request is authenticated, in request order.
 TEST_F(ApArray, MemberActionsWaitForAuthentication) {
-    const Bytes a1 = tlv(14, {0, 0, 0x5e, 0, 0x53, 0xa1}), m3 = tlv(14, {2, 0x7a, 0x76, 0, 0, 3});
+    const Bytes a1 = tlv(14, {0, 0, 0x5e, 0, 0x53, 0xa1});
     const std::string approve = "nb_submit ADD_APPROVE_LIST 00:00:5e:00:53:a1";
     const struct {
         const char *what;
@@ -357,9 +269,6 @@ TEST_F(ApArray, MemberActionsWaitForAuthentication) {
     } rows[] = {
         {"held until 54", a1 + u8(946, 1) + u8(946, 3) + creds() + u8(54, 1), 0,
          {approve, "nb_submit REBOOT_AP 00:00:5e:00:53:a1"}},
-        {"action before the MAC", be16(502, 0xFFFF) + u8(946, 2) + m3 + creds(), 0,
-         {"nb_submit DEL_APPROVE_LIST 02:7a:76:00:00:03"}},
-        {"wrong password at 54", a1 + u8(946, 1) + wrong_creds() + u8(54, 1), 64, {}},
         {"credentials only after 54", a1 + u8(946, 1) + u8(54, 1) + creds(), 64, {}},
         {"after a passed 54 actions run as met", creds() + u8(54, 1) + a1 + u8(946, 1) + wrong_creds() + u8(54, 1), 64,
          {approve}},

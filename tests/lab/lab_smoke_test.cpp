@@ -1,7 +1,7 @@
 // Brings the namespace lab up and checks what everything else relies on: the
 // access point sees the lab's cipher, its own database and only stubs for the
-// device commands; frames and datagrams cross between manager and access
-// points; and nothing of the lab survives `down`. Needs root.
+// device commands; and nothing of the lab survives `down`. Needs root. (That
+// frames and datagrams cross, every end-to-end suite shows.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,8 +12,6 @@
 #include <string>
 #include <thread>
 
-#include "tools/client/tlv_text.h"
-#include "tools/client/transport.h"
 
 namespace {
 
@@ -140,40 +138,6 @@ TEST_F(LabSmoke, NoProcessOfAnAccessPointMaySetTheClockRebootOrLoadModules) {
     const auto cap = on("ap1", "grep CapBnd /proc/self/status");
     EXPECT_EQ(std::stoull(cap.first.substr(cap.first.find(':') + 1), nullptr, 16) & (kSysBoot | kSysTime), 0u)
         << cap.first;
-}
-
-TEST_F(LabSmoke, FramesAndDatagramsCrossBetweenManagerAndAccessPoints) {
-    using namespace tav::client;
-    auto ip = [](const std::string &host) { return host == "mgr" ? "192.0.2.1"s : "192.0.2.1" + host.substr(2); };
-    const struct {
-        const char *what, *rx, *tx, *to, *from;  // to: UDP destination; none: a raw broadcast frame
-    } cases[] = {
-        {"raw to ap", "ap1", "mgr", nullptr, "02:7a:76:00:00:fe"},
-        {"raw to mgr", "mgr", "ap2", nullptr, "02:7a:76:00:00:02"},
-        {"udp broadcast", "ap2", "mgr", "192.0.2.255", "192.0.2.1"},
-        {"udp multicast", "ap1", "mgr", "224.0.0.1", "192.0.2.1"},
-        {"udp unicast", "mgr", "ap1", "192.0.2.1", "192.0.2.11"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        const std::string rx_ns = kName + "-" + c.rx, tx_ns = kName + "-" + c.tx;
-        std::unique_ptr<Transport> rx, tx;
-        if (c.to) {
-            auto u = UdpTransport::open("192.0.2.1", 9, "", rx_ns).value();
-            tx = UdpTransport::open(c.to, u->local_port(), ip(c.tx), tx_ns).value();
-            rx = std::move(u);
-        } else {
-            rx = RawTransport::open(c.rx == "mgr"s ? "eth0" : "br0", rx_ns).value();
-            tx = RawTransport::open(c.tx == "mgr"s ? "eth0" : "br0", tx_ns).value();
-        }
-        const std::vector<uint8_t> token(c.what, c.what + strlen(c.what));
-        ASSERT_TRUE(tx->send(token));
-        std::optional<Datagram> d;
-        for (auto end = Clock::now() + 3s; (d = rx->receive(end)) && d->payload != token;) {
-        }
-        ASSERT_TRUE(d);
-        EXPECT_EQ(c.to ? format_ipv4(d->src_ip) : format_mac(d->src_mac), c.from);
-    }
 }
 
 // The lab fails closed: an access point that lacks its overlays, from the start
