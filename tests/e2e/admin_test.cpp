@@ -153,7 +153,7 @@ TEST_F(Settings, SetRequestsWriteCommitAndRunTheirServices) {
         {0xE3, u8(31, 1) + be16(32, 8080), 0, "388=00\n", "", {"submit COMMIT", "submit HTTPD"}, {}, "", 2, "AP-Office", 8080},
         {0xE5, u8(35, 0) + text(36, "pool.example.org") + u8(37, 0) + be16(303, 7) + text(301, "20270102030405") +
              u8(306, 1) + u8(307, 2) + be16(311, 2027),
-         0, "393=00000000\n394=00004e20\n", "", {"date -s '2027-01-02 03:04:05'", "submit COMMIT", "submit TIME", "submit CAPTIVAL_PORTAL"},
+         0, "393=00000000\n394=00004e20\n", "Sat Jan  2 03:04:05 UTC 2027\n", {"date -s '2027-01-02 03:04:05'", "submit COMMIT", "submit TIME", "submit CAPTIVAL_PORTAL"},
          time_keys, "0 pool.example.org 8 1 1", 2, "AP-Office", 8080},
         {0xE5, u8(300, 1) + u8(310, 0) + u8(35, 0) + text(36, "other") + text(301, "20300101000000"), 0,
          "393=00000000\n394=00004e20\n", "", time, time_keys, "0 pool.example.org 8 0 1", 2, "AP-Office", 8080},

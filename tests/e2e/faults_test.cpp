@@ -116,6 +116,7 @@ TEST_F(DatabaseFaults, AbsentAtStartUpThenStarted) {
 
 E2E_SUITE(TermMidFlood, "tflood", 1, "--build " + quote(daemon_build()));
 
+// SIGTERM while a flood arrives: one bye, exit status 1, nothing left.
 TEST_F(TermMidFlood, OneByeAndExitStatusOne) {
     const int pid = daemon_pid(lab());
     ASSERT_GT(pid, 0);
@@ -142,6 +143,9 @@ TEST_F(TermMidFlood, OneByeAndExitStatusOne) {
     term.join();
     while (tap.next(is_bye, 2s)) ++byes;
     EXPECT_EQ(byes, 1);
+    // Nothing of the daemon is left: no process, no UDP port, no raw socket.
+    const Sh left = lab().on_ap(1, "cat /proc/[0-9]*/comm /proc/net/udp /proc/net/packet");
+    for (const char *mark : {"tavc", ":F600 ", " 2386 "}) EXPECT_EQ(left.out.find(mark), std::string::npos) << mark;
     std::printf("faults: SIGTERM after %ld flood messages: %d bye\n", sent.load(), byes);
 }
 

@@ -1,5 +1,6 @@
-// What the daemon does when it starts, a minute later, and when it is told
-// to stop; and how it lives with a cipher library that oversteps its limits.
+// What the daemon does when it starts and a minute later (how it stops:
+// faults_test.cpp), and how it lives with a cipher library that oversteps
+// its limits.
 #include <map>
 
 #include "tests/e2e/e2e.h"
@@ -42,28 +43,6 @@ TEST_F(StartUp, NormalisesManagedStatusClearsFirmwareProgressAndSaysHello) {
         EXPECT_EQ(lab().db_get(ap, kManaged), cases[ap - 1].second);
         EXPECT_EQ(lab().db_get(ap, kFwStatus), "0");
     }
-}
-
-E2E_SUITE(Shutdown, "term", 1, "");
-
-TEST_F(Shutdown, SigtermSendsOneByeAndExitsWithStatusOne) {
-    Client mgr = lab().raw();
-    ASSERT_TRUE(mgr.request_one(tav::kOpDiscovery, {}, kLong)) << "daemon not serving";
-    FrameTap tap(lab().netns_mgr());
-    const int pid = daemon_pid(lab());
-    ASSERT_GT(pid, 0);
-    std::thread term([&] { EXPECT_EQ(terminate_daemon(lab(), pid), 1); });
-    auto from_ap = [](const FrameTap::Frame &f) { return f.src == ap_mac(1); };
-    auto bye = tap.next(from_ap, kLong);
-    term.join();
-    ASSERT_TRUE(bye) << "no bye";
-    expect_own(*bye, tav::kOpBye, 1);
-    EXPECT_FALSE(tap.next(from_ap, 1s)) << "more than one bye";
-    // Nothing of the daemon is left: no process, no UDP port, no raw socket.
-    const Sh left = lab().on_ap(1, "cat /proc/[0-9]*/comm /proc/net/udp /proc/net/packet");
-    for (const char *mark : {"tavc", ":F600 ", " 2386 "})
-        EXPECT_EQ(left.out.find(mark), std::string::npos) << mark << " in " << left.out;
-    EXPECT_FALSE(mgr.request_one(tav::kOpDiscovery, {}, 1s)) << "answered after exit";
 }
 
 E2E_SUITE(ReportTiming, "report", 1, "");

@@ -175,9 +175,7 @@ TEST_F(Agent, ProfileStartsTheAgentWhichLocksTransfersButNotProfileOrReboot) {
     EXPECT_EQ(ask(0x100, query()).first, 0) << "unlocked again";
 }
 
-MAINT_SUITE(Reboot, "rbt");
-
-TEST_F(Reboot, AnswersAtOnceAndRebootsAfterTheDelay) {
+TEST_F(Upgrade, RebootAnswersAtOnceAndRebootsAfterTheDelay) {
     clear_events();
     const std::string boots = boot_count(lab());
     FrameTap tap(lab().netns_mgr());
