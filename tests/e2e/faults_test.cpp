@@ -1,9 +1,8 @@
 // Faults around the daemon, in the lab: its configuration database absent,
 // killed, stalled and restarted; SIGTERM in the middle of a flood; thousands
-// of delayed children; the manager registry full, and a thousand managers at
-// once. The daemon must never crash, keep the database client's promises
-// (empty values, failed calls, no retry), and serve normally again once the
-// database is back.
+// of delayed children; a thousand managers at once. The daemon must never
+// crash, keep the database client's promises (empty values, failed calls, no
+// retry), and serve normally again once the database is back.
 #include <atomic>
 #include <cstdio>
 #include <map>
@@ -180,41 +179,13 @@ Mac manager_mac(int i) { return {0x02, 0xe3, 0x00, uint8_t(i >> 8), uint8_t(i), 
 // One raw client speaks for every manager, each with its own source MAC.
 struct Managers {
     explicit Managers(const Lab &lab) : c(lab.raw()) {}
-    std::optional<uint16_t> verify(int who, int precedence) {
-        as(who);
-        auto r = c.request_one(tav::kOpUserVerification, tav::requests::lead("admin", "admin", uint8_t(precedence)), kLong);
-        return r ? std::optional(r->result()) : std::nullopt;
-    }
     bool bye(int who) { return as(who), bool(c.request_one(tav::kOpBye, {}, kLong)); }
     void as(int who) { static_cast<tav::client::RawTransport &>(c.transport()).set_source_mac(manager_mac(who)); }
     Client c;
 };
 
-TEST_F(ManyManagers, RegistryFullKeepsDeciding) {
-    Managers m(lab());
-    Finally leave([&] {
-        for (int i = 0; i <= 1025; ++i) m.bye(i);
-    });
-    for (int i = 0; i < 1024; ++i) ASSERT_EQ(m.verify(i, 1), 0) << "manager " << i;
-    const int x = 1024, y = 1025, first = 0;
-    const struct {
-        const char *what;
-        int who, precedence;
-        uint16_t result;
-    } steps[] = {
-        {"the 1025th is judged", x, 200, 0},
-        {"but not remembered", y, 100, 0},
-        {"known managers still count", first, 0, 0xFFFF},
-        {"a known manager raises its own", first, 150, 0},
-        {"an unknown one below it is refused", x, 149, 0xFFFF},
-    };
-    for (const auto &s : steps) EXPECT_EQ(m.verify(s.who, s.precedence), s.result) << s.what;
-    // A bye frees a record: the next newcomer is remembered again.
-    ASSERT_TRUE(m.bye(first));
-    EXPECT_EQ(m.verify(y, 100), 0);
-    EXPECT_EQ(m.verify(x, 99), 0xFFFF) << "y's 100 was remembered";
-}
-
+// A thousand managers, 50 at a time back to back, twice over: each answer
+// weighs every stored claim. (The registry's bound of 1024: unit tests.)
 TEST_F(ManyManagers, ThousandAtOnceWithPrecedenceTraffic) {
     Managers m(lab());
     constexpr int kManagers = 1000, kBatch = 50;
