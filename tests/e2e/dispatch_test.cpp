@@ -34,36 +34,26 @@ TEST_F(Dispatch, WhichMessagesAreAnsweredAndHow) {
         {"raw to another", kRaw, 0xA5, {0x02, 0x7a, 0x76, 0, 0, 0x44}, any, false, 0},
         {"raw to zero", kRaw, 0xA5, zero, any, false, 0},
         {"ipv4 mac and ip", kIp4, 0xA5, m1, ip1, false, 1},
-        {"ipv4 mac", kIp4, 0xA5, m1, any, false, 1},
         {"ipv4 ip", kIp4, 0xA5, zero, ip1, false, 1},
         {"ipv4 anyone", kIp4, 0xA5, zero, any, false, 3},
         {"ipv4 broadcast mac", kIp4, 0xA5, bc, ip1, false, 0},
-        {"ipv4 broadcast mac only", kIp4, 0xA5, bc, any, false, 0},
         {"ipv4 other mac", kIp4, 0xA5, m2, ip1, false, 0},
         {"ipv4 other ip", kIp4, 0xA5, m1, ip2, false, 0},
-        {"ipv4 ip of ap2", kIp4, 0xA5, zero, ip2, false, 2},
         {"raw verification", kRaw, 0xA3, m1, any, false, 1, 0x40},
-        {"raw report", kRaw, 0xA0, m1, any, false, 1},
         {"raw hello", kRaw, 0x104, m1, any, false, 1},
-        {"raw bye", kRaw, 0x105, m1, any, false, 1},
         {"ipv4 verification", kIp4, 0xA3, zero, any, false, 3, 0x40},
         // Discovery stays open too: every case ends with one.
         {"managed: functions", kRaw, 0xA5, m1, any, true, 1},
-        {"managed: verification", kRaw, 0xA3, m1, any, true, 1, 0x40},
         {"managed: ipv4 functions", kIp4, 0xA5, zero, any, true, 3},
         {"managed: report", kRaw, 0xA0, m1, any, true, 0, 0, kNotice},
         {"managed: hello", kRaw, 0x104, m1, any, true, 0, 0, kNotice},
-        {"managed: bye", kRaw, 0x105, m1, any, true, 0, 0, kNotice},
-        {"managed: get date", kRaw, 0xE4, m1, any, true, 0, 0, kNotice},
         {"managed: ipv4 hello", kIp4, 0x104, zero, any, true, 0, 0, kNotice},
         {"unknown op code", kRaw, 0x0999, m1, any, false, 0},
         {"ipv4 unknown op code", kIp4, 0x0999, zero, any, false, 0},
         {"ipv6 request", tav::kMsgIpv6Request, 0xA1, m1, any, false, 0},
         {"raw reply", tav::kMsgL2Reply, 0xA1, m1, any, false, 0},
-        {"ipv4 reply", tav::kMsgIpv4Reply, 0xA1, zero, any, false, 0},
         {"announcement", tav::kMsgAnnounce, 0x104, zero, any, false, 0},
         {"type 0x0EEE", 0x0EEE, 0xA1, m1, any, false, 0},
-        {"type 0x0FFF", 0x0FFF, 0xA1, m1, any, false, 0},
         {"type 0xFFFF", 0xFFFF, 0xA1, m1, any, false, 0},
         {"unknown type", 0x1234, 0xA1, m1, any, false, 0, 0, "Unknow message_type !\n"},
     };
@@ -117,14 +107,11 @@ TEST_F(Dispatch, CutOverlongOrAlteredInputIsDroppedQuietly) {
         bool answered = false;
     } cases[] = {
         {"header cut to 10 bytes", [](Bytes &p) { p.resize(10); }, none},
-        {"header one byte short", [](Bytes &p) { p.pop_back(); }, none},
         {"body length past the end", [](Bytes &p) { p.back() = 1; }, none},
         {"bytes past the body are ignored", [](Bytes &p) { p.push_back(0xAA); }, none, true},
         {"ciphertext byte flipped", none, [](Bytes &s) { s[s.size() - 6] ^= 0x20; }},
-        {"check byte flipped", none, [](Bytes &s) { s.back() ^= 0x20; }},
         {"selector changed", none, [](Bytes &s) { s[1] ^= 1; }},
         {"empty payload", none, [](Bytes &s) { s.clear(); }},
-        {"selector only, cut", none, [](Bytes &s) { s.resize(1); }},
         {"selector without ciphertext", none, [](Bytes &s) { s.resize(2); }},
     };
     Client raw = lab().raw(), udp = lab().udp();
@@ -152,16 +139,14 @@ TEST_F(Dispatch, CutOverlongOrAlteredInputIsDroppedQuietly) {
     EXPECT_TRUE(lab().serving(1));
 }
 
-E2E_SUITE(ReplyPaths, "paths", 2, "");
-
-TEST_F(ReplyPaths, RawReplyIsBroadcastFromTheDeviceMac) {
+TEST_F(Dispatch, RawReplyIsBroadcastFromTheDeviceMac) {
     FrameTap tap(lab().netns_mgr());
     const uint16_t seq = lab().raw(kOwnMac).send_request(tav::kOpDiscovery, {}).value();
     auto f = tap.next(
         [&](const auto &f) {
             return f.src == ap_mac(1) && f.msg && is_reply_to(*f.msg, seq, tav::kOpDiscovery);
         },
-        3s);
+        kLong);
     ASSERT_TRUE(f) << "no reply";
     EXPECT_EQ(f->dst, tav::kBroadcastMac);
     EXPECT_EQ(f->msg->header->target_mac, kOwnMac);
@@ -170,7 +155,7 @@ TEST_F(ReplyPaths, RawReplyIsBroadcastFromTheDeviceMac) {
 // A datagram names its sender by the MAC the access point's ARP cache holds
 // for it: zero without an entry (the manager never asks for the access
 // point's address, so the access point learns nothing from ARP by itself).
-TEST_F(ReplyPaths, UdpReplyGoesBackToTheSenderNamedFromTheArpCache) {
+TEST_F(Dispatch, UdpReplyGoesBackToTheSenderNamedFromTheArpCache) {
     const std::string forget = "ip neigh del 192.0.2.1 dev br0 2>/dev/null; ip neigh flush dev br0";
     Finally restore([&] {
         lab().on_ap(1, forget);
@@ -188,8 +173,8 @@ TEST_F(ReplyPaths, UdpReplyGoesBackToTheSenderNamedFromTheArpCache) {
     for (const auto &[setup, target_mac] : cases) {
         SCOPED_TRACE(setup);
         ASSERT_EQ(lab().on_ap(1, setup).status, 0);
-        auto replies = mgr.request(tav::kOpDiscovery, {}, 1s);
-        ASSERT_TRUE(replies && replies->size() == 1) << "one datagram";
+        auto replies = mgr.request(tav::kOpDiscovery, {}, kLong, 1);
+        ASSERT_TRUE(replies && replies->size() == 1) << "no reply";
         EXPECT_EQ(replies->front().src_ip, ap_ip(1));
         EXPECT_EQ(replies->front().header->target_mac, target_mac);
     }

@@ -1,7 +1,7 @@
 // Shared pieces of the end-to-end suites: a lab instance per suite, shell
-// access to its hosts, the daemon's output, managers on the client library,
-// a frame tap that also sees Ethernet addresses, and requests with
-// hand-picked header fields.
+// access to its hosts, the daemon's output and stub events, managers on the
+// client library, a frame tap that also sees Ethernet addresses, and
+// requests with hand-picked header fields.
 #pragma once
 
 #include <arpa/inet.h>
@@ -19,8 +19,8 @@
 #include <gtest/gtest.h>
 
 #include "proto/tags.h"
-#include "tests/support/tlv_bytes.h"
 #include "proto/wire.h"
+#include "tests/support/tlv_bytes.h"
 #include "tools/client/client.h"
 
 namespace e2e {
@@ -33,16 +33,13 @@ using tav::client::Ipv4;
 using tav::client::Message;
 using tav::client::TlvList;
 using namespace testbytes;
+using Lines = std::vector<std::string>;
 
 // Lab addresses (see lab/README.md).
 inline constexpr Mac kMgrMac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xfe};
 inline constexpr Ipv4 kMgrIp{192, 0, 2, 1};
-inline Mac ap_mac(int n) {
-    return {0x02, 0x7a, 0x76, 0x00, 0x00, uint8_t(n)};
-}
-inline Ipv4 ap_ip(int n) {
-    return {192, 0, 2, uint8_t(10 + n)};
-}
+inline Mac ap_mac(int n) { return {0x02, 0x7a, 0x76, 0x00, 0x00, uint8_t(n)}; }
+inline Ipv4 ap_ip(int n) { return {192, 0, 2, uint8_t(10 + n)}; }
 inline std::string cipher_path(const std::string &name = "TAV_Auth.so") {
     return std::string(E2E_BUILD_DIR) + "/sim/cipher/" + name;
 }
@@ -60,10 +57,9 @@ struct Sh {
 inline Sh sh(const std::string &cmd) {
     Sh r;
     FILE *p = popen((cmd + " 2>&1").c_str(), "r");
-    if (p == nullptr) return r;
     char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
-    const int st = pclose(p);
+    for (size_t n; p && (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+    const int st = p ? pclose(p) : -1;
     r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     return r;
 }
@@ -76,6 +72,9 @@ inline std::string slurp(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(f), {}};
 }
+// Upper bound of every wait for an event: generous, so that a loaded machine
+// makes a test slower, never makes it fail.
+inline constexpr auto kLong = 60s;
 // Polls `cond` every 20 ms until it holds or `limit` passed.
 inline bool until(const std::function<bool()> &cond, std::chrono::milliseconds limit) {
     for (const auto deadline = Clock::now() + limit; !cond(); std::this_thread::sleep_for(20ms))
@@ -83,15 +82,13 @@ inline bool until(const std::function<bool()> &cond, std::chrono::milliseconds l
     return true;
 }
 
-// One lab instance of this build tree, named after the suite's code: up for
-// the object's life.
+// One lab instance of this build tree, named after the suite's code (so no
+// two ctest entries share one): up for the object's life.
 class Lab {
   public:
-    Lab(const std::string &code, int aps, const std::string &up_args)
-        : instance_(E2E_LAB_TAG + code) {
+    Lab(const std::string &code, int aps, const std::string &up_args) : instance_(E2E_LAB_TAG + code) {
         tavlab("down");  // what a crashed earlier run may have left
-        Sh r = tavlab("up -n " + std::to_string(aps) + " --build " + quote(E2E_BUILD_DIR) + " " +
-                      up_args);
+        Sh r = tavlab("up -n " + std::to_string(aps) + " --build " + quote(E2E_BUILD_DIR) + " " + up_args);
         up_out = r.out;
         ok = r.status == 0;
         // No test may make anything run a device command on an access point
@@ -101,8 +98,7 @@ class Lab {
             if (p.status != 0) ok = false, up_out += "\n" + p.out;
         }
         for (int ap = 1; ok && ap <= aps; ++ap)
-            if (!until([&] { return serving(ap); }, 10s))
-                ok = false, up_out += "\nno daemon on ap" + std::to_string(ap);
+            if (!until([&] { return serving(ap); }, kLong)) ok = false, up_out += "\nno daemon on ap" + std::to_string(ap);
     }
     ~Lab() {
         Sh r = tavlab("down");
@@ -116,9 +112,7 @@ class Lab {
         return "/run/tavlab-" + instance_ + "/ap" + std::to_string(ap) + "/" + name;
     }
     // CMD through `sh -c` on host "mgr" or "apN" (apN: inside the access point).
-    Sh exec(const std::string &host, const std::string &cmd) const {
-        return tavlab("exec " + host + " sh -c " + quote(cmd));
-    }
+    Sh exec(const std::string &host, const std::string &cmd) const { return tavlab("exec " + host + " sh -c " + quote(cmd)); }
     Sh on_ap(int ap, const std::string &cmd) const { return exec("ap" + std::to_string(ap), cmd); }
     std::string db_get(int ap, const std::string &key) const {
         Sh r = on_ap(ap, "rgdb -g " + quote(key));
@@ -134,8 +128,7 @@ class Lab {
     // The daemon runs and takes requests: its UDP port (0xF600) is bound,
     // which happens after the raw socket is open.
     bool serving(int ap) const {
-        return on_ap(ap, "kill -0 $(cat /var/run/tavc.pid) && grep -q ':F600 ' /proc/net/udp")
-                   .status == 0;
+        return on_ap(ap, "kill -0 $(cat /var/run/tavc.pid) && grep -q ':F600 ' /proc/net/udp").status == 0;
     }
     Client raw(std::optional<Mac> source = {}) const {
         auto o = tav::client::Options::raw("eth0", netns_mgr(), cipher_path());
@@ -162,6 +155,33 @@ inline std::function<std::string()> output(const Lab &lab, int ap) {
     };
 }
 
+// The stub commands an access point ran since mark(), without their times
+// and without the tests' own database reads, writes and loads.
+class Events {
+  public:
+    Events(const Lab &lab, int ap) : path_(lab.run_file(ap, "events.log")) { mark(); }
+    void mark() { start_ = slurp(path_).size(); }
+    Lines lines() const {
+        Lines out;
+        const std::string all = slurp(path_), s = all.size() >= start_ ? all.substr(start_) : all;
+        for (size_t at = 0, nl; (nl = s.find('\n', at)) != std::string::npos; at = nl + 1) {
+            const std::string line = s.substr(at, nl - at);
+            if (!line.starts_with("rgdb -g ") && !line.starts_with("rgdb -s ") && !line.starts_with("rgdb -l "))
+                out.push_back(line.substr(0, line.rfind('\t')));
+        }
+        return out;
+    }
+    // Once `n` commands were recorded (children run after the reply).
+    Lines wait(size_t n) const {
+        until([&] { return lines().size() >= n; }, kLong);
+        return lines();
+    }
+
+  private:
+    std::string path_;
+    size_t start_ = 0;
+};
+
 // Raw frames of the protocol's EtherType as they cross the manager's
 // interface, with the Ethernet addresses the client does not expose.
 class FrameTap {
@@ -170,8 +190,7 @@ class FrameTap {
         Mac dst{}, src{};
         std::optional<Message> msg;  // empty when it did not decipher
     };
-    // Opened in the manager's namespace; a tap that cannot listen fails the
-    // test at once (it would otherwise see no frame and prove nothing).
+    // A tap that cannot listen fails the test at once (it would see nothing).
     explicit FrameTap(const std::string &netns) {
         auto c = tav::client::Cipher::load(cipher_path());
         auto scope = tav::client::NetnsScope::enter(netns);
@@ -192,28 +211,17 @@ class FrameTap {
     FrameTap(const FrameTap &) = delete;
 
     // The next frame that satisfies `pred` within `window`.
-    std::optional<Frame> next(const std::function<bool(const Frame &)> &pred,
-                              std::chrono::milliseconds window) {
-        const auto deadline = Clock::now() + window;
-        while (auto f = read(deadline))
-            if (pred(*f)) return f;
-        return std::nullopt;
-    }
-
-  private:
-    std::optional<Frame> read(Clock::time_point deadline) {
-        Bytes buf(tav::kEthHeaderLen + tav::kSelectorLen + tav::kMaxCipherLen);
+    std::optional<Frame> next(const std::function<bool(const Frame &)> &pred, std::chrono::milliseconds window) {
         constexpr size_t kHead = tav::kEthHeaderLen + tav::kSelectorLen;
-        while (fd_ >= 0) {
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        Bytes buf(kHead + tav::kMaxCipherLen);
+        for (const auto deadline = Clock::now() + window; fd_ >= 0;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
             if (left.count() < 0) return std::nullopt;
             pollfd p{fd_, POLLIN, 0};
             if (::poll(&p, 1, int(left.count()) + 1) <= 0) continue;
             sockaddr_ll from{};
             socklen_t fl = sizeof from;
-            const ssize_t n = ::recvfrom(fd_, buf.data(), buf.size(), MSG_DONTWAIT,
-                                         reinterpret_cast<sockaddr *>(&from), &fl);
+            const ssize_t n = ::recvfrom(fd_, buf.data(), buf.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fl);
             if (n < ssize_t(kHead) || from.sll_pkttype == PACKET_OUTGOING) continue;
             Frame f;
             std::copy_n(buf.begin(), 6, f.dst.begin());
@@ -223,13 +231,19 @@ class FrameTap {
                 f.msg = tav::client::parse_message(*plain);
                 f.msg->src_mac = f.src;
             }
-            return f;
+            if (pred(f)) return f;
         }
         return std::nullopt;
     }
+
+  private:
     int fd_ = -1;
     std::unique_ptr<tav::client::Cipher> cipher_;
 };
+// Frames the access point sent of its own with op code `op`.
+inline std::function<bool(const FrameTap::Frame &)> own(uint16_t op, int ap = 1) {
+    return [op, ap](const FrameTap::Frame &f) { return f.src == ap_mac(ap) && f.msg && f.msg->op_code() == op; };
+}
 
 // A request header of the raw (ipv4 = false) or IPv4 form, to any target.
 inline tav::Header request_header(bool ipv4, uint16_t op_code, uint16_t sequence) {
@@ -242,14 +256,12 @@ inline tav::Header request_header(bool ipv4, uint16_t op_code, uint16_t sequence
     h.version = tav::kVersion;
     return h;
 }
-// Plaintext of any header with `tlvs` laid out by the client.
-inline Bytes plaintext(tav::Header h, const TlvList &tlvs = {}) {
-    auto built = tav::client::build_request(h.ipv4, 0, 0, {}, {}, tlvs);
-    h.body_length = uint16_t(built.size() - h.size());
+// Plaintext of any header followed by `body`.
+inline Bytes plaintext(tav::Header h, const Bytes &body = {}) {
+    h.body_length = uint16_t(body.size());
     Bytes out(h.size());
     tav::encode_header(h, out.data());
-    out.insert(out.end(), built.begin() + long(h.size()), built.end());
-    return out;
+    return out + body;
 }
 inline bool is_reply_to(const Message &m, uint16_t sequence, uint16_t op_code) {
     return m.header && (m.msg_type() == tav::kMsgL2Reply || m.msg_type() == tav::kMsgIpv4Reply) &&
@@ -259,20 +271,15 @@ inline bool is_reply_to(const Message &m, uint16_t sequence, uint16_t op_code) {
 // discovery sent after a message, it has dealt with that message. Returns
 // the replies (any target) to (sequence, op) seen until the discovery's
 // `controls` replies came.
-inline std::vector<Message> replies_before_control(Client &c, uint16_t sequence, uint16_t op_code,
-                                                   size_t controls = 1) {
-    auto ctl = c.request(tav::kOpDiscovery, {}, 5s, controls);
+inline std::vector<Message> replies_before_control(Client &c, uint16_t sequence, uint16_t op_code, size_t controls = 1) {
+    auto ctl = c.request(tav::kOpDiscovery, {}, kLong, controls);
     EXPECT_TRUE(ctl && ctl->size() == controls) << "no discovery answered after the message";
     std::vector<Message> out;
-    while (auto m = c.wait_for([&](const Message &x) { return is_reply_to(x, sequence, op_code); },
-                               50ms))
+    while (auto m = c.wait_for([&](const Message &x) { return is_reply_to(x, sequence, op_code); }, 50ms))
         out.push_back(std::move(*m));
     return out;
 }
-inline std::string hex(std::span<const uint8_t> v) {
-    return tav::client::to_hex(v);
-}
-
+inline std::string hex(std::span<const uint8_t> v) { return tav::client::to_hex(v); }
 // Records of a reply as "tag=hex" lines.
 inline std::string listing(const TlvList &tlvs) {
     std::string s;
@@ -281,49 +288,40 @@ inline std::string listing(const TlvList &tlvs) {
 }
 // Sends `body` as it is under a request header of the client's form; the
 // reply, if one came within `wait`.
-inline std::optional<Message> send_body(Client &c, uint16_t op, const Bytes &body,
-                                        std::chrono::milliseconds wait = 3s) {
-    tav::Header h = request_header(c.ipv4(), op, c.next_sequence());
+inline std::optional<Message> send_body(Client &c, uint16_t op, const Bytes &body, std::chrono::milliseconds wait = kLong) {
+    const tav::Header h = request_header(c.ipv4(), op, c.next_sequence());
     c.set_sequence(uint16_t(h.sequence + 1));
-    h.body_length = uint16_t(body.size());
-    Bytes p(h.size());
-    tav::encode_header(h, p.data());
-    if (!c.send_plaintext(p + body)) return std::nullopt;
+    if (!c.send_plaintext(plaintext(h, body))) return std::nullopt;
     auto got = c.collect(h.sequence, op, wait, 1);
-    if (got.empty()) return std::nullopt;
-    return got[0];
+    return got.empty() ? std::nullopt : std::optional(got[0]);
 }
+inline Bytes creds(const std::string &user = "admin", const std::string &pw = "admin") {
+    return text(55, user) + text(56, pw);
+}
+inline Bytes wrong_creds() { return creds("admin", "wrong"); }
 
-// The stub commands an access point ran since mark(), without their times
-// and without the tests' own database reads, writes and loads.
-class Events {
-  public:
-    Events(const Lab &lab, int ap) : path_(lab.run_file(ap, "events.log")) { mark(); }
-    void mark() { start_ = slurp(path_).size(); }
-    std::vector<std::string> lines() const {
-        std::vector<std::string> out;
-        const std::string all = slurp(path_);
-        const std::string s = all.size() >= start_ ? all.substr(start_) : all;
-        for (size_t at = 0, nl; (nl = s.find('\n', at)) != std::string::npos; at = nl + 1) {
-            const std::string line = s.substr(at, nl - at);
-            if (line.starts_with("rgdb -g ") || line.starts_with("rgdb -s ") ||
-                line.starts_with("rgdb -l "))
-                continue;
-            out.push_back(line.substr(0, line.rfind('\t')));
-        }
-        return out;
-    }
-    // Waits until `n` commands were recorded (children run after the reply).
-    std::vector<std::string> wait(size_t n, std::chrono::milliseconds limit = 5s) const {
-        until([&] { return lines().size() >= n; }, limit);
-        return lines();
-    }
-
-  private:
-    std::string path_;
-    size_t start_ = 0;
-};
-using Lines = std::vector<std::string>;
+// The daemon's pid inside its access point, or 0.
+inline int daemon_pid(const Lab &lab, int ap = 1) { return std::atoi(slurp(lab.run_file(ap, "tavc.pid")).c_str()); }
+inline std::string boot_count(const Lab &lab, int ap = 1) { return slurp(lab.run_file(ap, "boot_count")); }
+// After a (simulated) reboot began: the access point restarted and serves.
+inline bool rebooted(const Lab &lab, const std::string &boots_before, int ap = 1) {
+    return until([&] { return boot_count(lab, ap) != boots_before && lab.serving(ap); }, kLong);
+}
+// SIGTERM to the daemon; the exit status its supervisor logged, or -1.
+inline int terminate_daemon(const Lab &lab, int pid, int ap = 1) {
+    if (lab.on_ap(ap, "kill -TERM " + std::to_string(pid)).status != 0) return -1;
+    const std::string ended = "daemon (pid " + std::to_string(pid) + ") exited on its own with status ";
+    std::string log;
+    if (!until([&] { return (log = slurp(lab.run_file(ap, "supervisor.log"))).find(ended) != std::string::npos; }, kLong))
+        return -1;
+    return std::atoi(log.c_str() + log.find(ended) + ended.size());
+}
+// tavctl on the manager host; the current password from the environment.
+inline Sh tavctl(const Lab &lab, const std::string &args, const std::string &password = "admin") {
+    return sh("env -u TAVCTL_USER -u TAVCTL_PASSWORD_FILE TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=" + quote(password) +
+              " setsid -w " E2E_BUILD_DIR "/tools/tavctl/tavctl --iface eth0 --netns " + lab.netns_mgr() +
+              " --cipher " + quote(cipher_path()) + " --timeout 5 " + args + " </dev/null");
+}
 
 // A suite with one lab: up before the first test, down after the last (also
 // when tests failed). Every test ASSERTs that the lab came up with each

@@ -1,6 +1,6 @@
 # Faults around the daemon that ships (release build when present, as in
 # hostile.cmake): the database absent, killed, stalled and restarted;
-# SIGTERM mid-flood; delayed children; a full manager registry.
+# SIGTERM mid-flood; delayed children; a thousand managers.
 tav_e2e_executable(tav_e2e_faults faults_test.cpp)
 target_compile_definitions(tav_e2e_faults PRIVATE E2E_RELEASE_DIR="${PROJECT_SOURCE_DIR}/build/release"
   E2E_PROFILE="${PROJECT_SOURCE_DIR}/sim/profiles/default")

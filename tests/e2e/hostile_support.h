@@ -30,32 +30,24 @@ inline std::string daemon_build() {
     return rel;
 }
 
-// The daemon's pid inside its access point, or 0.
-inline int daemon_pid(const Lab &lab, int ap = 1) {
-    return std::atoi(slurp(lab.run_file(ap, "tavc.pid")).c_str());
-}
-
 // Private dirty memory of the daemon in kB (smaps_rollup), or -1.
 inline long private_dirty_kb(const Lab &lab, int ap = 1) {
     Sh r = lab.on_ap(ap, "awk '/^Private_Dirty:/ {print $2}' /proc/$(cat /var/run/tavc.pid)/smaps_rollup");
     return r.status == 0 && !r.out.empty() ? std::atol(r.out.c_str()) : -1;
 }
 
-// A command listing the pids of the daemon's children (inside its access
-// point) that satisfy an awk condition on their stat fields after the name
-// ($1 state, $2 parent).
+// Pids of the daemon's children (inside its access point) whose stat fields
+// after the name ($1 state, $2 parent) satisfy an awk condition.
 inline std::string daemon_children_cmd(const std::string &cond = "1") {
     return "p=$(cat /var/run/tavc.pid); cat /proc/[0-9]*/stat 2>/dev/null | "
            "awk -v p=\"$p\" '{ pid = $1; sub(/^.*\\) /, \"\"); if ($2 == p && (" +
            cond + ")) print pid }'";
 }
 
-// Zombie children of the daemon (their pids), seen from inside its access point.
 inline std::string daemon_zombies(const Lab &lab, int ap = 1) {
     return lab.on_ap(ap, daemon_children_cmd("$1 == \"Z\"")).out;
 }
 
-// Children of the daemon that are still running or not yet reaped.
 inline int daemon_children(const Lab &lab, int ap = 1) {
     Sh r = lab.on_ap(ap, daemon_children_cmd() + " | wc -l");
     return std::atoi(r.out.c_str());

@@ -1,7 +1,7 @@
 // Brings the namespace lab up and checks what everything else relies on: the
 // access point sees the lab's cipher, its own database and only stubs for the
-// device commands; frames and datagrams cross between manager and access
-// points; and nothing of the lab survives `down`. Needs root.
+// device commands; and nothing of the lab survives `down`. Needs root. (That
+// frames and datagrams cross, every end-to-end suite shows.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,8 +12,6 @@
 #include <string>
 #include <thread>
 
-#include "tools/client/tlv_text.h"
-#include "tools/client/transport.h"
 
 namespace {
 
@@ -32,6 +30,16 @@ std::string slurp(const std::string &path) {
     std::ifstream f(path);
     return {std::istreambuf_iterator<char>(f), {}};
 }
+// The machine's clock moved by more than a minute against the monotonic
+// clock since `mark` (whatever the time the test itself took).
+struct ClockMark {
+    time_t wall = time(nullptr);
+    std::chrono::steady_clock::time_point mono = std::chrono::steady_clock::now();
+    long moved() const {
+        const auto mono_s = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - mono);
+        return std::labs(long(time(nullptr) - wall) - long(mono_s.count()));
+    }
+};
 bool exists(const std::string &path) { return std::filesystem::exists(std::filesystem::symlink_status(path)); }
 
 // A lab instance of its own, so a lab someone else has up is never touched.
@@ -107,15 +115,15 @@ TEST_F(LabSmoke, AccessPointsSeeTheLabsCipherTheirOwnDatabaseAndOnlyStubs) {
     }
 
     const std::string boot = slurp("/proc/sys/kernel/random/boot_id");
-    const time_t before = time(nullptr);
+    const ClockMark before;
     EXPECT_EQ(on("ap1", "date -s '2030-01-02 03:04:05' && submit TIME").second, 0);
     EXPECT_NE(on("ap1", "date -s '2030-02-30 03:04:05'").second, 0);
-    EXPECT_LT(std::labs(long(time(nullptr) - before)), 60L) << "machine clock moved";
+    EXPECT_LT(before.moved(), 60L) << "machine clock moved";
     EXPECT_EQ(db_get("ap1", "/runtime/time/date"), "01/02/2030");
     // A simulated reboot restarts the access point only, keeping what was committed.
     const std::string boots = kRun + "ap2/boot_count", count = slurp(boots);
     EXPECT_EQ(on("ap2", "rgdb -s /lab/kept 1 && submit COMMIT && rgdb -s /lab/lost 1 && reboot").second, 0);
-    for (int i = 0; i < 100 && (slurp(boots) == count || slurp(kRun + "ap2/ready").empty()); ++i)
+    for (int i = 0; i < 1200 && (slurp(boots) == count || slurp(kRun + "ap2/ready").empty()); ++i)
         std::this_thread::sleep_for(100ms);
     EXPECT_NE(slurp(boots), count) << "no simulated reboot";
     // The stub's wake-up signal arriving after its request was taken starts no second reboot.
@@ -142,46 +150,12 @@ TEST_F(LabSmoke, NoProcessOfAnAccessPointMaySetTheClockRebootOrLoadModules) {
         << cap.first;
 }
 
-TEST_F(LabSmoke, FramesAndDatagramsCrossBetweenManagerAndAccessPoints) {
-    using namespace tav::client;
-    auto ip = [](const std::string &host) { return host == "mgr" ? "192.0.2.1"s : "192.0.2.1" + host.substr(2); };
-    const struct {
-        const char *what, *rx, *tx, *to, *from;  // to: UDP destination; none: a raw broadcast frame
-    } cases[] = {
-        {"raw to ap", "ap1", "mgr", nullptr, "02:7a:76:00:00:fe"},
-        {"raw to mgr", "mgr", "ap2", nullptr, "02:7a:76:00:00:02"},
-        {"udp broadcast", "ap2", "mgr", "192.0.2.255", "192.0.2.1"},
-        {"udp multicast", "ap1", "mgr", "224.0.0.1", "192.0.2.1"},
-        {"udp unicast", "mgr", "ap1", "192.0.2.1", "192.0.2.11"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        const std::string rx_ns = kName + "-" + c.rx, tx_ns = kName + "-" + c.tx;
-        std::unique_ptr<Transport> rx, tx;
-        if (c.to) {
-            auto u = UdpTransport::open("192.0.2.1", 9, "", rx_ns).value();
-            tx = UdpTransport::open(c.to, u->local_port(), ip(c.tx), tx_ns).value();
-            rx = std::move(u);
-        } else {
-            rx = RawTransport::open(c.rx == "mgr"s ? "eth0" : "br0", rx_ns).value();
-            tx = RawTransport::open(c.tx == "mgr"s ? "eth0" : "br0", tx_ns).value();
-        }
-        const std::vector<uint8_t> token(c.what, c.what + strlen(c.what));
-        ASSERT_TRUE(tx->send(token));
-        std::optional<Datagram> d;
-        for (auto end = Clock::now() + 3s; (d = rx->receive(end)) && d->payload != token;) {
-        }
-        ASSERT_TRUE(d);
-        EXPECT_EQ(c.to ? format_ipv4(d->src_ip) : format_mac(d->src_mac), c.from);
-    }
-}
-
 // The lab fails closed: an access point that lacks its overlays, from the start
 // or later, runs neither the daemon nor anything given to `exec`.
 TEST(LabSafety, AnAccessPointWithoutItsOverlaysRunsNothing) {
     if (geteuid() != 0) GTEST_SKIP() << "the lab needs root";
     const std::string boot = slurp("/proc/sys/kernel/random/boot_id");
-    const time_t before = time(nullptr);
+    const ClockMark before;
     lab("down");
     // Broken later: one overlay gone under a running access point.
     ASSERT_EQ(lab("up -n 1 --no-daemon --build " + kBuild), 0);
@@ -211,7 +185,7 @@ TEST(LabSafety, AnAccessPointWithoutItsOverlaysRunsNothing) {
     EXPECT_EQ(refused.first.find("ran"), std::string::npos) << refused.first;
     EXPECT_EQ(slurp(kRun + "ap1/events.log"), "");
     EXPECT_EQ(lab("down"), 0);
-    EXPECT_LT(std::labs(long(time(nullptr) - before)), 60L) << "machine clock moved";
+    EXPECT_LT(before.moved(), 60L) << "machine clock moved";
     EXPECT_EQ(slurp("/proc/sys/kernel/random/boot_id"), boot);
 }
 
@@ -220,7 +194,7 @@ TEST(LabSafety, AnAccessPointWithoutItsOverlaysRunsNothing) {
 TEST(LabSafety, FromAChrootExecLandsInTheAccessPoint) {
     if (geteuid() != 0) GTEST_SKIP() << "the lab needs root";
     lab("down");
-    const time_t before = time(nullptr);
+    const ClockMark before;
     // The whole machine seen again under a directory, in a mount namespace of its own.
     setenv("TAVLAB_SMOKE_CMD", (kLab + "up -n 1 --no-daemon --build " + kBuild + " >/dev/null 2>&1 && " + kLab +
                                 "exec ap1 sh -c 'readlink -f $(command -v date) /bin/date; date -s 2030-01-02'; " + kLab +
@@ -230,7 +204,7 @@ TEST(LabSafety, FromAChrootExecLandsInTheAccessPoint) {
     const auto r = sh("unshare -m --propagation private sh -c 'root=$(mktemp -d) && mount --rbind / \"$root\" &&"
                       " chroot \"$root\" sh -c \"$TAVLAB_SMOKE_CMD\"; umount -l \"$root\"; rmdir \"$root\"'");
     EXPECT_EQ(r.first, "/usr/lib/tavlab/stubs/date\n/usr/lib/tavlab/stubs/date\nWed Jan  2 00:00:00 UTC 2030\n");
-    EXPECT_LT(std::labs(long(time(nullptr) - before)), 60L) << "machine clock moved";
+    EXPECT_LT(before.moved(), 60L) << "machine clock moved";
     EXPECT_EQ(lab("down"), 0);
 }
 
