@@ -41,7 +41,8 @@ TEST(Base64, DecodeSkipsForeignBytesAndStopsAtThePadGroup) {
     EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, six, 6, &n), 0);
 }
 
-TEST(Base64, EncodeBreaksLinesAt72)  // round trips: fuzz/base64_fuzz {
+// Round trips are base64_fuzz's.
+TEST(Base64, EncodeBreaksLinesAt72) {
     auto encode = [](const std::string &s) {
         char out[512];
         size_t n = 0;
