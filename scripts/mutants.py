@@ -585,6 +585,66 @@ def read_results(path):
     return rows
 
 
+def test_source(root, detail):
+    """The test file that defines the gtest test a kill names, or None."""
+    m = re.match(r"(?:tavc\.)?(\w+)\.(\w+) \(", detail)
+    if not m:
+        return None
+    pattern = re.compile(r"TEST(?:_F)?\(\s*%s\s*,\s*%s\s*\)" % (m.group(1), m.group(2)))
+    for top, _, names in os.walk(os.path.join(root, "tests")):
+        for name in names:
+            if name.endswith((".cpp", ".h")):
+                path = os.path.join(top, name)
+                with open(path, encoding="utf-8", errors="replace") as f:
+                    if pattern.search(f.read()):
+                        return os.path.relpath(path, root)
+    return None
+
+
+def same_test(other, detail):
+    """True when the test a kill names, and every test header it includes,
+    are the same files in `other` as here: it fails the same way again."""
+    src = test_source(ROOT, detail)
+    if not src:
+        return False
+    seen, todo = set(), [src]
+    while todo:
+        rel = todo.pop()
+        if rel in seen:
+            continue
+        seen.add(rel)
+        try:
+            with open(os.path.join(ROOT, rel), "rb") as a, open(os.path.join(other, rel), "rb") as b:
+                here = a.read()
+                if here != b.read():
+                    return False
+        except OSError:
+            return False
+        todo += re.findall(r'#include "(tests/[^"]+)"', here.decode("utf-8", "replace"))
+    return True
+
+
+def reused(m, args):
+    """A result that `--reuse` carries over without running: the mutated file
+    is the same in both trees and the mutant did not build there, or it was
+    killed there by a unit test that is the same here."""
+    r = args.reuse_rows.get(m["id"])
+    if not r:
+        return None
+    try:
+        with open(os.path.join(ROOT, m["file"]), "rb") as a, \
+                open(os.path.join(args.reuse_root, m["file"]), "rb") as b:
+            if a.read() != b.read():
+                return None
+    except OSError:
+        return None
+    if r["status"] == "not-built":
+        return r["status"], r["detail"]
+    if r["status"] == "killed" and same_test(args.reuse_root, r["detail"]):
+        return "killed", r["detail"].split(" (")[0] + " (the same test in the reused run)"
+    return None
+
+
 def run(args):
     # paths given are relative to the current directory, defaults to the tree
     args.list = os.path.abspath(args.list) if args.list else os.path.join(ROOT, "scripts/mutants.list")
@@ -627,18 +687,22 @@ def run(args):
     os.makedirs(log_dir, exist_ok=True)
     tags = lab_tags(args.build_dir)
     todo = [m for m in mutants if m["id"] not in done_ids]
+    args.reuse_rows = {r["id"]: r for r in read_results(args.reuse)} if args.reuse else {}
+    if args.reuse:
+        args.reuse_root = os.path.abspath(args.reuse_root)
     if args.resume:
         print(f"resuming: {len(done_ids)} done, {len(todo)} to run")
     rows = list(done)
     interrupted = False
-    if todo and not args.no_baseline:
+    if any(not reused(m, args) for m in todo) and not args.no_baseline:
         baseline(args, log_dir, tags)
     try:
         for n, m in enumerate(todo, 1):
             log_path = os.path.join(log_dir, m["id"] + ".log")
             open(log_path, "w").close()
             t0 = time.monotonic()
-            status, detail, _ = run_one(m, args, log_path, tags)
+            carried = reused(m, args)
+            status, detail, _ = (*carried, None) if carried else run_one(m, args, log_path, tags)
             secs = round(time.monotonic() - t0)
             row = {"id": m["id"], "kind": m["kind"], "site": f"{m['file']}:{m['line']}",
                    "status": status, "detail": detail, "seconds": str(secs), "change": m["change"]}
@@ -696,6 +760,9 @@ def main():
     r.add_argument("--build-timeout", type=int, default=1800)
     r.add_argument("--only", help="comma-separated ids")
     r.add_argument("--suites", help="ctest -R regex limiting the tests run")
+    r.add_argument("--reuse", help="results of the same list on a tree whose suite differs: "
+                   "a mutant it saw killed by a unit test that is unchanged here is not run again")
+    r.add_argument("--reuse-root", help="that tree's top folder (with --reuse)")
     r.add_argument("--lab-jobs", type=int, default=1,
                    help="lab suites run at a time (each has lab instances of its own)")
     r.add_argument("--out", help="result TSV (default BUILD_DIR/mutants.tsv)")
