@@ -274,9 +274,11 @@ shutdown() {
 # idle access point costs no CPU. A reboot request is the file the stub
 # writes: a wake-up without it (a stray signal, a second line for a request
 # already taken) only makes the loop look again.
+# A stop also writes a line, so that a signal that comes between the loop's
+# look at STOP and its wait still ends the wait.
 STOP=0 WAITER=
 trap ':' USR1
-trap 'STOP=1' TERM INT HUP
+trap 'STOP=1; printf "\n" >&3' TERM INT HUP
 
 boot
 if [ -n "$TAVLAB_XMLDB" ] && [ -z "$XMLDB_PID" ]; then
