@@ -18,6 +18,7 @@
 #     stopped with SIGTERM, its leftover children killed, database restarted
 #     from the committed state (or the profile), identity keys set again,
 #     daemon started again.
+# Between events it sleeps in `wait -n` and starts nothing: see the main loop.
 # SIGTERM stops everything; when this process ends, the kernel ends every
 # process of the access point.
 set -u
@@ -29,11 +30,28 @@ RUN=/run/$LAB/$AP
 PRIV=/run/$LAB/.$AP
 LAYERS=$PRIV/layers
 
-log() { printf '%s %s\n' "$(TZ=UTC0 printf '%(%H:%M:%S)T' -1)" "$*"; }
+log() {
+    local now
+    TZ=UTC0 printf -v now '%(%H:%M:%S)T' -1
+    printf '%s %s\n' "$now" "$*"
+}
+
+# The verdict `tavlab up` waits for: in the ready file (the lab's path until
+# /run is the access point's own), then the access point's number on the
+# lab's FIFO (fd 7, when tavlab up left one), so that up wakes at once
+# instead of polling.
+READY=$RUN/ready
+ready() { # STATE
+    printf '%s\n' "$1" >"$READY"
+    if { true >&7; } 2>/dev/null; then
+        printf '%s\n' "$N" >&7
+        exec 7>&-
+    fi
+}
 
 fail() {
     log "error: $*"
-    printf 'failed: %s\n' "$*" >/var/run/ready 2>/dev/null || printf 'failed: %s\n' "$*" >"$RUN/ready"
+    ready "failed: $*"
     exit 1
 }
 
@@ -47,6 +65,8 @@ fail() {
 # shellcheck source=/dev/null
 . "$PRIV/supervisor.env"
 PROBE_CODE=$(<"$PRIV/probe.sh")
+# Opened read-write so that this never blocks; outside the access point's /run.
+[ -p "/run/$LAB/up.fifo" ] && exec 7<>"/run/$LAB/up.fifo"
 
 # --- Mounts (private to this namespace) --------------------------------------
 # Nothing below may propagate to the host, whatever unshare did.
@@ -67,8 +87,7 @@ else
         # A link (/sbin -> usr/sbin) is covered by its target; a missing
         # directory holds nothing to run.
         [ -L "$d" ] || [ ! -d "$d" ] && continue
-        layer=${d#/}
-        overlay_ro "$d" "$LAYERS/shadow/${layer//\//-}"
+        overlay_ro "$d" "/run/$LAB/.shadow"
     done
     overlay_ro /etc "$LAYERS/etc"
     bind_ro "$LAYERS/etc/templates" /etc/templates
@@ -84,10 +103,18 @@ fi
 # /var/run is a link to /run: the run directory becomes the whole /run.
 mount --bind "$RUN" /run || fail "bind on /run"
 [ -e /var/run/tavlab-ap ] || fail "run directory not in place"
+READY=/var/run/ready
 cd / || fail "no /"
 
 export PATH=$TAVLAB_PATH
 echo "$$" >/var/run/supervisor.pid
+# Wake-ups: a stub that asks for a reboot writes a line here after its request
+# file (a pipe keeps the line until it is read, so none is lost between a
+# look at the request file and the wait). Held open read-write by this
+# process, so a writer never blocks and never meets a missing reader.
+WAKE=/var/run/supervisor.wake
+[ ! -e "$WAKE" ] || rm -f "$WAKE"
+mkfifo -m 600 "$WAKE" && exec 3<>"$WAKE" || fail "cannot make $WAKE"
 
 # --- Safety probe ------------------------------------------------------------
 # In exactly the daemon's environment; `probe -- CMD...` runs CMD after it
@@ -110,12 +137,9 @@ check_probe() {
 if ! check_probe; then
     if [ "$SUP_BREAK_OVERLAYS" = 1 ]; then
         # Test-only: stay up, running nothing, so tests can knock on the door.
-        printf 'unsafe: %s\n' "$(cat /var/run/probe)" >/var/run/ready
+        ready "unsafe: $(</var/run/probe)"
         trap 'exit 0' TERM INT HUP
-        while :; do
-            sleep 1 &
-            wait $!
-        done
+        while :; do read -r -u 3 _; done
     fi
     fail "safety probe: $(cat /var/run/probe)"
 fi
@@ -131,14 +155,17 @@ start_xmldb() {
     fi
     rm -f /var/run/xmldb_sock
     # It loads the committed state when there is one, else the profile.
+    # It also keeps the simulated traffic counters (-t: held while
+    # stats.hold exists).
     "$TAVLAB_XMLDB" -s /var/run/xmldb_sock -f "$TAVLAB_PROFILE" -p /var/run/xmldb.state \
-        </dev/null >>/var/run/xmldb.log 2>&1 &
+        -t /var/run/stats.hold </dev/null >>/var/run/xmldb.log 2>&1 3>&- 7>&- &
     XMLDB_PID=$!
+    # Its socket appears within milliseconds; this polls only while it starts.
     local i
-    for i in $(seq 100); do
+    for ((i = 0; i < 500; i++)); do
         [ -S /var/run/xmldb_sock ] && return 0
         kill -0 "$XMLDB_PID" 2>/dev/null || break
-        sleep 0.05
+        sleep 0.01
     done
     XMLDB_PID=
     log "error: xmldb did not come up (see xmldb.log)"
@@ -146,15 +173,27 @@ start_xmldb() {
 }
 
 stop_pid() { # PID [GRACE]: SIGTERM, SIGKILL after GRACE seconds; status in STATUS
-    local pid=$1 grace=${2:-5} i
+    local pid=$1 grace=${2:-5} timer who st
     kill -TERM "$pid" 2>/dev/null
-    for ((i = 0; i < grace * 20; i++)); do
-        kill -0 "$pid" 2>/dev/null || break
-        sleep 0.05
+    # Whichever ends first, the process or a timer of its grace.
+    sleep "$grace" 3>&- 7>&- &
+    timer=$!
+    for (( ; ; )); do
+        who=
+        wait -n -p who "$pid" "$timer" 2>/dev/null
+        st=$?
+        # Again only when a signal of ours cut the wait short.
+        [ -n "${who:-}" ] || [ "$st" -le 128 ] && break
     done
-    kill -KILL "$pid" 2>/dev/null
-    wait "$pid" 2>/dev/null
-    STATUS=$?
+    kill "$timer" 2>/dev/null
+    if [ "${who:-}" = "$pid" ]; then
+        STATUS=$st
+    else
+        kill -KILL "$pid" 2>/dev/null
+        wait "$pid" 2>/dev/null
+        STATUS=$?
+    fi
+    wait "$timer" 2>/dev/null
 }
 
 stop_xmldb() {
@@ -165,10 +204,14 @@ stop_xmldb() {
 
 set_identity() {
     [ -n "$XMLDB_PID" ] && [ -n "$TAVLAB_RGDB" ] || return 0
-    db -s /runtime/wan/inf:1/mac "$TAVLAB_MAC" &&
-        db -s /runtime/wan/inf:1/ip "$TAVLAB_IP" &&
-        db -s /runtime/wan/inf:1/netmask "$TAVLAB_NETMASK" &&
-        db -s /sys/hostname "$TAVLAB_AP" || log "warning: could not set the identity keys"
+    # The profile has them already (tavlab wrote them into it); a state file,
+    # which xmldb loads instead when there is one, may not.
+    if [ -e /var/run/xmldb.state ]; then
+        db -s /runtime/wan/inf:1/mac "$TAVLAB_MAC" &&
+            db -s /runtime/wan/inf:1/ip "$TAVLAB_IP" &&
+            db -s /runtime/wan/inf:1/netmask "$TAVLAB_NETMASK" &&
+            db -s /sys/hostname "$TAVLAB_AP" || log "warning: could not set the identity keys"
+    fi
     # The simulated clock starts from the machine's time (read, never set).
     if [ -z "$(db -g /runtime/time/date)" ] || [ -z "$(db -g /runtime/time/time)" ]; then
         db -s /runtime/time/date "$(TZ=UTC0 printf '%(%m/%d/%Y)T' -1)"
@@ -194,7 +237,7 @@ start_daemon() {
     setsid env -i PATH="$TAVLAB_PATH" HOME=/ /bin/bash -c \
         "$PROBE_CODE" tavlab-probe "$SUP_ID" "$SUP_CIPHER_SUM" "$AP" -- \
         /usr/bin/env -i PATH="$TAVLAB_PATH" HOME=/ "$TAVLAB_TAVC" \
-        </dev/null >>/var/run/tavc.out 2>>/var/run/tavc.err &
+        </dev/null >>/var/run/tavc.out 2>>/var/run/tavc.err 3>&- 7>&- &
     TAVC_PID=$!
     echo "$TAVC_PID" >/var/run/tavc.pid
 }
@@ -225,46 +268,59 @@ shutdown() {
 }
 
 # --- Main loop ---------------------------------------------------------------
-STOP=0 TICKS=0
-# A reboot request is the file the stub writes; its USR1 only cuts the wait
-# short. A signal that arrives after the file was taken (the loop polls it
-# too) must not ask for a second reboot.
+# The supervisor sleeps in `wait -n` on its children and wakes only for an
+# event: the daemon or the database ending, a line on the wake-up pipe (read
+# by a child that then ends), SIGTERM, or SIGUSR1. Nothing is polled, so an
+# idle access point costs no CPU. A reboot request is the file the stub
+# writes: a wake-up without it (a stray signal, a second line for a request
+# already taken) only makes the loop look again.
+# A stop also writes a line, so that a signal that comes between the loop's
+# look at STOP and its wait still ends the wait.
+STOP=0 WAITER=
 trap ':' USR1
-trap 'STOP=1' TERM INT HUP
+trap 'STOP=1; printf "\n" >&3' TERM INT HUP
 
 boot
 if [ -n "$TAVLAB_XMLDB" ] && [ -z "$XMLDB_PID" ]; then
     shutdown
     fail "xmldb did not start"
 fi
-echo ok >/var/run/ready
+ready ok
 
 while [ "$STOP" = 0 ]; do
     if [ -e /var/run/reboot.request ]; then
-        reason=$(cat /var/run/reboot.request 2>/dev/null)
+        reason=
+        read -r reason </var/run/reboot.request 2>/dev/null
         rm -f /var/run/reboot.request
         log "reboot (${reason:-requested})"
         shutdown
         delay=0
         [ -r /var/run/reboot.delay ] && read -r delay _ </var/run/reboot.delay
-        [[ $delay =~ ^[0-9]+$ ]] && [ "$delay" -le 600 ] && sleep "$delay"
+        [[ $delay =~ ^[0-9]+$ ]] && [ "$delay" -le 600 ] && [ "$delay" -gt 0 ] && sleep "$delay"
         boot
         continue
     fi
-    if [ -n "$TAVC_PID" ] && ! kill -0 "$TAVC_PID" 2>/dev/null; then
-        wait "$TAVC_PID"
-        log "daemon (pid $TAVC_PID) exited on its own with status $?"
+    # The waiter: a child that ends when a line comes on the wake-up pipe.
+    if [ -z "$WAITER" ]; then
+        (read -r -u 3 _) 7>&- &
+        WAITER=$!
+    fi
+    who=
+    wait -n -p who
+    status=$?
+    case ${who:-} in
+    "") ;; # a signal: STOP, or just a look around
+    "$WAITER") WAITER= ;;
+    "$TAVC_PID")
+        log "daemon (pid $TAVC_PID) exited on its own with status $status"
         TAVC_PID=
         rm -f /var/run/tavc.pid
-    fi
-    # The statistics service: counters move every few seconds.
-    TICKS=$((TICKS + 1))
-    if [ -n "$XMLDB_PID" ] && [ $((TICKS % 3)) = 0 ]; then
-        /usr/lib/tavlab/stubs/stats-tick >>/var/run/supervisor.log 2>&1
-    fi
-    sleep 1 &
-    wait $! 2>/dev/null
-    kill $! 2>/dev/null
+        ;;
+    "$XMLDB_PID")
+        log "database (pid $XMLDB_PID) exited on its own with status $status"
+        XMLDB_PID=
+        ;;
+    esac
 done
 log "stopping"
 shutdown

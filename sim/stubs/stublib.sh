@@ -49,15 +49,11 @@ rgdb_real() {
 }
 
 # Asks the access point's supervisor for a simulated reboot and returns at
-# once, as the real command returns before the device goes down.
+# once, as the real command returns before the device goes down. The request
+# is the file; the line on the supervisor's wake-up pipe only wakes it (the
+# pipe is the supervisor's own, held open by it, so writing never blocks).
 stub_request_reboot() {
     printf '%s\n' "$*" >/var/run/reboot.request
-    local sup
-    sup=$(cat /var/run/supervisor.pid 2>/dev/null) || return 0
-    # Only the supervisor of this namespace; never a host process.
-    if [ -n "$sup" ] && [ "$sup" != "$$" ] &&
-        tr '\0' ' ' <"/proc/$sup/cmdline" 2>/dev/null | grep -q 'ap-supervisor'; then
-        kill -USR1 "$sup" 2>/dev/null
-    fi
+    [ -p /var/run/supervisor.wake ] && printf '\n' >/var/run/supervisor.wake
     return 0
 }

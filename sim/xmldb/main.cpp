@@ -25,6 +25,7 @@
 
 #include "request.h"
 #include "store.h"
+#include "traffic.h"
 
 namespace {
 
@@ -34,6 +35,8 @@ struct Options {
     std::string sock = "/var/run/xmldb_sock";
     std::string profile;
     std::string state;
+    std::string hold;  // -t: simulated traffic, held while this file exists
+    bool traffic = false;
 };
 
 struct Conn {
@@ -45,7 +48,13 @@ struct Conn {
 
 class Server {
 public:
-    explicit Server(Options opt) : opt_(std::move(opt)) {}
+    explicit Server(Options opt) : opt_(std::move(opt))
+    {
+        if (opt_.traffic)
+            traffic_ = std::make_unique<xmldb::Traffic>(
+                opt_.hold, Clock::now(),
+                static_cast<uint64_t>(Clock::now().time_since_epoch().count()) ^ getpid());
+    }
     int run();
 
 private:
@@ -63,6 +72,7 @@ private:
 
     Options opt_;
     xmldb::Store store_;
+    std::unique_ptr<xmldb::Traffic> traffic_;
     int lfd_ = -1, efd_ = -1, sfd_ = -1, spare_ = -1;
     ino_t sock_ino_ = 0;
     std::vector<std::unique_ptr<Conn>> conns_;
@@ -279,6 +289,8 @@ bool Server::try_request(int fd, const char *data, std::size_t len)
     auto req = xmldb::parse_request(std::string_view(data, len));
     if (!req)
         return false;
+    if (traffic_)
+        traffic_->advance(store_, Clock::now());
     auto out = xmldb::run_command(store_, opt_.state, *req);
     if (!out)
         drop(fd);
@@ -353,12 +365,15 @@ int Server::timeout_ms() const
 void usage(FILE *to)
 {
     std::fputs(
-        "usage: xmldb [-s SOCKET] [-f PROFILE] [-p STATEFILE]\n"
+        "usage: xmldb [-s SOCKET] [-f PROFILE] [-p STATEFILE] [-t HOLDFILE]\n"
         "Substitute configuration database server.\n"
         "  -s SOCKET     Unix socket to listen on (default /var/run/xmldb_sock)\n"
         "  -f PROFILE    load this profile at start\n"
         "  -p STATEFILE  state file: loaded at start when present (preferred over -f),\n"
         "                written by a dump with an empty argument\n"
+        "  -t HOLDFILE   simulated traffic: every 3 s the statistics counters under\n"
+        "                /runtime/stats grow and the load figures move, unless\n"
+        "                HOLDFILE exists (applied when the next request comes)\n"
         "  --help        show this help\n"
         "Stops on SIGTERM or SIGINT and removes its socket.\n",
         to);
@@ -375,13 +390,18 @@ int main(int argc, char **argv)
             usage(stdout);
             return 0;
         }
-        std::string *target = a == "-s" ? &opt.sock : a == "-f" ? &opt.profile : a == "-p" ? &opt.state : nullptr;
+        std::string *target = a == "-s"   ? &opt.sock
+                              : a == "-f" ? &opt.profile
+                              : a == "-p" ? &opt.state
+                              : a == "-t" ? &opt.hold
+                                          : nullptr;
         if (!target || i + 1 >= argc) {
             std::fprintf(stderr, "xmldb: %s %s\n", target ? "missing value for" : "unknown option", argv[i]);
             usage(stderr);
             return 1;
         }
         *target = argv[++i];
+        opt.traffic = opt.traffic || target == &opt.hold;
     }
     auto server = std::make_unique<Server>(std::move(opt));
     return server->run();
