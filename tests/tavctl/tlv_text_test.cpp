@@ -29,12 +29,10 @@ TEST(TlvArg, ParsesByKindNameAndPrefix) {
         EXPECT_EQ(std::pair(t->tag, t->value), std::pair(c.tag, c.value)) << c.arg;
     }
     const std::pair<const char *, uint16_t> refused[] = {
-        {"54", kOpReboot},          {"=5", kOpReboot},        {"NO_SUCH=1", kOpReboot},
-        {"DEVCIE_IP_MASK=1.2.3.4", kOpDiscovery},             {"54=256", kOpReboot},
-        {"54=-1", kOpReboot},       {"54=0x", kOpReboot},     {"32=65536", kOpSetDeviceInfo},
-        {"925=2147483648", kOpGetClientList},                 {"14=02:7a:76:00:00", kOpSetApArrayMemberList},
-        {"15=192.0.2.256", kOpSetIpv4}, {"999=5", kOpReboot}, {"999=x:abc", kOpReboot},
-    };
+        {"54", kOpReboot}, {"=5", kOpReboot}, {"NO_SUCH=1", kOpReboot}, {"DEVCIE_IP_MASK=1.2.3.4", kOpDiscovery},
+        {"54=256", kOpReboot}, {"54=-1", kOpReboot}, {"54=0x", kOpReboot}, {"32=65536", kOpSetDeviceInfo},
+        {"925=2147483648", kOpGetClientList}, {"14=02:7a:76:00:00", kOpSetApArrayMemberList},
+        {"15=192.0.2.256", kOpSetIpv4}, {"999=5", kOpReboot}, {"999=x:abc", kOpReboot}};
     for (auto [arg, op] : refused) EXPECT_FALSE(parse_tlv_arg(arg, op)) << arg;
 }
 
@@ -48,8 +46,6 @@ TEST(Text, MacsAddressesOpCodesAndValues) {
     for (auto [text, code] : {std::pair{"0xA1", 0xA1}, {"161", 0xA1}, {"tav_discovery", 0xA1}, {"discovery", 0xA1},
                               {"GET_SSID_LIST", 0x2004}, {"0x0999", 0x0999}, {"0x10000", -1}, {"bogus", -1}})
         EXPECT_EQ(parse_op_code(text) ? int(*parse_op_code(text)) : -1, code) << text;
-    for (auto [text, max, ok] : {std::tuple{"9", 7, false}, {"0xF", 15, true}, {"0xF", 14, false}, {"255", 255, true}})
-        EXPECT_EQ(parse_uint(text, uint64_t(max)).has_value(), ok) << text << " max " << max;
     EXPECT_EQ(format_value(Bytes{0xFF, 0xFF, 0xFF, 0xBD}, TagKind::kI32), "-67");
     EXPECT_EQ(format_value(Bytes{0, 0, 0, 2, 0xDF, 0xDC, 0x1C, 0x35}, TagKind::kU64), "12345678901");
     EXPECT_EQ(format_value(Bytes{'a', '\n', '\\', 0, 'x'}, TagKind::kText), "a\\x0a\\\\");

@@ -15,11 +15,7 @@ using namespace std::literals;
 
 namespace {
 
-// Exit status of a shell command line.
-int sh(const std::string &cmd) {
-    int st = std::system(cmd.c_str());
-    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-}
+int sh(const std::string &cmd) { return WEXITSTATUS(std::system(cmd.c_str())); }
 
 class Server {
 public:
@@ -36,15 +32,13 @@ public:
         int fd = unix_socket(sock_);
         send_all(fd, request(cmd, arg));
         std::string r = read_all(fd);
-        close(fd);
-        return r;
+        return close(fd), r;
     }
     std::string get(const std::string &key) const {
         std::string r = text(1, key);
         EXPECT_EQ(r.find('\0'), r.size() - 1) << key;  // value, one NUL, nothing else
         return r.substr(0, r.find('\0'));
     }
-    // The status word of a 16-byte reply (-99: another length).
     int status(uint16_t cmd, const std::string &arg) const {
         std::string r = text(cmd, arg);
         int32_t st = -99;
@@ -68,7 +62,6 @@ TEST(Xmldb, StoreDumpReloadAndStateFile) {
     {
         Server s(dir, args);
         EXPECT_EQ(sh(XMLDB_BIN " -s "s + dir.sock() + " 2>/dev/null"), 1);  // a second server on a live socket
-        EXPECT_EQ(s.text(1, "/missing"), "\0"s);
         EXPECT_EQ(s.get("/p"), "1");
         for (const char *bad : {" v", "#k v", "/t\tab v"}) EXPECT_EQ(s.status(2, bad), -1) << bad;
         const std::pair<const char *, const char *> after_delete[] = {
@@ -76,8 +69,8 @@ TEST(Xmldb, StoreDumpReloadAndStateFile) {
         for (auto [k, v] : after_delete) ASSERT_EQ(s.set(k, "1"), 0);
         EXPECT_EQ(s.status(3, "/a"), 0);
         for (auto [k, v] : after_delete) EXPECT_EQ(s.get(k), v) << k;
-        const std::vector<std::string> values = {"two  spaces ", "line1\nline2", "back\\slash\\n", "tab\tcr\r",
-                                                 "", " lead", "#hash", "\xc3\xbc"};
+        const std::vector<std::string> values = {"two  spaces ", "line1\nline2", "back\\slash\\n", "tab\tcr\r", "",
+                                                 " lead", "#hash", "\xc3\xbc"};
         for (size_t i = 0; i < values.size(); i++) ASSERT_EQ(s.set("/v/" + std::to_string(i), values[i]), 0);
         ASSERT_EQ(s.status(5, dir.file("dump.txt")), 0);
         ASSERT_EQ(s.set("/v/0", "changed") + s.set("/extra", "x"), 0);
@@ -87,29 +80,21 @@ TEST(Xmldb, StoreDumpReloadAndStateFile) {
         std::ofstream(dir.file("bad.txt")) << "/ok 1\n/bad \\q\n";
         EXPECT_EQ(s.status(4, dir.file("bad.txt")), -1);
         EXPECT_EQ(s.get("/ok"), "");
-        ASSERT_EQ(s.set("/q", "committed"), 0);
-        EXPECT_EQ(s.status(5, ""), 0);
+        EXPECT_EQ(s.set("/q", "committed") + s.status(5, ""), 0);  // empty: the -p file
     }
     EXPECT_EQ(Server(dir, args).get("/q"), "committed");
 }
 
-// Truncated, oversized, unknown or stalled requests close only their own
-// connection, within the server's deadline.
-TEST(Xmldb, MalformedRequestsCloseOnlyTheirConnection) {
+// Framing is fuzzed; here a bad or stalled request closes its own connection, in time.
+TEST(Xmldb, BadRequestsCloseOnlyTheirConnection) {
     TempDir dir;
     Server s(dir);
     ASSERT_EQ(s.set("/k", "v"), 0);
-    // Sent bytes, and what arrives before the server closes (none: the client hangs up at once).
-    const std::pair<std::string, std::optional<std::string>> cases[] = {
-        {header(1, 3).substr(0, 7), {}}, {header(1, 100) + "abc", {}}, {std::string(40, '\xff'), {}},
-        {request(1, "/k"), {}},          {request(9, "/k"), ""},       {request(65535, "/k"), ""},
-        {header(1, 0), "\0"s},           {header(1, 10), ""},  // stalls
-    };
-    for (auto &[bytes, reply] : cases) {
+    for (const std::string &bytes : {header(1, 100) + "abc", request(9, "/k"), header(1, 10)}) {
         int fd = unix_socket(s.sock_);
         send_all(fd, bytes);
         auto t0 = std::chrono::steady_clock::now();
-        EXPECT_EQ(reply ? read_all(fd, 5000) : "", reply.value_or("")) << bytes.size() << " bytes";
+        EXPECT_EQ(read_all(fd, 5000), "") << bytes.size() << " bytes";
         EXPECT_LT(std::chrono::steady_clock::now() - t0, 4s);
         close(fd);
         EXPECT_EQ(s.get("/k"), "v");
@@ -131,9 +116,9 @@ TEST(Xmldb, DeviceClientAndRgdbTool) {
     const std::pair<std::string, int> cases[] = {  // paths relative to rgdb's directory, sub/
         {"-s /a/b 'x y'", 0}, {"-D out.txt", 0}, {"-d /a", 0}, {"-l out.txt", 0}, {"-g /a/b | grep -qx 'x y'", 0},
         {"-l nofile", 1}, {"-s '#bad' v", 1}, {"-s /k " + std::string(1100, 'v'), 1}, {"-g", 1}, {"-x", 1},
-        {"-g /a -d /b", 1}, {"", 1},
-    };
-    for (auto &[args, rc] : cases) EXPECT_EQ(sh("cd sub && " RGDB_BIN " -S " + s.sock_ + " " + args + " 2>/dev/null"), rc) << args;
+        {"-g /a -d /b", 1}, {"", 1}};
+    for (auto &[args, rc] : cases)
+        EXPECT_EQ(sh("cd sub && " RGDB_BIN " -S " + s.sock_ + " " + args + " 2>/dev/null"), rc) << args;
     EXPECT_EQ(sh(RGDB_BIN " -S none -g /k 2>/dev/null"), 1);
     EXPECT_TRUE(std::filesystem::exists("sub/out.txt"));
 }
