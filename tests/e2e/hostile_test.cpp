@@ -64,8 +64,7 @@ void burst(HostileTraffic &gen, Client &raw, Client &udp, Counts &n) {
 }
 
 TEST_F(Hostile, FloodLeavesTheDaemonServingWithoutGrowthOrZombies) {
-    const std::string build = daemon_build();
-    std::printf("hostile: daemon from %s\n", build.c_str());
+    std::printf("hostile: daemon from %s\n", daemon_build().c_str());
     Client raw = lab().raw(), udp = lab().udp();
     HostileTraffic gen(0x7a76);
     Counts warm, n;
@@ -77,8 +76,7 @@ TEST_F(Hostile, FloodLeavesTheDaemonServingWithoutGrowthOrZombies) {
     }
     const int pid = daemon_pid(lab());
     const long before_kb = private_dirty_kb(lab());
-    ASSERT_GT(pid, 0);
-    ASSERT_GT(before_kb, 0);
+    ASSERT_TRUE(pid > 0 && before_kb > 0);
     const auto start = Clock::now();
     int unserved = 0;
     while (n.total() < kFrames) {
@@ -95,11 +93,10 @@ TEST_F(Hostile, FloodLeavesTheDaemonServingWithoutGrowthOrZombies) {
     EXPECT_LE(after_kb, before_kb + kMemorySlackKb) << "private dirty memory grew";
     EXPECT_TRUE(discovered(raw, udp, n)) << "no discovery answer after the flood";
 
-    std::printf("hostile: %ld messages in %.1f s (raw %ld, udp %ld; foreign %ld, enciphered %ld, "
-                "zero-length %ld, maximum-size %ld); discoveries asked again %ld\n",
-                n.total(), secs, n.raw, n.udp, n.foreign, n.enciphered, n.empty, n.max_size, n.unanswered);
-    for (int k = 0; k < HostileTraffic::kKinds; ++k) std::printf("hostile:   %-18s %ld\n", HostileTraffic::name(k), n.kinds[k]);
-    std::printf("hostile: private dirty %ld kB before, %ld kB after\n", before_kb, after_kb);
+    std::printf("hostile: %ld messages in %.1f s (raw %ld, udp %ld; foreign %ld, enciphered %ld, zero-length %ld, "
+                "maximum-size %ld); discoveries asked again %ld; private dirty %ld kB before, %ld kB after\n",
+                n.total(), secs, n.raw, n.udp, n.foreign, n.enciphered, n.empty, n.max_size, n.unanswered, before_kb, after_kb);
+    for (int k = 0; k < HostileTraffic::kKinds; ++k) std::printf("hostile:   %-18s %ld\n", HostileTraffic::kNames[k], n.kinds[k]);
 }
 
 }  // namespace

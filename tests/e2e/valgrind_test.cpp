@@ -52,11 +52,7 @@ TEST_F(Valgrind, TrafficAndExitWithoutErrorsOrDefiniteLeaks) {
     long sent = 0;
     for (int i = 0; i < 3000; ++i) {
         Client &c = gen.coin() ? udp : raw;
-        if (gen.coin())
-            sent += bool(c.transport().send(gen.foreign(1400)));
-        else
-            sent += bool(c.send_plaintext(gen.plaintext(HostileTraffic::Kind(gen.pick(0, HostileTraffic::kKinds - 1)),
-                                                        gen.coin())));
+        sent += bool(gen.coin() ? c.transport().send(gen.foreign(1400)) : c.send_plaintext(gen.any_plaintext()));
         if (i % 100 == 99) {
             EXPECT_TRUE(udp.request_one(tav::kOpDiscovery, {}, kLong)) << "not serving after " << sent;
             udp.receive_all(0ms), raw.receive_all(0ms);
