@@ -144,24 +144,31 @@ class Lab {
     std::string instance_;
 };
 
+// What a file of an access point's run directory gained since mark() (all of
+// it after a restart).
+class Tail {
+  public:
+    Tail(const Lab &lab, int ap, const std::string &name) : path_(lab.run_file(ap, name)) { mark(); }
+    void mark() { start_ = slurp(path_).size(); }
+    std::string operator()() const {
+        const std::string all = slurp(path_);
+        return all.size() >= start_ ? all.substr(start_) : all;
+    }
+
+  private:
+    std::string path_;
+    size_t start_ = 0;
+};
 // What the daemon of one access point writes to standard output from now on.
-inline std::function<std::string()> output(const Lab &lab, int ap) {
-    const std::string path = lab.run_file(ap, "tavc.out");
-    return [path, start = slurp(path).size()] {
-        const std::string all = slurp(path);
-        return all.size() >= start ? all.substr(start) : all;  // restarted: all is new
-    };
-}
+inline std::function<std::string()> output(const Lab &lab, int ap) { return Tail(lab, ap, "tavc.out"); }
 
 // The stub commands an access point ran since mark(), without their times
 // and without the tests' own database reads, writes and loads.
-class Events {
-  public:
-    Events(const Lab &lab, int ap) : path_(lab.run_file(ap, "events.log")) { mark(); }
-    void mark() { start_ = slurp(path_).size(); }
+struct Events : Tail {
+    Events(const Lab &lab, int ap) : Tail(lab, ap, "events.log") {}
     Lines lines() const {
         Lines out;
-        const std::string all = slurp(path_), s = all.size() >= start_ ? all.substr(start_) : all;
+        const std::string s = (*this)();
         for (size_t at = 0, nl; (nl = s.find('\n', at)) != std::string::npos; at = nl + 1) {
             const std::string line = s.substr(at, nl - at);
             if (!line.starts_with("rgdb -g ") && !line.starts_with("rgdb -s ") && !line.starts_with("rgdb -l "))
@@ -174,10 +181,6 @@ class Events {
         until([&] { return lines().size() >= n; }, kLong);
         return lines();
     }
-
-  private:
-    std::string path_;
-    size_t start_ = 0;
 };
 
 // Raw frames of the protocol's EtherType as they cross the manager's
