@@ -115,4 +115,50 @@ class HostileTraffic {
     size_t next_op_ = 0, next_text_ = 0;
 };
 
+// What a flood sent, by path and kind, and the discoveries asked again.
+struct Counts {
+    long raw = 0, udp = 0, enciphered = 0, foreign = 0, empty = 0, max_size = 0, unanswered = 0;
+    long kinds[HostileTraffic::kKinds] = {};
+    long total() const { return raw + udp; }
+};
+
+// Both discoveries answered. A raw frame that arrives with a datagram at the
+// same wake-up is dropped (only the datagram is served): UDP first, and one
+// lost all the same is asked again.
+inline bool discovered(Client &raw, Client &udp, Counts &n) {
+    bool ok = true;
+    for (Client *c : {&udp, &raw}) {
+        auto r = c->request(tav::kOpDiscovery, {}, 2s, 1);
+        for (auto window : {10s, 20s, 60s}) {
+            if (r && r->size() == 1) break;
+            ++n.unanswered, r = c->request(tav::kOpDiscovery, {}, window, 1);
+        }
+        ok = ok && r && r->size() == 1;
+        c->receive_all(0ms);  // replies to the flood itself: not kept
+    }
+    return ok;
+}
+
+// One burst (paced by a discovery on each path after it): foreign bytes and malformed plaintexts over both paths, then a
+// zero-length datagram and the largest datagram and frame.
+inline void burst(HostileTraffic &gen, Client &raw, Client &udp, Counts &n) {
+    for (int i = 0; i < 100; ++i) {
+        const bool via_udp = gen.coin();
+        Client &c = via_udp ? udp : raw;
+        bool ok;
+        if (gen.pick(0, 9) < 5) {
+            ok = bool(c.transport().send(gen.foreign(via_udp ? 1472 : 1500)));
+            n.foreign += ok;
+        } else {
+            const auto kind = HostileTraffic::Kind(gen.pick(0, HostileTraffic::kKinds - 1));
+            ok = bool(c.send_plaintext(gen.plaintext(kind, gen.coin())));
+            n.enciphered += ok, n.kinds[kind] += ok;
+        }
+        (via_udp ? n.udp : n.raw) += ok;
+    }
+    if (udp.transport().send({})) ++n.udp, ++n.empty;
+    if (udp.transport().send(gen.random_bytes(65507))) ++n.udp, ++n.max_size;
+    if (raw.transport().send(gen.random_bytes(1500))) ++n.raw, ++n.max_size;
+}
+
 }  // namespace e2e
