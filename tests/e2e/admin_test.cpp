@@ -30,11 +30,8 @@ TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
     } cases[] = {
         {0xA4, account + wrong_creds(), 0x40},
         {0xA4, text(50, "Q===") + text(51, "QUJD") + creds(), 1001},
-        {0xA4, text(50, "QUJD") + text(51, "QUJDQUJ") + creds(), 1011},
         {0xAA, tlv(55, name80()) + text(56, "admin"), 0x40},  // the user name takes all 80 bytes
-        {0xAB, wrong_creds(), 0x40},
         {0xD4, u8(39, 0) + text(40, "new") + u8(44, 1) + creds(), 0x40},
-        {0xE1, u8(25, 1) + u8(12, 1) + creds(), 0x40},
         {0xE3, u8(31, 0) + text(10, "x") + wrong_creds(), 0x40},
         {0xE5, u8(300, 1) + text(36, "127.0.0.1") + creds(), 105},
     };
@@ -119,16 +116,10 @@ TEST_F(Reset, ResetsRunAfterTheirDelayAndKeepWhatTheyShould) {
 
 E2E_SUITE(Settings, "set", 1, "");
 
-// SNMP, IPv4, device information, clock and daylight saving: each accepted
-// request leaves its keys, commits, runs its services (the clock through the
-// `date` stub) and prints each refusal it met; discovery shows the result.
+// SNMP and clock: each request leaves its keys, commits, runs its services
+// (the clock through the `date` stub) and prints each refusal it met. (IPv4,
+// the web port, values cut, looked up or composed: the unit tests.)
 TEST_F(Settings, SetRequestsWriteCommitAndRunTheirServices) {
-    const std::string c29(29, 'c'), kept = " 198.51.100.7 255.255.255.128 198.51.100.1";
-    const Lines snmp{"submit COMMIT", "submit SNMP"}, wan{"submit COMMIT", "submit WAN", "submit WLAN"},
-        time{"submit COMMIT", "submit TIME", "submit CAPTIVAL_PORTAL"};
-    const std::initializer_list<const char *> snmp_keys{"/sys/snmpd/status", "/sys/snmpd/rocomm", "/sys/snmpd/rwcomm"},
-        wan_keys{"/wan/rg/inf:1/mode", "/wan/rg/inf:1/static/ip", "/wan/rg/inf:1/static/netmask", "/wan/rg/inf:1/static/gateway"},
-        time_keys{"/time/syncwith", "/time/ntpserver/ip", "/time/timezone", "/time/daylightSaving", "/tavclient/time_changed"};
     const struct {
         uint16_t op;
         Bytes body;
@@ -137,45 +128,29 @@ TEST_F(Settings, SetRequestsWriteCommitAndRunTheirServices) {
         Lines commands;
         std::initializer_list<const char *> keys;
         std::string values;
-        uint8_t tav_mode;
-        const char *name;
-        uint16_t port;
     } cases[] = {
-        {0xD4, u8(39, 1) + text(40, c29) + text(41, "rw-1"), 0, "393=00000000\n394=00000014\n395=00000000\n", "", snmp,
-         snmp_keys, "1 " + c29 + " rw-1", 0, "AP-Lab-1", 80},
         {0xD4, u8(39, 3) + text(40, "a") + text(41, "b"), 2002, "393=00000000\n394=00000014\n395=06000000\n",
-         "error:Can't delete read only community\nerror:Can't delete read-write community\n", snmp, snmp_keys,
-         "1 " + c29 + " rw-1", 0, "AP-Lab-1", 80},
-        {0xE1, u8(25, 0) + tlv(15, {198, 51, 100, 7}) + tlv(17, {255, 255, 255, 128}) + tlv(18, {198, 51, 100, 1}) + u8(12, 0),
-         0, "388=00\n", "", wan, wan_keys, "1" + kept, 2, "AP-Lab-1", 80},
-        {0xE1, u8(25, 1) + tlv(15, {10, 0, 0, 1}), 0, "388=00\n", "", wan, wan_keys, "2" + kept, 2, "AP-Lab-1", 80},
-        {0xE3, u8(31, 0) + text(10, "AP-Office"), 0, "388=00\n", "", {"submit COMMIT"}, {}, "", 2, "AP-Office", 80},
-        {0xE3, u8(31, 1) + be16(32, 8080), 0, "388=00\n", "", {"submit COMMIT", "submit HTTPD"}, {}, "", 2, "AP-Office", 8080},
+         "error:Can't delete read only community\nerror:Can't delete read-write community\n",
+         {"submit COMMIT", "submit SNMP"}, {"/sys/snmpd/status", "/sys/snmpd/rocomm"}, "1 public"},
         {0xE5, u8(35, 0) + text(36, "pool.example.org") + u8(37, 0) + be16(303, 7) + text(301, "20270102030405") +
              u8(306, 1) + u8(307, 2) + be16(311, 2027),
-         0, "393=00000000\n394=00004e20\n", "Sat Jan  2 03:04:05 UTC 2027\n", {"date -s '2027-01-02 03:04:05'", "submit COMMIT", "submit TIME", "submit CAPTIVAL_PORTAL"},
-         time_keys, "0 pool.example.org 8 1 1", 2, "AP-Office", 8080},
-        {0xE5, u8(300, 1) + u8(310, 0) + u8(35, 0) + text(36, "other") + text(301, "20300101000000"), 0,
-         "393=00000000\n394=00004e20\n", "", time, time_keys, "0 pool.example.org 8 0 1", 2, "AP-Office", 8080},
+         0, "393=00000000\n394=00004e20\n", "Sat Jan  2 03:04:05 UTC 2027\n",
+         {"date -s '2027-01-02 03:04:05'", "submit COMMIT", "submit TIME", "submit CAPTIVAL_PORTAL"},
+         {"/time/syncwith", "/time/ntpserver/ip", "/time/timezone", "/time/daylightSaving", "/tavclient/time_changed"},
+         "0 pool.example.org 8 1 1"},
     };
     Client mgr = lab().raw();
     for (const auto &c : cases) {
         SCOPED_TRACE(format_op_code(c.op) + " " + c.values);
         Events ev(lab(), 1);
         auto out = output(lab(), 1);
-        auto r = send_body(mgr, c.op, u8(54, 2) + c.body + creds());
-        ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(c.result, c.reply));
+        Message r = ask_body(mgr, c.op, u8(54, 2) + c.body + creds());
+        EXPECT_EQ(std::tuple(r.result(), listing(r.tlvs)), std::tuple(c.result, c.reply));
         EXPECT_EQ(ev.wait(c.commands.size()), c.commands);
         EXPECT_TRUE(until([&] { return out() == c.printed; }, kLong)) << out();
         EXPECT_EQ(values(lab(), c.keys), c.values);
-        auto d = mgr.request_one(tav::kOpDiscovery, {}, kLong);
-        ASSERT_TRUE(d);
-        EXPECT_EQ(std::tuple(d->u8(tav::kTagTavMode), d->text(tav::kTagSystemName), d->u16(tav::kTagWebPort)),
-                  std::tuple(std::optional<uint8_t>(c.tav_mode), std::optional<std::string>(c.name),
-                             std::optional<uint16_t>(c.port)));
     }
-    EXPECT_EQ(send_body(mgr, tav::kOpGetDateTime, {})->text(tav::kTagDateTime), "20270102030405");
+    EXPECT_EQ(ask_body(mgr, tav::kOpGetDateTime, {}).text(tav::kTagDateTime), "20270102030405");
 }
 
 }  // namespace

@@ -34,15 +34,14 @@ using tav::client::Message;
 using tav::client::TlvList;
 using namespace testbytes;
 using Lines = std::vector<std::string>;
+using Keys = std::vector<std::pair<std::string, std::string>>;
 
 // Lab addresses (see lab/README.md).
 inline constexpr Mac kMgrMac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xfe};
 inline constexpr Ipv4 kMgrIp{192, 0, 2, 1};
 inline Mac ap_mac(int n) { return {0x02, 0x7a, 0x76, 0x00, 0x00, uint8_t(n)}; }
 inline Ipv4 ap_ip(int n) { return {192, 0, 2, uint8_t(10 + n)}; }
-inline std::string cipher_path(const std::string &name = "TAV_Auth.so") {
-    return std::string(E2E_BUILD_DIR) + "/sim/cipher/" + name;
-}
+inline std::string cipher_path(const std::string &name = "TAV_Auth.so") { return E2E_BUILD_DIR "/sim/cipher/" + name; }
 
 // Runs its action when the scope ends, also after a failed assertion.
 struct Finally {
@@ -117,8 +116,7 @@ class Lab {
     std::string db_get(int ap, const std::string &key) const {
         Sh r = on_ap(ap, "rgdb -g " + quote(key));
         EXPECT_EQ(r.status, 0) << r.out;
-        if (!r.out.empty() && r.out.back() == '\n') r.out.pop_back();  // rgdb adds one
-        return r.out;
+        return r.out.ends_with('\n') ? r.out.substr(0, r.out.size() - 1) : r.out;  // rgdb adds one
     }
     bool db_set(int ap, const std::string &key, const std::string &value) const {
         Sh r = on_ap(ap, "rgdb -s " + quote(key) + " " + quote(value));
@@ -146,24 +144,31 @@ class Lab {
     std::string instance_;
 };
 
+// What a file of an access point's run directory gained since mark() (all of
+// it after a restart).
+class Tail {
+  public:
+    Tail(const Lab &lab, int ap, const std::string &name) : path_(lab.run_file(ap, name)) { mark(); }
+    void mark() { start_ = slurp(path_).size(); }
+    std::string operator()() const {
+        const std::string all = slurp(path_);
+        return all.size() >= start_ ? all.substr(start_) : all;
+    }
+
+  private:
+    std::string path_;
+    size_t start_ = 0;
+};
 // What the daemon of one access point writes to standard output from now on.
-inline std::function<std::string()> output(const Lab &lab, int ap) {
-    const std::string path = lab.run_file(ap, "tavc.out");
-    return [path, start = slurp(path).size()] {
-        const std::string all = slurp(path);
-        return all.size() >= start ? all.substr(start) : all;  // restarted: all is new
-    };
-}
+inline std::function<std::string()> output(const Lab &lab, int ap) { return Tail(lab, ap, "tavc.out"); }
 
 // The stub commands an access point ran since mark(), without their times
 // and without the tests' own database reads, writes and loads.
-class Events {
-  public:
-    Events(const Lab &lab, int ap) : path_(lab.run_file(ap, "events.log")) { mark(); }
-    void mark() { start_ = slurp(path_).size(); }
+struct Events : Tail {
+    Events(const Lab &lab, int ap) : Tail(lab, ap, "events.log") {}
     Lines lines() const {
         Lines out;
-        const std::string all = slurp(path_), s = all.size() >= start_ ? all.substr(start_) : all;
+        const std::string s = (*this)();
         for (size_t at = 0, nl; (nl = s.find('\n', at)) != std::string::npos; at = nl + 1) {
             const std::string line = s.substr(at, nl - at);
             if (!line.starts_with("rgdb -g ") && !line.starts_with("rgdb -s ") && !line.starts_with("rgdb -l "))
@@ -176,10 +181,6 @@ class Events {
         until([&] { return lines().size() >= n; }, kLong);
         return lines();
     }
-
-  private:
-    std::string path_;
-    size_t start_ = 0;
 };
 
 // Raw frames of the protocol's EtherType as they cross the manager's
@@ -205,9 +206,7 @@ class FrameTap {
         if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0)
             ADD_FAILURE() << "no frame tap in " << netns;
     }
-    ~FrameTap() {
-        if (fd_ >= 0) ::close(fd_);
-    }
+    ~FrameTap() { fd_ >= 0 && ::close(fd_); }
     FrameTap(const FrameTap &) = delete;
 
     // The next frame that satisfies `pred` within `window`.
@@ -291,13 +290,16 @@ inline std::string listing(const TlvList &tlvs) {
 inline std::optional<Message> send_body(Client &c, uint16_t op, const Bytes &body, std::chrono::milliseconds wait = kLong) {
     const tav::Header h = request_header(c.ipv4(), op, c.next_sequence());
     c.set_sequence(uint16_t(h.sequence + 1));
-    if (!c.send_plaintext(plaintext(h, body))) return std::nullopt;
-    auto got = c.collect(h.sequence, op, wait, 1);
+    auto got = c.send_plaintext(plaintext(h, body)) ? c.collect(h.sequence, op, wait, 1) : std::vector<Message>{};
     return got.empty() ? std::nullopt : std::optional(got[0]);
 }
-inline Bytes creds(const std::string &user = "admin", const std::string &pw = "admin") {
-    return text(55, user) + text(56, pw);
+// The same, where a reply must come: an empty message (and a failure) without one.
+inline Message ask_body(Client &c, uint16_t op, const Bytes &body) {
+    auto m = send_body(c, op, body);
+    if (!m) ADD_FAILURE() << "no reply to op " << op;
+    return m ? *m : Message{};
 }
+inline Bytes creds(const std::string &user = "admin", const std::string &pw = "admin") { return text(55, user) + text(56, pw); }
 inline Bytes wrong_creds() { return creds("admin", "wrong"); }
 
 // The daemon's pid inside its access point, or 0.

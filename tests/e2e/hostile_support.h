@@ -1,9 +1,7 @@
-// Shared by the hostile-input and fault suites: which daemon build the lab
-// runs, the daemon's memory and children as seen inside its access point,
-// and a generator of malformed traffic.
+// Shared by the hostile-input, fault, security and valgrind suites: which
+// daemon build the lab runs, the daemon's memory and children as seen inside
+// its access point, and a generator of malformed traffic.
 #pragma once
-
-#include <unistd.h>
 
 #include <random>
 
@@ -13,48 +11,36 @@
 namespace e2e {
 
 // The release build when it holds a daemon and the lab's stand-ins, else this
-// build: the suites check the binary that ships. A sanitized build (the asan preset) runs its own daemon instead: there the
-// point is what the sanitizers see under the same traffic.
+// build: the suites check the binary that ships. A sanitized build (the asan
+// preset) runs its own daemon: there the point is what the sanitizers see.
 #ifdef E2E_SANITIZED
 inline constexpr bool kSanitized = true;
 #else
 inline constexpr bool kSanitized = false;
 #endif
 inline std::string daemon_build() {
-#ifdef E2E_SANITIZED
-    return E2E_BUILD_DIR;
-#endif
     const std::string rel = E2E_RELEASE_DIR;
     for (const char *f : {"/tavc/tavc", "/sim/xmldb/xmldb", "/sim/rgdb/rgdb", "/sim/cipher/TAV_Auth.so"})
-        if (access((rel + f).c_str(), R_OK) != 0) return E2E_BUILD_DIR;
+        if (kSanitized || access((rel + f).c_str(), R_OK) != 0) return E2E_BUILD_DIR;
     return rel;
 }
 
 // Private dirty memory of the daemon in kB (smaps_rollup), or -1.
-inline long private_dirty_kb(const Lab &lab, int ap = 1) {
-    Sh r = lab.on_ap(ap, "awk '/^Private_Dirty:/ {print $2}' /proc/$(cat /var/run/tavc.pid)/smaps_rollup");
+inline long private_dirty_kb(const Lab &lab) {
+    Sh r = lab.on_ap(1, "awk '/^Private_Dirty:/ {print $2}' /proc/$(cat /var/run/tavc.pid)/smaps_rollup");
     return r.status == 0 && !r.out.empty() ? std::atol(r.out.c_str()) : -1;
 }
-
-// Pids of the daemon's children (inside its access point) whose stat fields
-// after the name ($1 state, $2 parent) satisfy an awk condition.
+// Pids of the daemon's children whose stat fields after the name ($1 state,
+// $2 parent) satisfy an awk condition.
 inline std::string daemon_children_cmd(const std::string &cond = "1") {
     return "p=$(cat /var/run/tavc.pid); cat /proc/[0-9]*/stat 2>/dev/null | "
-           "awk -v p=\"$p\" '{ pid = $1; sub(/^.*\\) /, \"\"); if ($2 == p && (" +
-           cond + ")) print pid }'";
+           "awk -v p=\"$p\" '{ pid = $1; sub(/^.*\\) /, \"\"); if ($2 == p && (" + cond + ")) print pid }'";
 }
-
-inline std::string daemon_zombies(const Lab &lab, int ap = 1) {
-    return lab.on_ap(ap, daemon_children_cmd("$1 == \"Z\"")).out;
-}
-
-inline int daemon_children(const Lab &lab, int ap = 1) {
-    Sh r = lab.on_ap(ap, daemon_children_cmd() + " | wc -l");
-    return std::atoi(r.out.c_str());
-}
+inline std::string daemon_zombies(const Lab &lab) { return lab.on_ap(1, daemon_children_cmd("$1 == \"Z\"")).out; }
+inline int daemon_children(const Lab &lab) { return std::atoi(lab.on_ap(1, daemon_children_cmd() + " | wc -l").out.c_str()); }
 
 // Malformed and hostile messages, reproducible from a seed. Plaintexts go
-// through the cipher (they reach the dispatcher); raw payloads do not (they
+// through the cipher (they reach the dispatcher); foreign bytes do not (they
 // stop at the decipherer).
 class HostileTraffic {
   public:
@@ -62,78 +48,53 @@ class HostileTraffic {
         for (const auto &t : tav::kTags)
             if (t.kind == tav::TagKind::kText) text_tags_.push_back(t.tag);
     }
-
     enum Kind { kTruncatedHeader, kLengthLie, kTlvPastBody, kLongText, kMutated, kRandomType, kKinds };
-    static const char *name(int k) {
-        static const char *const n[] = {"truncated header", "body_length lie", "TLV past the body",
-                                        "over-long text", "mutated request", "random type"};
-        return n[k];
-    }
+    static constexpr const char *kNames[] = {"truncated header", "body_length lie", "TLV past the body",
+                                             "over-long text", "mutated request", "random type"};
+    static constexpr const char *kWrongPassword = "hostile-not-the-password";
 
     Bytes plaintext(Kind k, bool ipv4) {
-        const uint16_t op = next_op();
+        const uint16_t op = tav::kOpCodes[next_op_++ % tav::kOpCodes.size()].code;
+        const size_t hl = ipv4 ? tav::kIpv4HeaderLen : tav::kL2HeaderLen;
+        TlvList tlvs = tav::requests::lead("admin", kWrongPassword);
+        if (k == kLongText)  // texts that would matter if they reached a shell or a format
+            tlvs.push_back(tav::client::tlv_text(text_tags_[next_text_++ % text_tags_.size()],
+                                                 filler(pick(65, tav::kMaxPlainLen - hl - 5))));
+        else
+            for (auto &r : tav::requests::tags_of(op, "request")) tlvs.push_back(r);
+        Bytes b = tav::client::build_request(ipv4, 0x4854, op, ipv4 ? tav::kZeroMac : tav::kBroadcastMac, {}, tlvs);
+        const uint16_t real = uint16_t(b.size() - hl);
         switch (k) {
-            case kTruncatedHeader: {
-                Bytes b = request(ipv4, op, {});
-                b.resize(pick(2, b.size() - 1));
-                return b;
-            }
+            case kTruncatedHeader: b.resize(pick(2, hl - 1)); break;
             case kLengthLie: {
-                Bytes b = request(ipv4, op, tav::requests::tags_of(op, "request"));
-                const size_t hl = ipv4 ? tav::kIpv4HeaderLen : tav::kL2HeaderLen;
-                const uint16_t real = uint16_t(b.size() - hl);
                 uint16_t lie = coin() ? uint16_t(real + pick(1, 0xFFFF - real)) : uint16_t(pick(0, real));
-                if (lie == real) lie = uint16_t(real + 1);
-                tav::put_be16(b.data() + hl - 2, lie);
-                return b;
+                tav::put_be16(b.data() + hl - 2, lie == real ? real + 1 : lie);
+                break;
             }
-            case kTlvPastBody: {
-                TlvList tlvs = tav::requests::tags_of(op, "request");
-                Bytes b = request(ipv4, op, tlvs);
-                // The last record claims more than is left (or the header is cut).
-                const uint16_t tag = tlvs.empty() ? uint16_t(pick(0, 0xFFFF)) : tlvs.back().tag;
-                Bytes tail{uint8_t(tag >> 8), uint8_t(tag), 0, 0, 'x', 'y'};
+            case kTlvPastBody: {  // a last record that claims more than is left (or a cut record header)
+                Bytes tail{uint8_t(pick(0, 255)), uint8_t(pick(0, 255)), 0, 0, 'x', 'y'};
                 tav::put_be16(tail.data() + 2, uint16_t(pick(3, 0xFFFF)));
-                tail.resize(pick(1, tail.size()));
-                return with_body_appended(b, ipv4, tail);
+                b.insert(b.end(), tail.begin(), tail.begin() + pick(1, tail.size()));
+                tav::put_be16(b.data() + hl - 2, uint16_t(b.size() - hl));
+                break;
             }
-            case kLongText: {
-                const uint16_t tag = text_tags_[next_text_++ % text_tags_.size()];
-                const size_t hl = ipv4 ? tav::kIpv4HeaderLen : tav::kL2HeaderLen;
-                std::string s = filler(pick(65, tav::kMaxPlainLen - hl - 4 - 1));
-                TlvList tlvs = tav::requests::lead("admin", kWrongPassword);
-                tlvs.push_back(tav::client::tlv_text(tag, s));
-                Bytes b = request(ipv4, op, tlvs);
-                if (b.size() > tav::kMaxPlainLen) b.resize(tav::kMaxPlainLen);  // body_length now lies too
-                return b;
-            }
-            case kMutated: {
-                TlvList tlvs = tav::requests::lead("admin", kWrongPassword);
-                for (auto &r : tav::requests::tags_of(op, "request")) tlvs.push_back(r);
-                Bytes b = request(ipv4, op, tlvs);
+            case kLongText: b.resize(std::min(b.size(), tav::kMaxPlainLen)); break;  // body_length may lie too
+            case kMutated:
                 for (int n = int(pick(1, 8)); n > 0; --n) b[pick(0, b.size() - 1)] = uint8_t(pick(0, 255));
-                return b;
-            }
-            case kRandomType:
-            case kKinds: break;
+                break;
+            default: return random_bytes(pick(2, 64));
         }
-        return random_bytes(pick(2, 64));
+        return b;
     }
-
+    Bytes any_plaintext() { return plaintext(Kind(pick(0, kKinds - 1)), coin()); }
     // Bytes that do not decipher: random, or another protocol's packet.
     Bytes foreign(size_t max) {
-        static const Bytes kArp = {0x00, 0x01, 0x08, 0x00, 0x06, 0x04, 0x00, 0x01, 0x02, 0x7a,
-                                   0x76, 0x00, 0x00, 0xfe, 192, 0, 2, 1, 0, 0, 0, 0, 0, 0, 192, 0, 2, 11};
+        static const Bytes kArp = {0, 1, 8, 0, 6, 4, 0, 1, 2, 0x7a, 0x76, 0, 0, 0xfe, 192, 0, 2, 1, 0, 0, 0, 0, 0, 0, 192, 0, 2, 11};
         static const Bytes kIpv4Udp = {0x45, 0, 0, 28, 0, 0, 0x40, 0, 64, 17, 0, 0, 192, 0, 2, 1,
                                        192, 0, 2, 11, 0x9c, 0x40, 0xf6, 0x00, 0, 8, 0, 0};
-        switch (pick(0, 3)) {
-            case 0: return kArp;
-            case 1: return kIpv4Udp;
-            default: return random_bytes(pick(0, max));
-        }
+        const size_t k = pick(0, 3);
+        return k == 0 ? kArp : k == 1 ? kIpv4Udp : random_bytes(pick(0, max));
     }
-
-    static constexpr const char *kWrongPassword = "hostile-not-the-password";
     size_t pick(size_t lo, size_t hi) { return std::uniform_int_distribution<size_t>(lo, hi)(rng_); }
     bool coin() { return pick(0, 1) == 1; }
     Bytes random_bytes(size_t n) {
@@ -143,29 +104,61 @@ class HostileTraffic {
     }
 
   private:
-    uint16_t next_op() { return tav::kOpCodes[next_op_++ % tav::kOpCodes.size()].code; }
-    static Bytes request(bool ipv4, uint16_t op, const TlvList &tlvs) {
-        return tav::client::build_request(ipv4, 0x4854, op, ipv4 ? tav::kZeroMac : tav::kBroadcastMac,
-                                          {0, 0, 0, 0}, tlvs);
-    }
-    static Bytes with_body_appended(Bytes b, bool ipv4, const Bytes &tail) {
-        const size_t hl = ipv4 ? tav::kIpv4HeaderLen : tav::kL2HeaderLen;
-        b.insert(b.end(), tail.begin(), tail.end());
-        tav::put_be16(b.data() + hl - 2, uint16_t(b.size() - hl));
-        return b;
-    }
-    // Texts that would matter if they reached a shell or a format.
     std::string filler(size_t n) {
         static const char *const kBits[] = {"$(reboot)", "`reboot`", "'", "\"", "%n%s%x", ";reboot;", "\\", "A"};
         std::string s;
         while (s.size() < n) s += kBits[pick(0, std::size(kBits) - 1)];
-        s.resize(n);
-        return s;
+        return s.substr(0, n);
     }
-
     std::mt19937 rng_;
     std::vector<uint16_t> text_tags_;
     size_t next_op_ = 0, next_text_ = 0;
 };
+
+// What a flood sent, by path and kind, and the discoveries asked again.
+struct Counts {
+    long raw = 0, udp = 0, enciphered = 0, foreign = 0, empty = 0, max_size = 0, unanswered = 0;
+    long kinds[HostileTraffic::kKinds] = {};
+    long total() const { return raw + udp; }
+};
+
+// Both discoveries answered. A raw frame that arrives with a datagram at the
+// same wake-up is dropped (only the datagram is served): UDP first, and one
+// lost all the same is asked again.
+inline bool discovered(Client &raw, Client &udp, Counts &n) {
+    bool ok = true;
+    for (Client *c : {&udp, &raw}) {
+        auto r = c->request(tav::kOpDiscovery, {}, 2s, 1);
+        for (auto window : {10s, 20s, 60s}) {
+            if (r && r->size() == 1) break;
+            ++n.unanswered, r = c->request(tav::kOpDiscovery, {}, window, 1);
+        }
+        ok = ok && r && r->size() == 1;
+        c->receive_all(0ms);  // replies to the flood itself: not kept
+    }
+    return ok;
+}
+
+// One burst (paced by a discovery on each path after it): foreign bytes and malformed plaintexts over both paths, then a
+// zero-length datagram and the largest datagram and frame.
+inline void burst(HostileTraffic &gen, Client &raw, Client &udp, Counts &n) {
+    for (int i = 0; i < 100; ++i) {
+        const bool via_udp = gen.coin();
+        Client &c = via_udp ? udp : raw;
+        bool ok;
+        if (gen.pick(0, 9) < 5) {
+            ok = bool(c.transport().send(gen.foreign(via_udp ? 1472 : 1500)));
+            n.foreign += ok;
+        } else {
+            const auto kind = HostileTraffic::Kind(gen.pick(0, HostileTraffic::kKinds - 1));
+            ok = bool(c.send_plaintext(gen.plaintext(kind, gen.coin())));
+            n.enciphered += ok, n.kinds[kind] += ok;
+        }
+        (via_udp ? n.udp : n.raw) += ok;
+    }
+    if (udp.transport().send({})) ++n.udp, ++n.empty;
+    if (udp.transport().send(gen.random_bytes(65507))) ++n.udp, ++n.max_size;
+    if (raw.transport().send(gen.random_bytes(1500))) ++n.raw, ++n.max_size;
+}
 
 }  // namespace e2e

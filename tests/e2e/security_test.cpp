@@ -1,8 +1,7 @@
 // Request texts holding shell and format characters, sent with the right
 // credentials to every op code in every text tag it takes: none may run a
-// command (the marker file stays absent) or upset the daemon; credentials
-// holding such characters compare literally. File names, MAC texts and AP-array
-// actions have suites of their own beside their handlers.
+// command (the marker file stays absent) or upset the daemon. (Credentials
+// compare by exact equality: the unit tests; file names: the upgrade suite.)
 #include <cstdio>
 
 #include "tests/e2e/hostile_support.h"
@@ -56,27 +55,6 @@ TEST_F(Security, ShellAndFormatTextsInEveryTextTagRunNothing) {
     EXPECT_FALSE(lab().on_ap(1, "test -e /var/run/pwned").status == 0) << "a request text ran a command";
     EXPECT_TRUE(udp.request_one(tav::kOpDiscovery, {}, kLong));
     std::printf("security: %d requests with shell and format texts (%d answered), nothing ran\n", sent, answered);
-}
-
-TEST_F(Security, CredentialsWithShellAndFormatCharactersCompareLiterally) {
-    Finally restore([&] { lab().db_set(1, "/sys/user:1/password", "admin"); });
-    Client raw = lab().raw();
-    for (const char *stored : kInjections) {
-        if (std::string_view(stored).find('\n') != std::string_view::npos) continue;  // rgdb takes one line
-        SCOPED_TRACE(stored);
-        ASSERT_TRUE(lab().db_set(1, "/sys/user:1/password", stored));
-        const std::string literal = stored;
-        const struct {
-            std::string given;
-            uint16_t result;
-        } cases[] = {{literal, 0}, {literal + " ", 0x40}, {literal.substr(1), 0x40}, {"admin", 0x40}};
-        for (const auto &c : cases) {
-            auto r = raw.request_one(tav::kOpUserVerification, tav::requests::lead("admin", c.given), kLong);
-            ASSERT_TRUE(r) << r.error();
-            EXPECT_EQ(r->result(), c.result) << "given " << c.given;
-        }
-    }
-    EXPECT_NE(lab().on_ap(1, "test -e /var/run/pwned").status, 0);
 }
 
 }  // namespace
