@@ -27,6 +27,38 @@ using Bytes = std::vector<uint8_t>;
 using Strings = std::vector<std::string>;
 using Handler = int (*)(const uint8_t *, uint16_t, uint8_t *);
 
+namespace fixture {
+
+using namespace testbytes;
+
+// Credentials of the fixture's administrator (tags 55 and 56).
+inline Bytes admin() { return text(55, "admin") + text(56, "secret"); }
+
+// A stored value, "<unset>" when the key is absent.
+inline std::string stored(const std::string &key) { return lrgbin_store::find(key).value_or("<unset>"); }
+inline void put(std::initializer_list<std::pair<std::string, std::string>> values) {
+    for (const auto &[k, v] : values) lrgbin_store::put(k, v);
+}
+
+// A reply body's records in order (its bytes must parse whole).
+using Tlvs = std::vector<std::pair<uint16_t, Bytes>>;
+inline Tlvs tlvs_of(const Bytes &b) {
+    Tlvs out;
+    tav::ReplyReader rd(b);
+    while (auto t = rd.next()) out.emplace_back(t->tag, Bytes(t->value.begin(), t->value.end()));
+    EXPECT_FALSE(rd.truncated());
+    return out;
+}
+
+// A manager's record: MAC 02:00:00:00:hi:lo.
+inline tav_server sender(uint16_t last) {
+    tav_server s{};
+    s.mac[0] = 0x02, s.mac[4] = uint8_t(last >> 8), s.mac[5] = uint8_t(last);
+    return s;
+}
+
+}  // namespace fixture
+
 class Engine : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -34,8 +66,7 @@ class Engine : public ::testing::Test {
         tavc_record::clear();
         ASSERT_EQ(init_buff(), 0);
         init_time_zone_table();
-        lrgbin_store::put("/sys/user:1/name", "admin");
-        lrgbin_store::put("/sys/user:1/password", "secret");
+        fixture::put({{"/sys/user:1/name", "admin"}, {"/sys/user:1/password", "secret"}});
         testing::internal::CaptureStdout();
     }
     void TearDown() override {
@@ -80,32 +111,3 @@ class Engine : public ::testing::Test {
     tav_server from_{};
     uint8_t reply_[kReplyBodySize + 2] = {};
 };
-
-namespace fixture {
-
-using namespace testbytes;
-
-// Credentials of the fixture's administrator (tags 55 and 56).
-inline Bytes admin() { return text(55, "admin") + text(56, "secret"); }
-
-// A stored value, "<unset>" when the key is absent.
-inline std::string stored(const std::string &key) { return lrgbin_store::find(key).value_or("<unset>"); }
-
-// A reply body's records in order (its bytes must parse whole).
-using Tlvs = std::vector<std::pair<uint16_t, Bytes>>;
-inline Tlvs tlvs_of(const Bytes &b) {
-    Tlvs out;
-    tav::ReplyReader rd(b);
-    while (auto t = rd.next()) out.emplace_back(t->tag, Bytes(t->value.begin(), t->value.end()));
-    EXPECT_FALSE(rd.truncated());
-    return out;
-}
-
-// A manager's record: MAC 02:00:00:00:hi:lo.
-inline tav_server sender(uint16_t last) {
-    tav_server s{};
-    s.mac[0] = 0x02, s.mac[4] = uint8_t(last >> 8), s.mac[5] = uint8_t(last);
-    return s;
-}
-
-}  // namespace fixture

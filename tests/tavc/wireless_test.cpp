@@ -16,26 +16,17 @@ namespace {
 struct Wireless : Engine {
     void SetUp() override {
         Engine::SetUp();
-        for (int band = 1; band <= 2; ++band) {
-            lrgbin_store::put("/wlan/inf:" + std::to_string(band) + "/ap_mode", "0");
-            lrgbin_store::put("/wlan/inf:" + std::to_string(band) + "/multi/state", "1");
-        }
-        for (auto [entry, index, code] : {std::tuple{"1", "82", "276"}, {"2", "233", "826"}}) {
-            const std::string e = std::string("/runtime/countrydomaintable:") + entry;
-            lrgbin_store::put(e + "/seq", entry), lrgbin_store::put(e + "/index", index);
-            lrgbin_store::put(e + "/code", code);
-        }
-        lrgbin_store::put("/runtime/layout/countrycode", "276");
+        const std::string t = "/runtime/countrydomaintable:";
+        put({{"/wlan/inf:1/ap_mode", "0"}, {"/wlan/inf:2/ap_mode", "0"}, {"/wlan/inf:1/multi/state", "1"},
+             {"/wlan/inf:2/multi/state", "1"}, {t + "1/seq", "1"}, {t + "1/index", "82"}, {t + "1/code", "276"},
+             {t + "2/seq", "2"}, {t + "2/index", "233"}, {t + "2/code", "826"}, {"/runtime/layout/countrycode", "276"}});
     }
 };
 
 // Written with each protocol code, read back, and the credential the reply
 // carries for it.
 TEST_F(Wireless, AuthenticationCodesAreABijectionWithTheirCredentials) {
-    const struct {
-        uint8_t code, stored;
-        std::vector<uint16_t> credential_tags;
-    } rows[] = {
+    const struct { uint8_t code, stored; std::vector<uint16_t> credential_tags; } rows[] = {
         {0, 0, {}},           {1, 3, {931}},        {2, 2, {932, 933, 934}},
         {3, 5, {931}},        {4, 4, {932, 933, 934}}, {5, 15, {}},
         {6, 16, {}},          {7, 9, {932, 933, 934}}, {8, 7, {931}},
@@ -45,14 +36,12 @@ TEST_F(Wireless, AuthenticationCodesAreABijectionWithTheirCredentials) {
     for (const auto &row : rows) {
         SCOPED_TRACE(int(row.code));
         lrgbin_store::clear();
-        lrgbin_store::put("/wlan/inf:1/ap_mode", "0");
-        lrgbin_store::put("/wlan/inf:2/ap_mode", "1");
-        ASSERT_EQ(set_auth_type(1, 0, row.code), 0);
-        ASSERT_EQ(set_auth_type(1, 5, row.code), 0);
-        EXPECT_EQ(stored("/wlan/inf:1/authentication"), std::to_string(row.stored));
-        EXPECT_EQ(stored("/wlan/inf:1/multi/index:5/auth"), std::to_string(row.stored));
-        EXPECT_EQ(get_auth_type(1, 0), row.code);
-        EXPECT_EQ(get_auth_type(1, 5), row.code);
+        put({{"/wlan/inf:1/ap_mode", "0"}, {"/wlan/inf:2/ap_mode", "1"}});
+        ASSERT_EQ(std::tuple(set_auth_type(1, 0, row.code), set_auth_type(1, 5, row.code)), std::tuple(0, 0));
+        const std::string want = std::to_string(row.stored);
+        EXPECT_EQ(std::tuple(stored("/wlan/inf:1/authentication"), stored("/wlan/inf:1/multi/index:5/auth")),
+                  std::tuple(want, want));
+        EXPECT_EQ(std::tuple(get_auth_type(1, 0), get_auth_type(1, 5)), std::tuple(row.code, row.code));
         ASSERT_EQ(call(tav_get_ssid_list, tav::kOpGetSsidList, {}), 0);
         std::vector<uint16_t> tags;  // of SSID 0: between 930 and 935
         bool in = false;
@@ -85,14 +74,11 @@ TEST(WirelessModes, StoredPerBandAndReadBack) {
         EXPECT_EQ(wireless::stored_mode(2, code), want.second) << code;
         EXPECT_EQ(wireless::stored_mode(7, code), want.second) << "any other band reads as band 2";
     }
-    const int band1[] = {8, 14, 6, 8, 32, 8, 8};  // stored 0..6
-    const int band2[] = {8, 9, 1, 8, 25, 32, 8};
-    for (int stored = 0; stored <= 6; ++stored) {
-        EXPECT_EQ(wireless::mode_code_of(1, stored), band1[stored]) << stored;
-        EXPECT_EQ(wireless::mode_code_of(2, stored), band2[stored]) << stored;
-    }
-    EXPECT_EQ(wireless::supported_modes(1), 46);
-    EXPECT_EQ(wireless::supported_modes(2), 57);
+    const int band1[] = {8, 14, 6, 8, 32, 8, 8}, band2[] = {8, 9, 1, 8, 25, 32, 8};  // stored 0..6
+    for (int stored = 0; stored <= 6; ++stored)
+        EXPECT_EQ(std::tuple(wireless::mode_code_of(1, stored), wireless::mode_code_of(2, stored)),
+                  std::tuple(band1[stored], band2[stored])) << stored;
+    EXPECT_EQ(std::tuple(wireless::supported_modes(1), wireless::supported_modes(2)), std::tuple(46, 57));
 }
 
 TEST_F(Wireless, LockedCountriesReportTheirFixedIndex) {
@@ -112,36 +98,22 @@ TEST_F(Wireless, LockedCountriesReportTheirFixedIndex) {
 
 // The same record applied to the primary SSID and to an additional one.
 TEST_F(Wireless, SsidRecordWritesTheKeysOfItsForm) {
-    ssid_info rec{};
-    rec.band = 2;
-    rec.auth_type = 4;
-    rec.radius_address_type = 1;
-    std::strcpy(rec.ssid_name, "Corp");
-    std::strcpy(rec.radius_address, "198.51.100.7");
-    std::strcpy(rec.radius_secret, "s3cret");
-    rec.ssid_status = 5;
-    rec.has_radius_address = true;
-    rec.has_vlan_id = true;
-    rec.vlan_id[0] = 0x10, rec.vlan_id[1] = 0x00;  // 4096
+    ssid_info rec{.ssid_index = 0, .ssid_name = "Corp", .band = 2, .auth_type = 4, .passphrase = "",
+                  .radius_address_type = 1, .radius_address = "198.51.100.7", .radius_secret = "s3cret",
+                  .vlan_id = {0x10, 0x00}, .ssid_status = 5, .has_vlan_id = true, .has_passphrase = false,
+                  .has_radius_address = true};  // VLAN 4096
     lrgbin_store::put("/wlan/inf:2/multi/state", "0");
     for (uint8_t index : {0, 3}) {
         rec.ssid_index = index;
         ASSERT_EQ(set_ssid_info(rec), 0);
     }
     const std::map<std::string, std::string> want{
-        {"/wlan/inf:2/ssid", "Corp"},
-        {"/wlan/inf:2/vlan_id", "4096"},
-        {"/wlan/inf:2/authentication", "4"},
-        {"/wlan/inf:2/wpa/wepmode", "4"},
-        {"/wlan/inf:2/wpa/radiusserver", "198.51.100.7"},
-        {"/wlan/inf:2/wpa/radiussecret", "s3cret"},
-        {"/wlan/inf:2/multi/state", "1"},
-        {"/wlan/inf:2/multi/index:3/state", "5"},
-        {"/wlan/inf:2/multi/index:3/ssid", "Corp"},
-        {"/wlan/inf:2/multi/index:3/vlan_id", "4096"},
-        {"/wlan/inf:2/multi/index:3/auth", "4"},
-        {"/wlan/inf:2/multi/index:3/cipher", "4"},
-        {"/wlan/inf:2/multi/index:3/radius_server", "198.51.100.7"},
+        {"/wlan/inf:2/ssid", "Corp"}, {"/wlan/inf:2/vlan_id", "4096"}, {"/wlan/inf:2/authentication", "4"},
+        {"/wlan/inf:2/wpa/wepmode", "4"}, {"/wlan/inf:2/wpa/radiusserver", "198.51.100.7"},
+        {"/wlan/inf:2/wpa/radiussecret", "s3cret"}, {"/wlan/inf:2/multi/state", "1"},
+        {"/wlan/inf:2/multi/index:3/state", "5"}, {"/wlan/inf:2/multi/index:3/ssid", "Corp"},
+        {"/wlan/inf:2/multi/index:3/vlan_id", "4096"}, {"/wlan/inf:2/multi/index:3/auth", "4"},
+        {"/wlan/inf:2/multi/index:3/cipher", "4"}, {"/wlan/inf:2/multi/index:3/radius_server", "198.51.100.7"},
         {"/wlan/inf:2/multi/index:3/radius_secret", "s3cret"},
     };
     std::map<std::string, std::string> got;
@@ -154,10 +126,9 @@ TEST_F(Wireless, SsidRecordWritesTheKeysOfItsForm) {
     std::strcpy(rec.ssid_name, "Other");
     rec.auth_type = 0;
     EXPECT_EQ(set_ssid_info(rec), 65535);
-    EXPECT_EQ(stored("/wlan/inf:2/multi/index:3/ssid"), "Other");
-    EXPECT_EQ(stored("/wlan/inf:2/multi/index:3/auth"), "4");
-    EXPECT_EQ(set_vlan_id(1, 1, 4096), 0);
-    EXPECT_EQ(set_vlan_id(1, 1, 4097), -1);
+    EXPECT_EQ(std::tuple(stored("/wlan/inf:2/multi/index:3/ssid"), stored("/wlan/inf:2/multi/index:3/auth")),
+              std::tuple("Other", "4"));
+    EXPECT_EQ(std::tuple(set_vlan_id(1, 1, 4096), set_vlan_id(1, 1, 4097)), std::tuple(0, -1));
 }
 
 // Of 202 groups (more than any accepted request holds) the last finds no
@@ -179,14 +150,11 @@ TEST_F(Wireless, SsidGroupsBeyondEveryAcceptedRequestAreRefused) {
 // Entry n of the domain table names, by its seq, the entry that holds the
 // index and the code.
 TEST_F(Wireless, CountryIsLookedUpThroughSeq) {
-    lrgbin_store::put("/runtime/countrydomaintable:1/seq", "2");
-    lrgbin_store::put("/runtime/countrydomaintable:2/seq", "0");
-    lrgbin_store::put("/runtime/countrydomaintable:2/index", "20");
-    lrgbin_store::put("/runtime/countrydomaintable:2/code", "250");
+    const std::string t = "/runtime/countrydomaintable:";
+    put({{t + "1/seq", "2"}, {t + "2/seq", "0"}, {t + "2/index", "20"}, {t + "2/code", "250"}});
     EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 20)), 0);
-    EXPECT_EQ(stored("/runtime/layout/countrycode"), "250");
-    EXPECT_EQ(stored("/sys/country_name"), "2");
-    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "sleep 5; reboot"}));
+    EXPECT_EQ(std::tuple(stored("/runtime/layout/countrycode"), stored("/sys/country_name")), std::tuple("250", "2"));
+    EXPECT_EQ(commands(), (Strings{"submit COMMIT", "", "sleep 5; reboot"}));
     EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 82)), 218);
     EXPECT_EQ(out(), "set_country_code: Unknown country!\n");
 }
@@ -227,11 +195,7 @@ TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
         lrgbin_store::put(m + std::to_string(i) + "/model", std::string(40, 'm'));
         lrgbin_store::put(m + std::to_string(i) + "/devname", std::string(70, 'd'));
     }
-    const struct {
-        int (*handler)(const uint8_t *, uint16_t, uint8_t *);
-        uint16_t op, group_bytes, opening_tag, closing;
-        Bytes body;
-    } rows[] = {
+    const struct { Handler handler; uint16_t op, group_bytes, opening_tag, closing; Bytes body; } rows[] = {
         {tav_get_client_list, tav::kOpGetClientList, 38 + 62, 14, 0, {}},
         {tav_get_ap_array_device_list, tav::kOpGetApArrayDeviceList, 130, 502, 0xEEEE, u8(943, 3)},
     };
