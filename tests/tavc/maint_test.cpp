@@ -1,7 +1,6 @@
-// Maintenance handlers as the recorder sees them: what the lab cannot show
-// cheaply (walk sizes, odd progress values, commands too long to run, the
-// full-length agent identity) and the composed commands. The lab suites
-// follow the same handlers over the wire.
+// Maintenance handlers as the recorder sees them: what the lab cannot show cheaply (walk sizes,
+// odd progress values, commands too long to run, the full-length agent identity) and the
+// composed commands. The lab suites follow the same handlers over the wire.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,34 +68,31 @@ TEST_F(Maint, AgentProfileCountsSyncVersionsAndWalksBySize) {
     const Bytes odd49 = Bytes{0x00, 0x31, 0x00, 0x02, 0x21, 0x00, 0x30, 0x00, 0x02, 'n', 0};
     ASSERT_EQ(call(tav_set_ag_profile, 0xE6, text(47, "g") + odd49 + admin()), 0);
     EXPECT_EQ(std::tuple(stored("/qm5_agent/keep_alive"), stored("/qm5_agent/nms_server")), std::tuple("33", "n"));
-    Bytes user(65, 0);
-    std::memcpy(user.data(), "admin", 5);
-    EXPECT_EQ(call(tav_set_ag_profile, 0xE6, tlv(55, user + text(56, "secret"))), 0);
+    EXPECT_EQ(call(tav_set_ag_profile, 0xE6, tlv(55, str("admin") + Bytes(60, 0) + text(56, "secret"))), 0);
 }
 
 TEST(ProcFind, MatchesTheFirstArgumentExactly) {
     const std::string name = "maint-test-" + std::to_string(getpid());
     auto start = [](const std::string &argv0) {
         pid_t pid = fork();
-        if (pid == 0) {
-            execl("/bin/sleep", argv0.c_str(), "30", (char *)nullptr);
-            _exit(127);
-        }
+        if (pid == 0) execl("/bin/sleep", argv0.c_str(), "30", (char *)nullptr), _exit(127);
         return pid;
     };
     pid_t exact = start(name), pathed = start("/opt/" + name + "x");
     ASSERT_TRUE(exact > 0 && pathed > 0);
     // exec has happened once /proc shows the new first argument.
     for (int i = 0; i < 200 && proc_find(name.c_str()) != exact; ++i) usleep(5000);
-    EXPECT_EQ(proc_find(name.c_str()), exact);
-    EXPECT_EQ(proc_find((name + "x").c_str()), -1) << "a path in front does not match";
-    EXPECT_EQ(proc_find(name.substr(0, name.size() - 1).c_str()), -1) << "no prefix match";
+    // A path in front does not match, nor does a prefix.
+    EXPECT_EQ(std::tuple(proc_find(name.c_str()), proc_find((name + "x").c_str()),
+                         proc_find(name.substr(0, name.size() - 1).c_str())), std::tuple(exact, -1, -1));
     for (pid_t p : {exact, pathed}) kill(p, SIGKILL), waitpid(p, nullptr, 0);
     EXPECT_EQ(proc_find(name.c_str()), -1);
 }
 
+// Progress, verdict, and the one argument each request value becomes.
 TEST_F(Maint, UpgradeProgressMachine) {
-    const Bytes failed_text = text(0x0187, "upgrade FW failed");
+    const std::string n128(128, 'f');
+    const Bytes failed_text = text(0x0187, "upgrade FW failed"), head = admin() + u8(0x0180, 1) + u8(0x0181, 1);
     const Strings success{"", "tftp -f 192.0.2.1 -r fw.bin", "sleep 5; reboot"};  // "": the fork
     const Strings failure{"", "tftp -f 192.0.2.1 -r fw.bin"};
     const Bytes start = configure(0x0185, "fw.bin");
@@ -114,6 +110,18 @@ TEST_F(Maint, UpgradeProgressMachine) {
         {"query odd value", "9", "", kQuery, answer(2, 0), {}, "9"},
         {"other subservice", "1", "", admin() + u8(0x0180, 5), answer(5, 0), {}, "1"},
         {"no subservice", "1", "", admin(), answer(0, 0), {}, "1"},
+        {"up to the first NUL", "0", "", configure(0x0185, std::string("fw.bin\0; reboot", 15)), answer(1, 0),
+         failure, "1"},
+        {"128 bytes kept whole", "0", "", configure(0x0185, n128), answer(1, 0), {"", "tftp -f 192.0.2.1 -r " + n128}, "1"},
+        {"129 bytes ignored", "0", "", configure(0x0185, n128 + "g"), answer(1, 0), {"", "tftp -f 192.0.2.1 -r ''"}, "1"},
+        {"address of 3 bytes ignored", "0", "", head + tlv(0x0183, {10, 0, 0}) + text(0x0185, "f"), answer(1, 0),
+         {"", "tftp -f '' -r f"}, "1"},
+        {"address of 5 bytes ignored", "0", "", head + tlv(0x0183, {10, 0, 0, 1, 0}) + text(0x0185, "f"), answer(1, 0),
+         {"", "tftp -f '' -r f"}, "1"},
+        {"one-byte tags move by 5", "0", "", admin() + Bytes{0x01, 0x80, 0, 2, 1, 0x01, 0x81, 0, 1, 1} + kServer +
+         text(0x0185, "fw.bin"), answer(1, 0), failure, "1"},
+        // A command too long for its buffer runs nothing, whatever verdict an earlier run left.
+        {"unfit command", "0", "FW_SUCCESS", configure(0x0185, std::string(128, '\'')), answer(1, 0), {""}, "1"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -124,50 +132,14 @@ TEST_F(Maint, UpgradeProgressMachine) {
         EXPECT_EQ(reply_tlvs(), c.reply);
         EXPECT_EQ(commands(), c.commands);
         EXPECT_EQ(stored(kFwUpgradeStatusKey), c.after);
-        EXPECT_EQ(out(), c.commands.empty() ? "" : "firmware upgrade:" + std::string(c.verdict) + "\n");
-    }
-    // A command too long for its buffer runs nothing, whatever verdict an
-    // earlier run left.
-    tavc_record::clear();
-    put({{kFwUpgradeStatusKey, "0"}, {kUpdateVerdictKey, "FW_SUCCESS"}});
-    ASSERT_EQ(call(tav_firmware_upgrade, 0x100, configure(0x0185, std::string(128, '\''))), 0);
-    EXPECT_EQ(commands(), Strings{""});
-    EXPECT_EQ(stored(kFwUpgradeStatusKey), "1");
-}
-
-TEST_F(Maint, TransferRequestsComposeOneArgumentPerValue) {
-    const std::string n128(128, 'f');
-    const Bytes upgrade = admin() + u8(0x0180, 1) + u8(0x0181, 1);
-    const struct { const char *name; Handler handler; uint16_t op; Bytes body; std::string command; } cases[] = {
-        {"up to the first NUL", tav_firmware_upgrade, 0x100, configure(0x0185, std::string("fw.bin\0; reboot", 15)),
-         "tftp -f 192.0.2.1 -r fw.bin"},
-        {"128 bytes kept whole", tav_firmware_upgrade, 0x100, configure(0x0185, n128), "tftp -f 192.0.2.1 -r " + n128},
-        {"129 bytes ignored", tav_firmware_upgrade, 0x100, configure(0x0185, n128 + "g"), "tftp -f 192.0.2.1 -r ''"},
-        {"address of 3 bytes ignored", tav_firmware_upgrade, 0x100, upgrade + tlv(0x0183, {10, 0, 0}) + text(0x0185, "f"),
-         "tftp -f '' -r f"},
-        {"address of 5 bytes ignored", tav_firmware_upgrade, 0x100,
-         upgrade + tlv(0x0183, {10, 0, 0, 1, 0}) + text(0x0185, "f"), "tftp -f '' -r f"},
-        {"one-byte tags move by 5", tav_firmware_upgrade, 0x100,
-         admin() + Bytes{0x01, 0x80, 0, 2, 1, 0x01, 0x81, 0, 1, 1} + kServer + text(0x0185, "f"), "tftp -f 192.0.2.1 -r f"},
-        {"backup", tav_configuration_backup, 0x101, configure(0x0186, "a b;$(x)"),
-         "tftp -r 'a b;$(x)' -p 192.0.2.1 -l /var/config.bin"},
-        {"restore", tav_configuration_restore, 0x102, configure(0x0186, "it's"), "tftp -d 192.0.2.1 -r 'it'\\''s'"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        tavc_record::clear();
-        for (const char *k : {kFwUpgradeStatusKey, kBackupStatusKey, kRestoreStatusKey})
-            lrgbin_store::put(k, "0");
-        ASSERT_EQ(call(c.handler, c.op, c.body), 0);
-        EXPECT_EQ(std::ranges::count(commands(), c.command), 1);
+        EXPECT_EQ(out(), c.commands.size() < 2 ? "" : "firmware upgrade:" + std::string(c.verdict) + "\n");  // tftp ran
     }
 }
 
 TEST_F(Maint, BackupSavesBeforeUploadingAndEndsAtZero) {
     // The child runs inline here, so a started backup has ended (0) when the
     // reply reads the key; the lab suites see the 2 in between.
-    const Strings run{"/usr/sbin/sys -s configsave", "",
-                      "tftp -r cfg.bin -p 192.0.2.1 -l /var/config.bin"};
+    const Strings run{"/usr/sbin/sys -s configsave", "", "tftp -r cfg.bin -p 192.0.2.1 -l /var/config.bin"};
     const Bytes start = configure(0x0186, "cfg.bin");
     const struct { const char *name, *progress; Bytes body; Strings commands; Bytes reply; } cases[] = {
         {"server type defaults to tftp", "0", configure(0x0186, "cfg.bin", false), run, answer(1, 0)},
@@ -177,6 +149,8 @@ TEST_F(Maint, BackupSavesBeforeUploadingAndEndsAtZero) {
         {"other server type", "0", configure(0x0186, "c", false) + u8(0x0181, 2), {}, answer(1, 0)},
         {"query answers the key", "5", kQuery, {}, answer(2, 5)},
         {"low 8 bits", "258", kQuery, {}, answer(2, 2)},
+        {"file name quoted", "0", configure(0x0186, "a b;$(x)"),
+         {"/usr/sbin/sys -s configsave", "", "tftp -r 'a b;$(x)' -p 192.0.2.1 -l /var/config.bin"}, answer(1, 0)},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -198,6 +172,7 @@ TEST_F(Maint, RestoreRebootsOnlyAfterASuccessfulDownload) {
         {"running: nothing", "2", start, 0, {}, "2"},
         {"no server type: nothing", "1", configure(0x0186, "cfg.bin", false), 0, {}, "1"},
         {"query", "1", kQuery, 0, {}, "1"},
+        {"file name quoted", "0", configure(0x0186, "it's"), 256, {"", "tftp -d 192.0.2.1 -r 'it'\\''s'"}, "1"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -248,9 +223,8 @@ TEST_F(Maint, RefusalsChangeNothing) {
             put({{"/qm5_agent/ag_uuid", "g"}, {kFwUpgradeStatusKey, "1"}, {kBackupStatusKey, "1"}, {kRestoreStatusKey, "1"}});
             EXPECT_EQ(call(h.handler, h.op, body, sender(1)), result);
             EXPECT_TRUE(reply_tlvs().empty() && tavc_record::launches().empty());
-            EXPECT_EQ(stored("/qm5_agent/ag_uuid"), "g");
-            for (const char *k : {kFwUpgradeStatusKey, kBackupStatusKey, kRestoreStatusKey})
-                EXPECT_EQ(stored(k), "1");
+            EXPECT_EQ(std::tuple(stored("/qm5_agent/ag_uuid"), stored(kFwUpgradeStatusKey), stored(kBackupStatusKey),
+                                 stored(kRestoreStatusKey)), std::tuple("g", "1", "1", "1"));
         }
     }
 }
