@@ -1,6 +1,6 @@
-// Wireless handlers on the in-process store and the recorder: the code
-// tables, the keys each SSID form writes, lists that fill the reply area,
-// and the commands the set handlers start, in order.
+// Wireless handlers on the in-process store and the recorder: the code tables, the keys each
+// SSID form writes, lists that fill the reply area, and the commands set handlers start, in order.
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -23,15 +23,12 @@ struct Wireless : Engine {
     }
 };
 
-// Written with each protocol code, read back, and the credential the reply
-// carries for it.
+// Written with each protocol code, read back, and the credential the reply carries for it.
 TEST_F(Wireless, AuthenticationCodesAreABijectionWithTheirCredentials) {
     const struct { uint8_t code, stored; std::vector<uint16_t> credential_tags; } rows[] = {
-        {0, 0, {}},           {1, 3, {931}},        {2, 2, {932, 933, 934}},
-        {3, 5, {931}},        {4, 4, {932, 933, 934}}, {5, 15, {}},
-        {6, 16, {}},          {7, 9, {932, 933, 934}}, {8, 7, {931}},
-        {9, 14, {931}},       {10, 13, {931}},      {11, 6, {932, 933, 934}},
-        {12, 17, {932, 933, 934}},
+        {0, 0, {}}, {1, 3, {931}}, {2, 2, {932, 933, 934}}, {3, 5, {931}}, {4, 4, {932, 933, 934}},
+        {5, 15, {}}, {6, 16, {}}, {7, 9, {932, 933, 934}}, {8, 7, {931}}, {9, 14, {931}}, {10, 13, {931}},
+        {11, 6, {932, 933, 934}}, {12, 17, {932, 933, 934}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(int(row.code));
@@ -70,9 +67,8 @@ TEST(WirelessModes, StoredPerBandAndReadBack) {
     for (uint16_t code = 0; code < 70; ++code) {
         auto it = accepted.find(code);
         const auto want = it == accepted.end() ? std::pair{0, 0} : it->second;
-        EXPECT_EQ(wireless::stored_mode(1, code), want.first) << code;
-        EXPECT_EQ(wireless::stored_mode(2, code), want.second) << code;
-        EXPECT_EQ(wireless::stored_mode(7, code), want.second) << "any other band reads as band 2";
+        EXPECT_EQ(std::tuple(wireless::stored_mode(1, code), wireless::stored_mode(2, code), wireless::stored_mode(7, code)),
+                  std::tuple(want.first, want.second, want.second)) << code << ": any other band reads as band 2";
     }
     const int band1[] = {8, 14, 6, 8, 32, 8, 8}, band2[] = {8, 9, 1, 8, 25, 32, 8};  // stored 0..6
     for (int stored = 0; stored <= 6; ++stored)
@@ -91,8 +87,7 @@ TEST_F(Wireless, LockedCountriesReportTheirFixedIndex) {
         ASSERT_EQ(call(tav_get_wireless_information, tav::kOpGetWirelessInfo, {}), 0);
         const Tlvs t = tlvs_of(reply_tlvs());
         ASSERT_EQ(t.size(), 7u);
-        EXPECT_EQ(t[6].first, 59);
-        EXPECT_EQ(t[6].second, (Bytes{uint8_t(index >> 8), uint8_t(index)})) << code;
+        EXPECT_EQ(t[6], (std::pair<uint16_t, Bytes>{59, {uint8_t(index >> 8), uint8_t(index)}})) << code;
     }
 }
 
@@ -100,8 +95,8 @@ TEST_F(Wireless, LockedCountriesReportTheirFixedIndex) {
 TEST_F(Wireless, SsidRecordWritesTheKeysOfItsForm) {
     ssid_info rec{.ssid_index = 0, .ssid_name = "Corp", .band = 2, .auth_type = 4, .passphrase = "",
                   .radius_address_type = 1, .radius_address = "198.51.100.7", .radius_secret = "s3cret",
-                  .vlan_id = {0x10, 0x00}, .ssid_status = 5, .has_vlan_id = true, .has_passphrase = false,
-                  .has_radius_address = true};  // VLAN 4096
+                  .vlan_id = {0x10, 0x00} /* 4096 */, .ssid_status = 5, .has_vlan_id = true,
+                  .has_passphrase = false, .has_radius_address = true};
     lrgbin_store::put("/wlan/inf:2/multi/state", "0");
     for (uint8_t index : {0, 3}) {
         rec.ssid_index = index;
@@ -131,24 +126,22 @@ TEST_F(Wireless, SsidRecordWritesTheKeysOfItsForm) {
     EXPECT_EQ(std::tuple(set_vlan_id(1, 1, 4096), set_vlan_id(1, 1, 4097)), std::tuple(0, -1));
 }
 
-// Of 202 groups (more than any accepted request holds) the last finds no
-// record: refused before anything is written.
+// Of 202 groups (more than any accepted request holds) the last finds no record: refused
+// before anything is written.
 TEST_F(Wireless, SsidGroupsBeyondEveryAcceptedRequestAreRefused) {
     for (int groups : {201, 202}) {
         Bytes body = admin();
         for (int i = 1; i < groups; ++i) body = body + u8(926, 1);  // band mask 0: no writes
         body = body + u8(926, 1) + text(927, "Last") + u8(928, 1) + u8(935, 1);
         lrgbin_store::put("/wlan/inf:1/multi/index:1/ssid", "Before");
-        const int result = call(tav_set_ssid_list, tav::kOpSetSsidList, body);
-        EXPECT_EQ(result, groups == 201 ? 0 : 65533) << groups;
+        EXPECT_EQ(call(tav_set_ssid_list, tav::kOpSetSsidList, body), groups == 201 ? 0 : 65533) << groups;
         EXPECT_EQ(stored("/wlan/inf:1/multi/index:1/ssid"), groups == 201 ? "Last" : "Before");
         EXPECT_EQ(commands().empty(), groups != 201);
         tavc_record::clear();
     }
 }
 
-// Entry n of the domain table names, by its seq, the entry that holds the
-// index and the code.
+// Entry n of the domain table names, by its seq, the entry that holds the index and the code.
 TEST_F(Wireless, CountryIsLookedUpThroughSeq) {
     const std::string t = "/runtime/countrydomaintable:";
     put({{t + "1/seq", "2"}, {t + "2/seq", "0"}, {t + "2/index", "20"}, {t + "2/code", "250"}});
@@ -173,28 +166,21 @@ TEST_F(Wireless, ClientNumbersEndAt255OrAtAGap) {
     EXPECT_EQ(per_ssid, (std::map<uint8_t, int>{{1, 255}, {2, 2}}));
 }
 
-// Client and device lists stop before the group that would not fit and
-// still end with their closing record.
+// Client and device lists stop before the group that would not fit and still end with
+// their closing record.
 TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
     const std::string name62(62, 'n');
     for (int band = 1; band <= 2; ++band)
         for (int idx = 0; idx <= 7; ++idx) {
-            const std::string b = "/wlan/inf:" + std::to_string(band);
-            lrgbin_store::put(idx ? b + "/multi/index:" + std::to_string(idx) + "/ssid" : b + "/ssid",
-                              name62);
-            if (idx) lrgbin_store::put(b + "/multi/index:" + std::to_string(idx) + "/state", "1");
-            for (int n = 1; n <= 255; ++n) {
-                std::string k = "/runtime/stats/wlan/inf:" + std::to_string(band) +
-                                (idx ? "/mssid:" + std::to_string(idx) : "") +
-                                "/client:" + std::to_string(n);
-                lrgbin_store::put(k + "/mac", "00:00:5e:00:53:01");
-            }
+            const std::string b = "/wlan/inf:" + std::to_string(band), i = std::to_string(idx);
+            lrgbin_store::put(idx ? b + "/multi/index:" + i + "/ssid" : b + "/ssid", name62);
+            if (idx) lrgbin_store::put(b + "/multi/index:" + i + "/state", "1");
+            const std::string c = "/runtime/stats/wlan/inf:" + std::to_string(band) + (idx ? "/mssid:" + i : "") + "/client:";
+            for (int n = 1; n <= 255; ++n) lrgbin_store::put(c + std::to_string(n) + "/mac", "00:00:5e:00:53:01");
         }
     const std::string m = "/runtime/super_mesh/mesh_member_ap_list/index:";
-    for (int i = 1; i <= 600; ++i) {
-        lrgbin_store::put(m + std::to_string(i) + "/model", std::string(40, 'm'));
-        lrgbin_store::put(m + std::to_string(i) + "/devname", std::string(70, 'd'));
-    }
+    for (int i = 1; i <= 600; ++i)
+        put({{m + std::to_string(i) + "/model", std::string(40, 'm')}, {m + std::to_string(i) + "/devname", std::string(70, 'd')}});
     const struct { Handler handler; uint16_t op, group_bytes, opening_tag, closing; Bytes body; } rows[] = {
         {tav_get_client_list, tav::kOpGetClientList, 38 + 62, 14, 0, {}},
         {tav_get_ap_array_device_list, tav::kOpGetApArrayDeviceList, 130, 502, 0xEEEE, u8(943, 3)},
@@ -209,9 +195,7 @@ TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
         const size_t groups = (body.size() - 6) / row.group_bytes;
         EXPECT_EQ(body.size(), groups * row.group_bytes + 6) << "whole groups only";
         EXPECT_GT(body.size() + row.group_bytes, tav::kReplyArea) << "no room was left unused";
-        size_t opened = 0;
-        for (const auto &[tag, v] : t) opened += tag == row.opening_tag;
-        EXPECT_EQ(opened, groups);
+        EXPECT_EQ(size_t(std::ranges::count(t, row.opening_tag, &std::pair<uint16_t, Bytes>::first)), groups);
     }
 }
 
