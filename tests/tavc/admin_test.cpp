@@ -131,11 +131,18 @@ TEST_F(Admin, AccountChangeStoresDecodedValuesAndRestartsInAChild) {
     EXPECT_EQ(stored("/sys/user:1/name"), "ABC");
 }
 
+// Only the reset keeping the address traces a refused login.
 TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
     const Bytes delay = tlv(392, {0, 0, 0, 10, 0xEE}, 2);  // declared 2, four bytes taken
-    for (auto [handler, op, service] : {std::tuple(&tav_reset, tav::kOpReset, " submit FRESET_EX_IP"),
-                                         std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, " submit FRESET")}) {
+    lrgbin_store::put("/runtime/tav_debug_enable", "1");
+    for (auto [handler, op, service, traced] :
+         {std::tuple(&tav_reset, tav::kOpReset, " submit FRESET_EX_IP", true),
+          std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, " submit FRESET", false)}) {
         tavc_record::clear();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(call(handler, op, text(55, "admin") + text(56, "wrong")), tav::kResultAuthFailed);
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("INVALID_AUTH") != std::string::npos, traced);
+        EXPECT_TRUE(tavc_record::launches().empty());
         // The byte after the four delay bytes is too short for a record.
         ASSERT_EQ(call(handler, op, admin() + delay), 0);
         EXPECT_EQ(reply_tlvs(), be32(393, 2) + be32(394, 300000));
@@ -146,16 +153,6 @@ TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
     }
 }
 
-TEST_F(Admin, OnlyTheResetKeepingTheAddressTracesARefusedLogin) {
-    lrgbin_store::put("/runtime/tav_debug_enable", "1");
-    for (auto [handler, op, traced] : {std::tuple(&tav_reset, tav::kOpReset, true),
-                                       std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, false)}) {
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(call(handler, op, text(55, "admin") + text(56, "wrong")), tav::kResultAuthFailed);
-        EXPECT_EQ(testing::internal::GetCapturedStderr().find("INVALID_AUTH") != std::string::npos, traced);
-    }
-    EXPECT_TRUE(tavc_record::launches().empty());
-}
 
 TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {
     // The last four bytes of the address record are a record head (tag 17, netmask) for the bytes after.

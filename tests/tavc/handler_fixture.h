@@ -1,8 +1,7 @@
-// What every unit test of the daemon's handlers starts from: tavc_core linked
-// against the in-process store (lrgbin_store) and the launch/frame recorder
-// (tavc_record). Each test gets the engine's buffers, an empty store with an
-// administrator "admin"/"secret", an empty recorder, a fresh time-zone table
-// and captured standard output.
+// What every unit test of the daemon's handlers starts from: tavc_core linked against the
+// in-process store (lrgbin_store) and the launch/frame recorder (tavc_record). Each test gets the
+// engine's buffers, an empty store with an administrator "admin"/"secret", an empty recorder, a
+// fresh time-zone table and captured standard output.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -90,18 +89,16 @@ class Engine : public ::testing::Test {
         return v;
     }
 
-    // Calls a handler as the dispatcher would for `op` from `from`; the reply
-    // body's TLVs are in reply_tlvs() afterwards.
-    int call(Handler handler, uint16_t op, const Bytes &body,
-             tav_server from = {}) {
+    // Calls a handler as the dispatcher would for `op` from `from`; the reply body's TLVs are in
+    // reply_tlvs() afterwards.
+    int call(Handler handler, uint16_t op, const Bytes &body, tav_server from = {}) {
         from_ = from;
         from_.functions[0].op_code = op;
         *tav_tmp_server = from_;  // the engine's own record: free_buff releases it
         std::memset(reply_, 0, sizeof reply_);
         return handler(body.data(), uint16_t(body.size()), reply_);
     }
-    // The reply body after call(): its TLV bytes (length from the first two
-    // bytes, host order).
+    // The reply body after call(): its TLV bytes (length from the first two bytes, host order).
     Bytes reply_tlvs() const {
         uint16_t n;
         std::memcpy(&n, reply_, sizeof n);

@@ -11,8 +11,8 @@
 
 using namespace fixture;
 
-// Integer encodings reach the wire byte for byte in the lab suites (SSID
-// list, counters, set replies); here the bounds of the reply area.
+// Integer encodings reach the wire byte for byte in the lab suites (SSID list, counters, set
+// replies); here the bounds of the reply area.
 TEST(Reply, AreaIsBoundedAndListsKeepRoomForTheirClosingRecord) {
     static uint8_t buf[kReplyBodySize + 16];
     Reply whole(buf);
@@ -88,7 +88,7 @@ TEST_F(Engine, WalkAppliesItsRules) {
     }
 }
 
-TEST(Command, RequestValuesStayOneLiteralArgument) {
+TEST(Command, RequestValuesStayOneLiteralArgumentNumbersAndLimits) {
     const std::pair<const char *, std::string> cases[] = {
         {"fw.bin", "fw.bin"}, {"a/b_c-1.2:3+4@5=6,7%8", "a/b_c-1.2:3+4@5=6,7%8"}, {"", "''"},
         {"fw.bin; reboot", "'fw.bin; reboot'"}, {"$(reboot)", "'$(reboot)'"}, {"`id`", "'`id`'"},
@@ -99,9 +99,6 @@ TEST(Command, RequestValuesStayOneLiteralArgument) {
         EXPECT_TRUE(cmd.ok()) << value;
         EXPECT_EQ(cmd.text(), "tftp -f 192.0.2.1 -r " + quoted) << value;
     }
-}
-
-TEST(Command, NumbersAndLimits) {
     EXPECT_STREQ(Command("x %u%% %d", 7u, -3).text(), "x 7% -3");
     // 10 bytes with the NUL: fits a limit of 10, not of 9; an unfit command never runs.
     EXPECT_TRUE(Command(10, "echo %s", "abcd").ok());
@@ -139,8 +136,7 @@ TEST_F(Engine, GroupsRecordsOpenInOrderAndFillTheLatest) {
     EXPECT_FALSE(walk(kGroups, tlv(927, str("lost")) + u8(926, 5) + tlv(927, str("abcd")) + u8(926, 6) + text(927, "x"),
                       &req).ended());
     ASSERT_EQ(req.count, 2);
-    EXPECT_EQ(std::tuple(req.recs[0].index, std::string(req.recs[0].name), req.recs[1].index,
-                         std::string(req.recs[1].name)),
+    EXPECT_EQ(std::tuple(req.recs[0].index, std::string(req.recs[0].name), req.recs[1].index, std::string(req.recs[1].name)),
               std::tuple(5, "abcd", 6, "x"));
     // A fourth record finds the pool full: the walk ends with the group refusal.
     const Bytes three = u8(926, 1) + u8(926, 2) + u8(926, 3);
@@ -151,8 +147,8 @@ TEST_F(Engine, GroupsRecordsOpenInOrderAndFillTheLatest) {
         EXPECT_EQ(tlv_request_prologue(kGroups, body.data(), uint16_t(body.size()), reply_, &req), step);
 }
 
-// Scenarios between managers through user verification are end-to-end
-// tests; here the registry's own limits.
+// Scenarios between managers through user verification are end-to-end tests; here the
+// registry's own limits.
 using Registry = Engine;
 static int size() {
     int n = 0;
@@ -164,7 +160,7 @@ static void expect_precedence(std::initializer_list<std::tuple<uint16_t, uint8_t
     for (auto [op, prec, s, rc] : steps) EXPECT_EQ(check_server_precedence(op, prec, s), rc) << op << " " << +prec;
 }
 
-TEST_F(Registry, PerOpCodeAndOneRecordPerSender) {
+TEST_F(Registry, PerOpCodeOneRecordPerSenderAndFullEntryTables) {
     tav_server a = sender(0xA), b = sender(0xB), zero{};
     expect_precedence({{0xE1, 9, &a, 0}, {0xE5, 1, &b, 0} /* another op code */, {0xE1, 8, &b, -1},
                        {0xE1, 9, &b, 0} /* equal is no refusal */});
@@ -172,10 +168,8 @@ TEST_F(Registry, PerOpCodeAndOneRecordPerSender) {
     free_tav_server();
     expect_precedence({{0xE1, 5, &zero, 0}, {0xE1, 3, &zero, -1}});
     EXPECT_EQ(size(), 1) << "zero MACs share a record";
-}
-
-TEST_F(Registry, FullEntryTableStoresNothingNew) {
-    tav_server a = sender(0xA), b = sender(0xB);
+    free_tav_server();
+    // A full entry table stores nothing new.
     for (uint16_t op = 1; op <= 31; ++op) ASSERT_EQ(check_server_precedence(op, 1, &a), 0);
     // A's 9 must not have been stored; others still refuse A; A's own entries still count.
     expect_precedence({{0xE1, 9, &a, 0}, {0xE1, 1, &b, 0}, {0xE1, 5, &b, 0}, {0xE1, 3, &a, -1}, {31, 0, &b, -1}});
@@ -196,16 +190,15 @@ TEST_F(Registry, AtMost1024Managers) {
     EXPECT_EQ(size(), 1) << "released records are reused";
 }
 
-// Verification results on the wire are end-to-end tests; here the edges of
-// the comparison: prefixes, format characters and the stored capacities.
+// Verification results on the wire are end-to-end tests; here the edges of the comparison:
+// prefixes, format characters and the stored capacities.
 TEST_F(Engine, AuthMeansExactEquality) {
     const std::string n63(63, 'n'), p31(31, 'p');
     const struct { std::string stored_name, stored_pass, name, pass; int rc; } cases[] = {
         {"admin", "secret", "admin", "secret", 0}, {"admin", "secret", "admin", "secre", -1},
         {"admin", "secret", "admin", "secret!", -1}, {"", "", "", "", 0}, {"admin", "50%d%s%%", "admin", "50%d%s%%", 0},
         // The name is read with 64 bytes (63 characters), the password with 32.
-        {n63 + "X", p31 + "Y", n63, p31, 0},
-        {n63 + "X", p31 + "Y", n63 + "X", p31, -1},
+        {n63 + "X", p31 + "Y", n63, p31, 0}, {n63 + "X", p31 + "Y", n63 + "X", p31, -1},
         {n63 + "X", p31 + "Y", n63, p31 + "Y", -1},
     };
     for (const auto &c : cases) {
@@ -215,10 +208,9 @@ TEST_F(Engine, AuthMeansExactEquality) {
     EXPECT_EQ(std::tuple(tav_authentic(nullptr, ""), tav_authentic("", nullptr)), std::tuple(-1, -1));
 }
 
-TEST(MacString2Hex, ConvertsTheFirstTwoCharactersOfSixFields) {
+TEST(Identity, MacTakesTwoCharactersOfSixFieldsDateAndTimeByPosition) {
     const std::pair<const char *, tav::Mac> cases[] = {
-        {"02:7a:76:00:00:01", {0x02, 0x7a, 0x76, 0x00, 0x00, 0x01}},
-        {"0:1:2:a:B:f", {0x0, 0x1, 0x2, 0xa, 0xb, 0xf}},
+        {"02:7a:76:00:00:01", {0x02, 0x7a, 0x76, 0x00, 0x00, 0x01}}, {"0:1:2:a:B:f", {0x0, 0x1, 0x2, 0xa, 0xb, 0xf}},
         {"aabb:cc:dd:ee:ff:11:22", {0xaa, 0xcc, 0xdd, 0xee, 0xff, 0x11}},
         {"FF:FF:FF:FF:FF:FF", {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
         {"zz:1g:01:02:03:04", {0x00, 0x01, 0x01, 0x02, 0x03, 0x04}},
@@ -235,16 +227,14 @@ TEST(MacString2Hex, ConvertsTheFirstTwoCharactersOfSixFields) {
     uint8_t out[6];
     char text[] = "01:02:03:04:05:06";
     EXPECT_EQ(std::tuple(mac_string2hex(nullptr, out), mac_string2hex(text, nullptr)), std::tuple(0, 0));
-}
-
-TEST(DateTime, PositionalCopyOfDateAndTimePieces) {
-    const struct { const char *date, *time, *text; } cases[] = {
+    // Dates and times: a positional copy of their pieces.
+    const struct { const char *date, *time, *text; } dates[] = {
         {"11/16/2026", "12:34:56", "20261116123456"}, {"01/02/1999", "", "19990102"},
         {"", "07:08:09", ""},               // the year is missing, so the text is empty
         {"1/5/2026", "12:34:56", "20261"},  // a one-digit month brings its NUL along
         {"11/16/2026/9", "1:2:3:4", "202611161"}, {"111/222/33333", "444:555:666", "33331122445566"},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : dates) {
         char dt[16] = {};
         convert_date_time(dt, c.date, c.time);
         EXPECT_STREQ(dt, c.text) << c.date << " " << c.time;
@@ -256,11 +246,9 @@ TEST(DateTime, PositionalCopyOfDateAndTimePieces) {
 
 TEST_F(Engine, IdentityWizardPageRetiredOnceCredentialsTimeAndCountryAreSet) {
     const struct { const char *first_init, *password, *time, *country_code, *country_changed, *after; } cases[] = {
-        {"1", "1", "1", "840", "0", "0"},   {"1", "1", "1", "376", "0", "0"},
-        {"1", "1", "1", "276", "0", "1"},   {"1", "1", "1", "276", "1", "0"},
-        {"1", "0", "1", "840", "1", "1"},   {"1", "1", "0", "840", "1", "1"},
-        {"1", "256", "1", "840", "1", "1"},  // only the low byte counts
-        {"0", "1", "1", "840", "1", "0"},
+        {"1", "1", "1", "840", "0", "0"}, {"1", "1", "1", "376", "0", "0"}, {"1", "1", "1", "276", "0", "1"},
+        {"1", "1", "1", "276", "1", "0"}, {"1", "0", "1", "840", "1", "1"}, {"1", "1", "0", "840", "1", "1"},
+        {"0", "1", "1", "840", "1", "0"}, {"1", "256", "1", "840", "1", "1"},  // only the low byte counts
     };
     for (const auto &c : cases) {
         put({{"/sys/first_init", c.first_init}, {"/tavclient/password_changed", c.password},
@@ -284,7 +272,7 @@ int fill_enc(int, tav_buf *, tav_buf *out, uint16_t *sel) { std::memset(out->dat
 int fill_dec(uint16_t, tav_buf *, tav_buf *out) { std::memset(out->data, 0xCD, out->length); return 0; }
 }  // namespace
 
-TEST_F(Engine, TransportEncodeLimitAndFailures) {
+TEST_F(Engine, TransportEncodeAndDecodeLimitsAndFailures) {
     uint8_t buf[kTavEncodedMax];
     uint16_t n = 0;
     const uint8_t plain[4] = {1, 2, 3, 4};
@@ -306,24 +294,22 @@ TEST_F(Engine, TransportEncodeLimitAndFailures) {
     EXPECT_EQ(out(), "tav_encode_buf, tav_encode failed:7\n");
     tav_encode = overlong_enc;
     EXPECT_EQ(tav_encode_buf(plain, 4, buf, &n), -1) << "more than the room it was given";
-}
+    EXPECT_EQ(out(), "tav_encode_buf, message too long\n");
 
-TEST_F(Engine, TransportDecodeSizeLimit) {
     tav_get_decrypted_msg_len = sized_dec;
     tav_decode = fill_dec;
-    static uint8_t plain[tav::kMaxPlainLen + 64];
+    static uint8_t plain_out[tav::kMaxPlainLen + 64];
     const uint8_t cipher[8] = {};
-    uint16_t n = 0;
     for (auto [size, rc] : {std::pair{1024, 0}, {1025, -1}, {-1, -1}, {0, 0}}) {
-        std::memset(plain, 0x11, sizeof plain);
+        std::memset(plain_out, 0x11, sizeof plain_out);
         g_size = size;
-        EXPECT_EQ(tav_decode_buf(1, cipher, sizeof cipher, plain, &n), rc) << size;
+        EXPECT_EQ(tav_decode_buf(1, cipher, sizeof cipher, plain_out, &n), rc) << size;
         if (rc == 0) { EXPECT_EQ(n, size); }
-        EXPECT_EQ(plain[tav::kMaxPlainLen], 0x11) << "never written past 1024 bytes";
+        EXPECT_EQ(plain_out[tav::kMaxPlainLen], 0x11) << "never written past 1024 bytes";
     }
     tav_decode = failing_dec;
     g_size = 10;
-    EXPECT_EQ(std::tuple(tav_decode_buf(1, cipher, sizeof cipher, plain, &n), tav_decode_buf(1, nullptr, 0, plain, &n),
+    EXPECT_EQ(std::tuple(tav_decode_buf(1, cipher, sizeof cipher, plain_out, &n), tav_decode_buf(1, nullptr, 0, plain_out, &n),
                          tav_decode_buf(1, cipher, 0, nullptr, &n)),
               std::tuple(-1, -1, -1));
     EXPECT_EQ(out(), "") << "dropped without a message";
