@@ -1,8 +1,5 @@
-// Administration handlers, seen through the recorder and the in-process
-// store: base64, the time-zone table, composed commands, launch order, walk
-// sizes and the exact reply bytes. Refusal rows are end-to-end tests.
-#include <cstdlib>
-
+// Administration handlers through the recorder and the in-process store: base64, the time-zone
+// table, composed commands, launch order, walk sizes and the exact reply bytes (refusals: e2e).
 #include "tests/tavc/handler_fixture.h"
 #include "util/base64.h"
 
@@ -51,15 +48,7 @@ TEST(Base64, EncodeBreaksLinesAt72) {
     EXPECT_EQ(tav_base64_encode(reinterpret_cast<const uint8_t *>("ABC"), 3, tiny, sizeof tiny, &n), -1);
 }
 
-class Admin : public Engine {
-  protected:
-    std::string zone_reply_id() {
-        EXPECT_EQ(call(tav_get_device_date_time, tav::kOpGetDateTime, {}), 0);
-        for (const auto &[tag, v] : tlvs_of(reply_tlvs()))
-            if (tag == 303) return std::to_string(tav::get_be16(v.data()));
-        return "none";
-    }
-};
+using Admin = Engine;
 
 TEST_F(Admin, TimeZoneTableAndItsLookUpsBothWays) {
     // id -> device code, as the firmware numbers its zones (0: no code).
@@ -76,7 +65,10 @@ TEST_F(Admin, TimeZoneTableAndItsLookUpsBothWays) {
     };
     for (const auto &[code, id] : reads) {
         lrgbin_store::put("/time/timezone", code);
-        EXPECT_EQ(zone_reply_id(), id) << "code " << code;
+        ASSERT_EQ(call(tav_get_device_date_time, tav::kOpGetDateTime, {}), 0);
+        std::string got = "none";
+        for (const auto &[tag, v] : tlvs_of(reply_tlvs())) got = tag == 303 ? std::to_string(tav::get_be16(v.data())) : got;
+        EXPECT_EQ(got, id) << "code " << code;
     }
 
     const std::pair<uint16_t, const char *> writes[] = {{7, "8"}, {32, "32"}, {84, "78"}, {6, "1"},
@@ -101,10 +93,7 @@ TEST_F(Admin, ClockRequestComposesDateAndRunsTheServicesInOrder) {
     }
     EXPECT_EQ(std::tuple(stored("/time/syncwith"), stored("/tavclient/time_changed")), std::tuple("2", "1"));
     EXPECT_EQ(reply_tlvs(), be32(393, 0) + be32(394, 20000));
-}
-
-TEST_F(Admin, NtpServerValueIsCutAt255Bytes) {
-    // 255 bytes taken, the rest of the value read as records.
+    // NTP server: 255 bytes taken, the rest of the value read as records.
     const Bytes long_server = Bytes(255, 'n') + tlv(300, {0}) + be16(303, 32) + Bytes(34, 'n');
     EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, admin() + tlv(36, long_server)), 0);
     EXPECT_EQ(stored("/time/ntpserver/ip"), std::string(254, 'n'));
@@ -123,8 +112,7 @@ TEST_F(Admin, AccountChangeStoresDecodedValuesAndRestartsInAChild) {
     ASSERT_EQ(commands(), (Strings{"", "submit COMMIT", "sh /etc/templates/webs.sh password", "sh /etc/templates/console.sh"}));
     EXPECT_EQ(tavc_record::launches()[0].kind, tavc_record::LaunchKind::Fork);
 
-    // Tag 54 is stepped over by its declared length here: a 2-byte value
-    // does not shift the next record.
+    // Tag 54 is stepped over by its declared length here: a 2-byte value does not shift the next record.
     tavc_record::clear();
     Bytes body54 = tlv(54, {5, 0}) + text(50, "QUJD") + text(51, "QUJD") + text(55, "new-admin") + text(56, "pass");
     EXPECT_EQ(call(tav_change_ID_and_password, tav::kOpChangeIdPassword, body54), 0);

@@ -32,15 +32,17 @@ Bytes profile(const std::string &uuid, const std::string &url, uint8_t interval 
 
 using Maint = Engine;
 
-TEST_F(Maint, AgentProfileClearsRegistrationOnlyForANewIdentityWhileNotRunning) {
+// A new identity clears the registration unless the agent runs; sync versions count; the walk goes
+// by sizes.
+TEST_F(Maint, AgentProfile) {
     const std::string uuid32(32, 'u'), url256(256, 'n');
     const struct { const char *name, *running; std::string stored_uuid, stored_url, uuid, url; bool cleared; } cases[] = {
+        {"running: never cleared", "1", "g1", "nms", "g2", "other", false},
         {"same values", "0", "g1", "nms", "g1", "nms", false},
         {"other server", "0", "g1", "nms", "g1", "nms2", true},
         {"other identifier", "0", "g1", "nms", "g2", "nms", true},
         {"stored is longer", "0", "g1x", "nms", "g1", "nms", true},
         {"full lengths equal themselves", "0", uuid32, url256, uuid32, url256, false},
-        {"running: never cleared", "1", "g1", "nms", "g2", "other", false},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -53,9 +55,7 @@ TEST_F(Maint, AgentProfileClearsRegistrationOnlyForANewIdentityWhileNotRunning) 
                   std::tuple(reg, reg, c.uuid, c.url));
         EXPECT_EQ(same_uuid_and_url(c.uuid.c_str(), c.url.c_str()), 1);
     }
-}
-
-TEST_F(Maint, AgentProfileCountsSyncVersionsAndWalksBySize) {
+    // Sync versions count 1..99.
     for (auto [before, after] : {std::pair{"5", "6"}, {"98", "99"}, {"99", "1"}, {"", "1"}}) {
         lrgbin_store::put("/runtime/qm5_agent/tav_sync_version", before);
         ASSERT_EQ(call(tav_set_ag_profile, 0xE6, profile("50%s%n", "nms", 200)), 0);
@@ -63,8 +63,7 @@ TEST_F(Maint, AgentProfileCountsSyncVersionsAndWalksBySize) {
         EXPECT_EQ(stored("/runtime/qm5_agent/tav_sync_version"), after) << before;
     }
     EXPECT_EQ(std::tuple(stored("/qm5_agent/ag_uuid"), stored("/qm5_agent/keep_alive")), std::tuple("50%s%n", "200"));
-    // Tag 49 moves the walk by 5 whatever its length says; tag 55 takes at
-    // most 65 value bytes, the rest being the next record.
+    // Tag 49 moves the walk by 5 whatever its length says; tag 55 takes at most 65 value bytes.
     const Bytes odd49 = Bytes{0x00, 0x31, 0x00, 0x02, 0x21, 0x00, 0x30, 0x00, 0x02, 'n', 0};
     ASSERT_EQ(call(tav_set_ag_profile, 0xE6, text(47, "g") + odd49 + admin()), 0);
     EXPECT_EQ(std::tuple(stored("/qm5_agent/keep_alive"), stored("/qm5_agent/nms_server")), std::tuple("33", "n"));
@@ -92,7 +91,9 @@ TEST(ProcFind, MatchesTheFirstArgumentExactly) {
 // Progress, verdict, and the one argument each request value becomes.
 TEST_F(Maint, UpgradeProgressMachine) {
     const std::string n128(128, 'f');
-    const Bytes failed_text = text(0x0187, "upgrade FW failed"), head = admin() + u8(0x0180, 1) + u8(0x0181, 1);
+    const Bytes failed_text = text(0x0187, "upgrade FW failed"), head = admin() + u8(0x0180, 1) + u8(0x0181, 1),
+                f = text(0x0185, "f");
+    const Strings no_address{"", "tftp -f '' -r f"};
     const Strings success{"", "tftp -f 192.0.2.1 -r fw.bin", "sleep 5; reboot"};  // "": the fork
     const Strings failure{"", "tftp -f 192.0.2.1 -r fw.bin"};
     const Bytes start = configure(0x0185, "fw.bin");
@@ -114,10 +115,8 @@ TEST_F(Maint, UpgradeProgressMachine) {
          failure, "1"},
         {"128 bytes kept whole", "0", "", configure(0x0185, n128), answer(1, 0), {"", "tftp -f 192.0.2.1 -r " + n128}, "1"},
         {"129 bytes ignored", "0", "", configure(0x0185, n128 + "g"), answer(1, 0), {"", "tftp -f 192.0.2.1 -r ''"}, "1"},
-        {"address of 3 bytes ignored", "0", "", head + tlv(0x0183, {10, 0, 0}) + text(0x0185, "f"), answer(1, 0),
-         {"", "tftp -f '' -r f"}, "1"},
-        {"address of 5 bytes ignored", "0", "", head + tlv(0x0183, {10, 0, 0, 1, 0}) + text(0x0185, "f"), answer(1, 0),
-         {"", "tftp -f '' -r f"}, "1"},
+        {"address of 3 bytes ignored", "0", "", head + tlv(0x0183, {10, 0, 0}) + f, answer(1, 0), no_address, "1"},
+        {"address of 5 bytes ignored", "0", "", head + tlv(0x0183, {10, 0, 0, 1, 0}) + f, answer(1, 0), no_address, "1"},
         {"one-byte tags move by 5", "0", "", admin() + Bytes{0x01, 0x80, 0, 2, 1, 0x01, 0x81, 0, 1, 1} + kServer +
          text(0x0185, "fw.bin"), answer(1, 0), failure, "1"},
         // A command too long for its buffer runs nothing, whatever verdict an earlier run left.
@@ -213,12 +212,11 @@ TEST_F(Maint, RefusalsChangeNothing) {
         {tav_configuration_backup, 0x101, configure(0x0186, "f")},
         {tav_configuration_restore, 0x102, configure(0x0186, "f")}, {tav_reboot, 0x103, admin()},
     };
-    const Bytes wrong_password = text(55, "admin") + text(56, "nope");
     for (const auto &h : handlers) {
         SCOPED_TRACE(h.op);
         check_server_precedence(h.op, 9, &(from_ = sender(7)));
         for (auto [body, result] : {std::pair{u8(54, 3) + h.body, 0xFFFD},
-                                    {wrong_password + u8(0x0180, 1) + u8(0x0181, 1), 0x40}}) {
+                                    {text(55, "admin") + text(56, "nope") + u8(0x0180, 1) + u8(0x0181, 1), 0x40}}) {
             tavc_record::clear();
             put({{"/qm5_agent/ag_uuid", "g"}, {kFwUpgradeStatusKey, "1"}, {kBackupStatusKey, "1"}, {kRestoreStatusKey, "1"}});
             EXPECT_EQ(call(h.handler, h.op, body, sender(1)), result);

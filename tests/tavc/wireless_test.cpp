@@ -77,11 +77,10 @@ TEST(WirelessModes, StoredPerBandAndReadBack) {
     EXPECT_EQ(std::tuple(wireless::supported_modes(1), wireless::supported_modes(2)), std::tuple(46, 57));
 }
 
-TEST_F(Wireless, LockedCountriesReportTheirFixedIndex) {
+TEST_F(Wireless, LockedCountriesReportTheirFixedIndexOthersAreLookedUpThroughSeq) {
     lrgbin_store::put("/sys/country_index", "77");
     const std::pair<const char *, uint16_t> rows[] = {
-        {"376", 106}, {"392", 110}, {"410", 205}, {"840", 234},
-        {"276", 77},  {"841", 77},  {"375", 77},  {"", 77}};
+        {"376", 106}, {"392", 110}, {"410", 205}, {"840", 234}, {"276", 77}, {"841", 77}, {"375", 77}, {"", 77}};
     for (auto [code, index] : rows) {
         lrgbin_store::put("/runtime/layout/countrycode", code);
         ASSERT_EQ(call(tav_get_wireless_information, tav::kOpGetWirelessInfo, {}), 0);
@@ -89,6 +88,14 @@ TEST_F(Wireless, LockedCountriesReportTheirFixedIndex) {
         ASSERT_EQ(t.size(), 7u);
         EXPECT_EQ(t[6], (std::pair<uint16_t, Bytes>{59, {uint8_t(index >> 8), uint8_t(index)}})) << code;
     }
+    // Entry n of the domain table names, by its seq, the entry that holds the index and the code.
+    const std::string t = "/runtime/countrydomaintable:";
+    put({{t + "1/seq", "2"}, {t + "2/seq", "0"}, {t + "2/index", "20"}, {t + "2/code", "250"}});
+    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 20)), 0);
+    EXPECT_EQ(std::tuple(stored("/runtime/layout/countrycode"), stored("/sys/country_name")), std::tuple("250", "2"));
+    EXPECT_EQ(commands(), (Strings{"submit COMMIT", "", "sleep 5; reboot"}));
+    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 82)), 218);
+    EXPECT_EQ(out(), "set_country_code: Unknown country!\n");
 }
 
 // The same record applied to the primary SSID and to an additional one.
@@ -139,17 +146,6 @@ TEST_F(Wireless, SsidGroupsBeyondEveryAcceptedRequestAreRefused) {
         EXPECT_EQ(commands().empty(), groups != 201);
         tavc_record::clear();
     }
-}
-
-// Entry n of the domain table names, by its seq, the entry that holds the index and the code.
-TEST_F(Wireless, CountryIsLookedUpThroughSeq) {
-    const std::string t = "/runtime/countrydomaintable:";
-    put({{t + "1/seq", "2"}, {t + "2/seq", "0"}, {t + "2/index", "20"}, {t + "2/code", "250"}});
-    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 20)), 0);
-    EXPECT_EQ(std::tuple(stored("/runtime/layout/countrycode"), stored("/sys/country_name")), std::tuple("250", "2"));
-    EXPECT_EQ(commands(), (Strings{"submit COMMIT", "", "sleep 5; reboot"}));
-    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 82)), 218);
-    EXPECT_EQ(out(), "set_country_code: Unknown country!\n");
 }
 
 // At most 255 stations per SSID; numbering stops at the first gap.
