@@ -1,8 +1,5 @@
-// Administration handlers, seen through the recorder and the in-process
-// store: base64, the time-zone table, composed commands, launch order, walk
-// sizes and the exact reply bytes. Refusal rows are end-to-end tests.
-#include <cstdlib>
-
+// Administration handlers through the recorder and the in-process store: base64, the time-zone
+// table, composed commands, launch order, walk sizes and the exact reply bytes (refusals: e2e).
 #include "tests/tavc/handler_fixture.h"
 #include "util/base64.h"
 
@@ -10,13 +7,8 @@ namespace {
 
 using namespace fixture;
 
-// ---- base64 ------------------------------------------------------------------
-
 TEST(Base64, DecodeSkipsForeignBytesAndStopsAtThePadGroup) {
-    const struct {
-        const char *in;
-        const char *out;  // nullptr: fails
-    } cases[] = {
+    const struct { const char *in, *out; } cases[] = {  // out nullptr: fails
         {"QUJD", "ABC"},        {"QU JD", "ABC"},     {"Q\nU\tJ\rD!", "ABC"},
         {"QQ==", "A"},          {"QUI=", "AB"},       {"QQ==QUJD", "A"},
         {"Q=Q=", "@"},          {"QUJDQUJD", "ABCABC"}, {"Q===", nullptr},
@@ -28,17 +20,13 @@ TEST(Base64, DecodeSkipsForeignBytesAndStopsAtThePadGroup) {
         uint8_t out[16];
         size_t n = 99;
         int rc = tav_base64_decode(c.in, strlen(c.in), out, sizeof out, &n);
-        if (c.out == nullptr) {
-            EXPECT_EQ(rc, -1) << c.in;
-            continue;
-        }
-        ASSERT_EQ(rc, 0) << c.in;
-        EXPECT_EQ(std::string(reinterpret_cast<char *>(out), n), c.out) << c.in;
+        EXPECT_EQ(rc, c.out ? 0 : -1) << c.in;
+        if (c.out && rc == 0) { EXPECT_EQ(std::string(reinterpret_cast<char *>(out), n), c.out) << c.in; }
     }
     uint8_t six[6];
-    size_t n = 0;
-    EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, six, 5, &n), -1);  // needs 6
-    EXPECT_EQ(tav_base64_decode("QUJDQUJD", 8, six, 6, &n), 0);
+    size_t n = 0;  // "QUJDQUJD" needs 6
+    EXPECT_EQ(std::tuple(tav_base64_decode("QUJDQUJD", 8, six, 5, &n), tav_base64_decode("QUJDQUJD", 8, six, 6, &n)),
+              std::tuple(-1, 0));
 }
 
 // Round trips are base64_fuzz's.
@@ -50,32 +38,17 @@ TEST(Base64, EncodeBreaksLinesAt72) {
         EXPECT_EQ(strlen(out), n);
         return std::string(out, n);
     };
-    EXPECT_EQ(encode(""), "");
-    EXPECT_EQ(encode("A"), "QQ==\n");
-    EXPECT_EQ(encode("AB"), "QUI=\n");
-    EXPECT_EQ(encode("ABC"), "QUJD\n");
-    const std::string one_line = encode(std::string(54, 'x'));
-    EXPECT_EQ(one_line.size(), 73u);
-    EXPECT_EQ(one_line.find('\n'), 72u);
-    const std::string two_lines = encode(std::string(55, 'x'));
-    EXPECT_EQ(two_lines.size(), 72u + 1 + 4 + 1);
-    EXPECT_EQ(two_lines[72], '\n');
+    std::string xs;  // "xxx" is "eHh4"; 54 bytes make one full line of 72
+    for (int i = 0; i < 18; ++i) xs += "eHh4";
+    for (auto [in, want] : {std::pair<std::string, std::string>{"", ""}, {"A", "QQ==\n"}, {"AB", "QUI=\n"},
+                            {"ABC", "QUJD\n"}, {std::string(54, 'x'), xs + "\n"}, {std::string(55, 'x'), xs + "\neA==\n"}})
+        EXPECT_EQ(encode(in), want);
     char tiny[5];  // "QUJD\n" and its NUL need 6
     size_t n = 0;
     EXPECT_EQ(tav_base64_encode(reinterpret_cast<const uint8_t *>("ABC"), 3, tiny, sizeof tiny, &n), -1);
 }
 
-// ---- time zones --------------------------------------------------------------
-
-class Admin : public Engine {
-  protected:
-    std::string zone_reply_id() {
-        EXPECT_EQ(call(tav_get_device_date_time, tav::kOpGetDateTime, {}), 0);
-        for (const auto &[tag, v] : tlvs_of(reply_tlvs()))
-            if (tag == 303) return std::to_string(tav::get_be16(v.data()));
-        return "none";
-    }
-};
+using Admin = Engine;
 
 TEST_F(Admin, TimeZoneTableAndItsLookUpsBothWays) {
     // id -> device code, as the firmware numbers its zones (0: no code).
@@ -92,7 +65,10 @@ TEST_F(Admin, TimeZoneTableAndItsLookUpsBothWays) {
     };
     for (const auto &[code, id] : reads) {
         lrgbin_store::put("/time/timezone", code);
-        EXPECT_EQ(zone_reply_id(), id) << "code " << code;
+        ASSERT_EQ(call(tav_get_device_date_time, tav::kOpGetDateTime, {}), 0);
+        std::string got = "none";
+        for (const auto &[tag, v] : tlvs_of(reply_tlvs())) got = tag == 303 ? std::to_string(tav::get_be16(v.data())) : got;
+        EXPECT_EQ(got, id) << "code " << code;
     }
 
     const std::pair<uint16_t, const char *> writes[] = {{7, "8"}, {32, "32"}, {84, "78"}, {6, "1"},
@@ -103,73 +79,58 @@ TEST_F(Admin, TimeZoneTableAndItsLookUpsBothWays) {
     }
 }
 
-// ---- date and time -------------------------------------------------------------
-
 TEST_F(Admin, ClockRequestComposesDateAndRunsTheServicesInOrder) {
-    const std::pair<const char *, const char *> cases[] = {
-        {"20240513083005", "date -s '2024-05-13 08:30:05'"},
-        {"2024051308300599", "date -s '2024-05-13 08:30:05'"},
-        {"202405", "date -s '2024-05-00 00:00:00'"},
-        {"", "date -s '0-00-00 00:00:00'"},
-        {"  1-1-2 3 4 5 6", "date -s '1-01-02 03:04:05'"},  // each piece read alone, as atoi does
-        {"2024'; reboot", "date -s '2024-00-00 00:00:00'"},
+    const std::pair<const char *, std::string> cases[] = {  // stamp, the date set
+        {"20240513083005", "2024-05-13 08:30:05"}, {"2024051308300599", "2024-05-13 08:30:05"},
+        {"202405", "2024-05-00 00:00:00"}, {"", "0-00-00 00:00:00"}, {"2024'; reboot", "2024-00-00 00:00:00"},
+        {"  1-1-2 3 4 5 6", "1-01-02 03:04:05"},  // each piece read alone, as atoi does
     };
-    for (const auto &[stamp, command] : cases) {
+    for (const auto &[stamp, date] : cases) {
         tavc_record::clear();
-        Bytes body = admin() + tlv(35, {1}) + text(301, stamp);
-        ASSERT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, body), 0) << stamp;
-        EXPECT_EQ(commands(), (std::vector<std::string>{command, "submit COMMIT",
-                                                         "submit TIME;submit CAPTIVAL_PORTAL"}))
+        ASSERT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, admin() + tlv(35, {1}) + text(301, stamp)), 0);
+        EXPECT_EQ(commands(), (Strings{"date -s '" + date + "'", "submit COMMIT", "submit TIME;submit CAPTIVAL_PORTAL"}))
             << stamp;
     }
-    EXPECT_EQ(stored("/time/syncwith"), "2");
-    EXPECT_EQ(stored("/tavclient/time_changed"), "1");
+    EXPECT_EQ(std::tuple(stored("/time/syncwith"), stored("/tavclient/time_changed")), std::tuple("2", "1"));
     EXPECT_EQ(reply_tlvs(), be32(393, 0) + be32(394, 20000));
-}
-
-TEST_F(Admin, NtpServerValueIsCutAt255Bytes) {
-    // 255 bytes taken, the rest of the value read as records.
-    Bytes long_server(300, 'n');
-    Bytes tail = tlv(300, {0}) + be16(303, 32);
-    std::copy(tail.begin(), tail.end(), long_server.begin() + 255);
+    // NTP server: 255 bytes taken, the rest of the value read as records.
+    const Bytes long_server = Bytes(255, 'n') + tlv(300, {0}) + be16(303, 32) + Bytes(34, 'n');
     EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, admin() + tlv(36, long_server)), 0);
     EXPECT_EQ(stored("/time/ntpserver/ip"), std::string(254, 'n'));
     EXPECT_EQ(stored("/time/timezone"), "32");
 }
 
-// ---- account -------------------------------------------------------------------
-
 TEST_F(Admin, AccountChangeStoresDecodedValuesAndRestartsInAChild) {
-    lrgbin_store::put("/sys/first_init", "1");
-    lrgbin_store::put("/tavclient/time_changed", "1");
-    lrgbin_store::put("/runtime/layout/countrycode", "840");
+    put({{"/sys/first_init", "1"}, {"/tavclient/time_changed", "1"}, {"/runtime/layout/countrycode", "840"}});
     Bytes body = text(50, "bmV3LWFk bWlu") + tlv(999, {1, 2, 3}) + text(51, "cGFzcwBoaWRkZW4=") + admin();
     ASSERT_EQ(call(tav_change_ID_and_password, tav::kOpChangeIdPassword, body), 0);
     EXPECT_EQ(reply_tlvs(), be32(393, 2) + be32(394, 20000));
-    EXPECT_EQ(stored("/sys/user:1/name"), "new-admin");
-    EXPECT_EQ(stored("/sys/user:1/password"), "pass");  // ends at the decoded NUL
-    EXPECT_EQ(stored("/tavclient/password_changed"), "1");
-    EXPECT_EQ(stored("/sys/first_init"), "0");  // the wizard went
-    ASSERT_EQ(tavc_record::launches().size(), 4u);
+    // The password ends at the decoded NUL; the wizard went.
+    EXPECT_EQ(std::tuple(stored("/sys/user:1/name"), stored("/sys/user:1/password"),
+                         stored("/tavclient/password_changed"), stored("/sys/first_init")),
+              std::tuple("new-admin", "pass", "1", "0"));
+    ASSERT_EQ(commands(), (Strings{"", "submit COMMIT", "sh /etc/templates/webs.sh password", "sh /etc/templates/console.sh"}));
     EXPECT_EQ(tavc_record::launches()[0].kind, tavc_record::LaunchKind::Fork);
-    EXPECT_EQ(commands(), (std::vector<std::string>{"", "submit COMMIT", "sh /etc/templates/webs.sh password",
-                                                     "sh /etc/templates/console.sh"}));
 
-    // Tag 54 is stepped over by its declared length here: a 2-byte value
-    // does not shift the next record.
+    // Tag 54 is stepped over by its declared length here: a 2-byte value does not shift the next record.
     tavc_record::clear();
     Bytes body54 = tlv(54, {5, 0}) + text(50, "QUJD") + text(51, "QUJD") + text(55, "new-admin") + text(56, "pass");
     EXPECT_EQ(call(tav_change_ID_and_password, tav::kOpChangeIdPassword, body54), 0);
     EXPECT_EQ(stored("/sys/user:1/name"), "ABC");
 }
 
-// ---- reset -------------------------------------------------------------------
-
+// Only the reset keeping the address traces a refused login.
 TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
     const Bytes delay = tlv(392, {0, 0, 0, 10, 0xEE}, 2);  // declared 2, four bytes taken
-    for (auto [handler, op, service] : {std::tuple(&tav_reset, tav::kOpReset, " submit FRESET_EX_IP"),
-                                         std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, " submit FRESET")}) {
+    lrgbin_store::put("/runtime/tav_debug_enable", "1");
+    for (auto [handler, op, service, traced] :
+         {std::tuple(&tav_reset, tav::kOpReset, " submit FRESET_EX_IP", true),
+          std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, " submit FRESET", false)}) {
         tavc_record::clear();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(call(handler, op, text(55, "admin") + text(56, "wrong")), tav::kResultAuthFailed);
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("INVALID_AUTH") != std::string::npos, traced);
+        EXPECT_TRUE(tavc_record::launches().empty());
         // The byte after the four delay bytes is too short for a record.
         ASSERT_EQ(call(handler, op, admin() + delay), 0);
         EXPECT_EQ(reply_tlvs(), be32(393, 2) + be32(394, 300000));
@@ -180,28 +141,15 @@ TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
     }
 }
 
-TEST_F(Admin, OnlyTheResetKeepingTheAddressTracesARefusedLogin) {
-    lrgbin_store::put("/runtime/tav_debug_enable", "1");
-    for (auto [handler, op, traced] : {std::tuple(&tav_reset, tav::kOpReset, true),
-                                       std::tuple(&tav_reset_factory_settings, tav::kOpResetFactory, false)}) {
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(call(handler, op, text(55, "admin") + text(56, "wrong")), tav::kResultAuthFailed);
-        EXPECT_EQ(testing::internal::GetCapturedStderr().find("INVALID_AUTH") != std::string::npos, traced);
-    }
-    EXPECT_TRUE(tavc_record::launches().empty());
-}
-
-// ---- IPv4 and device information -----------------------------------------------
 
 TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {
-    Bytes ip = tlv(15, {192, 168, 0, 50, 0, 17, 0, 4}, 8);  // the last four bytes: a record head
-    Bytes after = Bytes{255, 255, 255, 0};                   // ...and its value (tag 17, netmask)
-    ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, admin() + ip + after), 0);
-    EXPECT_EQ(stored("/wan/rg/inf:1/static/ip"), "192.168.0.50");
-    EXPECT_EQ(stored("/wan/rg/inf:1/static/netmask"), "255.255.255.0");
-    EXPECT_EQ(stored("/wan/rg/inf:1/static/gateway"), "");
+    // The last four bytes of the address record are a record head (tag 17, netmask) for the bytes after.
+    const Bytes ip = tlv(15, {192, 168, 0, 50, 0, 17, 0, 4}, 8) + Bytes{255, 255, 255, 0};
+    ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, admin() + ip), 0);
+    EXPECT_EQ(std::tuple(stored("/wan/rg/inf:1/static/ip"), stored("/wan/rg/inf:1/static/netmask"),
+                         stored("/wan/rg/inf:1/static/gateway")), std::tuple("192.168.0.50", "255.255.255.0", ""));
     EXPECT_EQ(reply_tlvs(), tlv(388, {0}));
-    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "submit WAN; submit WLAN"}));
+    EXPECT_EQ(commands(), (Strings{"submit COMMIT", "", "submit WAN; submit WLAN"}));
 
     lrgbin_store::put("/wan/rg/inf:1/static/ip", "192.0.2.11");
     ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, admin() + tlv(25, {5}) + be32(15, 0x0A000001)), 0);
@@ -211,17 +159,15 @@ TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {
 }
 
 TEST_F(Admin, DeviceInformationCutsTheNameAndRestartsTheWebServerOnlyForThePort) {
-    Bytes name(70, 'N');
-    Bytes rest = tlv(31, {0});  // bytes 64.. of the value, read as the next record
-    std::copy(rest.begin(), rest.end(), name.begin() + 64);
+    const Bytes name = Bytes(64, 'N') + tlv(31, {0}) + Bytes{'N'};  // bytes 64.. read as the next record
     ASSERT_EQ(call(tav_set_device_information, tav::kOpSetDeviceInfo, admin() + tlv(31, {1}) + tlv(10, name)), 0);
     EXPECT_EQ(stored("/sys/systemName"), std::string(63, 'N'));
-    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT"}));
+    EXPECT_EQ(commands(), (Strings{"submit COMMIT"}));
 
     tavc_record::clear();
     ASSERT_EQ(call(tav_set_device_information, tav::kOpSetDeviceInfo, admin() + tlv(31, {1}) + be16(32, 8080)), 0);
     EXPECT_EQ(stored("/sys/web/port"), "8080");
-    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "submit HTTPD"}));
+    EXPECT_EQ(commands(), (Strings{"submit COMMIT", "", "submit HTTPD"}));
     EXPECT_EQ(reply_tlvs(), tlv(388, {0}));
 }
 

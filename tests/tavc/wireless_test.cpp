@@ -1,6 +1,6 @@
-// Wireless handlers on the in-process store and the recorder: the code
-// tables, the keys each SSID form writes, lists that fill the reply area,
-// and the commands the set handlers start, in order.
+// Wireless handlers on the in-process store and the recorder: the code tables, the keys each
+// SSID form writes, lists that fill the reply area, and the commands set handlers start, in order.
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,43 +16,29 @@ namespace {
 struct Wireless : Engine {
     void SetUp() override {
         Engine::SetUp();
-        for (int band = 1; band <= 2; ++band) {
-            lrgbin_store::put("/wlan/inf:" + std::to_string(band) + "/ap_mode", "0");
-            lrgbin_store::put("/wlan/inf:" + std::to_string(band) + "/multi/state", "1");
-        }
-        for (auto [entry, index, code] : {std::tuple{"1", "82", "276"}, {"2", "233", "826"}}) {
-            const std::string e = std::string("/runtime/countrydomaintable:") + entry;
-            lrgbin_store::put(e + "/seq", entry), lrgbin_store::put(e + "/index", index);
-            lrgbin_store::put(e + "/code", code);
-        }
-        lrgbin_store::put("/runtime/layout/countrycode", "276");
+        const std::string t = "/runtime/countrydomaintable:";
+        put({{"/wlan/inf:1/ap_mode", "0"}, {"/wlan/inf:2/ap_mode", "0"}, {"/wlan/inf:1/multi/state", "1"},
+             {"/wlan/inf:2/multi/state", "1"}, {t + "1/seq", "1"}, {t + "1/index", "82"}, {t + "1/code", "276"},
+             {t + "2/seq", "2"}, {t + "2/index", "233"}, {t + "2/code", "826"}, {"/runtime/layout/countrycode", "276"}});
     }
 };
 
-// Written with each protocol code, read back, and the credential the reply
-// carries for it.
+// Written with each protocol code, read back, and the credential the reply carries for it.
 TEST_F(Wireless, AuthenticationCodesAreABijectionWithTheirCredentials) {
-    const struct {
-        uint8_t code, stored;
-        std::vector<uint16_t> credential_tags;
-    } rows[] = {
-        {0, 0, {}},           {1, 3, {931}},        {2, 2, {932, 933, 934}},
-        {3, 5, {931}},        {4, 4, {932, 933, 934}}, {5, 15, {}},
-        {6, 16, {}},          {7, 9, {932, 933, 934}}, {8, 7, {931}},
-        {9, 14, {931}},       {10, 13, {931}},      {11, 6, {932, 933, 934}},
-        {12, 17, {932, 933, 934}},
+    const struct { uint8_t code, stored; std::vector<uint16_t> credential_tags; } rows[] = {
+        {0, 0, {}}, {1, 3, {931}}, {2, 2, {932, 933, 934}}, {3, 5, {931}}, {4, 4, {932, 933, 934}},
+        {5, 15, {}}, {6, 16, {}}, {7, 9, {932, 933, 934}}, {8, 7, {931}}, {9, 14, {931}}, {10, 13, {931}},
+        {11, 6, {932, 933, 934}}, {12, 17, {932, 933, 934}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(int(row.code));
         lrgbin_store::clear();
-        lrgbin_store::put("/wlan/inf:1/ap_mode", "0");
-        lrgbin_store::put("/wlan/inf:2/ap_mode", "1");
-        ASSERT_EQ(set_auth_type(1, 0, row.code), 0);
-        ASSERT_EQ(set_auth_type(1, 5, row.code), 0);
-        EXPECT_EQ(stored("/wlan/inf:1/authentication"), std::to_string(row.stored));
-        EXPECT_EQ(stored("/wlan/inf:1/multi/index:5/auth"), std::to_string(row.stored));
-        EXPECT_EQ(get_auth_type(1, 0), row.code);
-        EXPECT_EQ(get_auth_type(1, 5), row.code);
+        put({{"/wlan/inf:1/ap_mode", "0"}, {"/wlan/inf:2/ap_mode", "1"}});
+        ASSERT_EQ(std::tuple(set_auth_type(1, 0, row.code), set_auth_type(1, 5, row.code)), std::tuple(0, 0));
+        const std::string want = std::to_string(row.stored);
+        EXPECT_EQ(std::tuple(stored("/wlan/inf:1/authentication"), stored("/wlan/inf:1/multi/index:5/auth")),
+                  std::tuple(want, want));
+        EXPECT_EQ(std::tuple(get_auth_type(1, 0), get_auth_type(1, 5)), std::tuple(row.code, row.code));
         ASSERT_EQ(call(tav_get_ssid_list, tav::kOpGetSsidList, {}), 0);
         std::vector<uint16_t> tags;  // of SSID 0: between 930 and 935
         bool in = false;
@@ -81,67 +67,55 @@ TEST(WirelessModes, StoredPerBandAndReadBack) {
     for (uint16_t code = 0; code < 70; ++code) {
         auto it = accepted.find(code);
         const auto want = it == accepted.end() ? std::pair{0, 0} : it->second;
-        EXPECT_EQ(wireless::stored_mode(1, code), want.first) << code;
-        EXPECT_EQ(wireless::stored_mode(2, code), want.second) << code;
-        EXPECT_EQ(wireless::stored_mode(7, code), want.second) << "any other band reads as band 2";
+        EXPECT_EQ(std::tuple(wireless::stored_mode(1, code), wireless::stored_mode(2, code), wireless::stored_mode(7, code)),
+                  std::tuple(want.first, want.second, want.second)) << code << ": any other band reads as band 2";
     }
-    const int band1[] = {8, 14, 6, 8, 32, 8, 8};  // stored 0..6
-    const int band2[] = {8, 9, 1, 8, 25, 32, 8};
-    for (int stored = 0; stored <= 6; ++stored) {
-        EXPECT_EQ(wireless::mode_code_of(1, stored), band1[stored]) << stored;
-        EXPECT_EQ(wireless::mode_code_of(2, stored), band2[stored]) << stored;
-    }
-    EXPECT_EQ(wireless::supported_modes(1), 46);
-    EXPECT_EQ(wireless::supported_modes(2), 57);
+    const int band1[] = {8, 14, 6, 8, 32, 8, 8}, band2[] = {8, 9, 1, 8, 25, 32, 8};  // stored 0..6
+    for (int stored = 0; stored <= 6; ++stored)
+        EXPECT_EQ(std::tuple(wireless::mode_code_of(1, stored), wireless::mode_code_of(2, stored)),
+                  std::tuple(band1[stored], band2[stored])) << stored;
+    EXPECT_EQ(std::tuple(wireless::supported_modes(1), wireless::supported_modes(2)), std::tuple(46, 57));
 }
 
-TEST_F(Wireless, LockedCountriesReportTheirFixedIndex) {
+TEST_F(Wireless, LockedCountriesReportTheirFixedIndexOthersAreLookedUpThroughSeq) {
     lrgbin_store::put("/sys/country_index", "77");
     const std::pair<const char *, uint16_t> rows[] = {
-        {"376", 106}, {"392", 110}, {"410", 205}, {"840", 234},
-        {"276", 77},  {"841", 77},  {"375", 77},  {"", 77}};
+        {"376", 106}, {"392", 110}, {"410", 205}, {"840", 234}, {"276", 77}, {"841", 77}, {"375", 77}, {"", 77}};
     for (auto [code, index] : rows) {
         lrgbin_store::put("/runtime/layout/countrycode", code);
         ASSERT_EQ(call(tav_get_wireless_information, tav::kOpGetWirelessInfo, {}), 0);
         const Tlvs t = tlvs_of(reply_tlvs());
         ASSERT_EQ(t.size(), 7u);
-        EXPECT_EQ(t[6].first, 59);
-        EXPECT_EQ(t[6].second, (Bytes{uint8_t(index >> 8), uint8_t(index)})) << code;
+        EXPECT_EQ(t[6], (std::pair<uint16_t, Bytes>{59, {uint8_t(index >> 8), uint8_t(index)}})) << code;
     }
+    // Entry n of the domain table names, by its seq, the entry that holds the index and the code.
+    const std::string t = "/runtime/countrydomaintable:";
+    put({{t + "1/seq", "2"}, {t + "2/seq", "0"}, {t + "2/index", "20"}, {t + "2/code", "250"}});
+    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 20)), 0);
+    EXPECT_EQ(std::tuple(stored("/runtime/layout/countrycode"), stored("/sys/country_name")), std::tuple("250", "2"));
+    EXPECT_EQ(commands(), (Strings{"submit COMMIT", "", "sleep 5; reboot"}));
+    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 82)), 218);
+    EXPECT_EQ(out(), "set_country_code: Unknown country!\n");
 }
 
 // The same record applied to the primary SSID and to an additional one.
 TEST_F(Wireless, SsidRecordWritesTheKeysOfItsForm) {
-    ssid_info rec{};
-    rec.band = 2;
-    rec.auth_type = 4;
-    rec.radius_address_type = 1;
-    std::strcpy(rec.ssid_name, "Corp");
-    std::strcpy(rec.radius_address, "198.51.100.7");
-    std::strcpy(rec.radius_secret, "s3cret");
-    rec.ssid_status = 5;
-    rec.has_radius_address = true;
-    rec.has_vlan_id = true;
-    rec.vlan_id[0] = 0x10, rec.vlan_id[1] = 0x00;  // 4096
+    ssid_info rec{.ssid_index = 0, .ssid_name = "Corp", .band = 2, .auth_type = 4, .passphrase = "",
+                  .radius_address_type = 1, .radius_address = "198.51.100.7", .radius_secret = "s3cret",
+                  .vlan_id = {0x10, 0x00} /* 4096 */, .ssid_status = 5, .has_vlan_id = true,
+                  .has_passphrase = false, .has_radius_address = true};
     lrgbin_store::put("/wlan/inf:2/multi/state", "0");
     for (uint8_t index : {0, 3}) {
         rec.ssid_index = index;
         ASSERT_EQ(set_ssid_info(rec), 0);
     }
     const std::map<std::string, std::string> want{
-        {"/wlan/inf:2/ssid", "Corp"},
-        {"/wlan/inf:2/vlan_id", "4096"},
-        {"/wlan/inf:2/authentication", "4"},
-        {"/wlan/inf:2/wpa/wepmode", "4"},
-        {"/wlan/inf:2/wpa/radiusserver", "198.51.100.7"},
-        {"/wlan/inf:2/wpa/radiussecret", "s3cret"},
-        {"/wlan/inf:2/multi/state", "1"},
-        {"/wlan/inf:2/multi/index:3/state", "5"},
-        {"/wlan/inf:2/multi/index:3/ssid", "Corp"},
-        {"/wlan/inf:2/multi/index:3/vlan_id", "4096"},
-        {"/wlan/inf:2/multi/index:3/auth", "4"},
-        {"/wlan/inf:2/multi/index:3/cipher", "4"},
-        {"/wlan/inf:2/multi/index:3/radius_server", "198.51.100.7"},
+        {"/wlan/inf:2/ssid", "Corp"}, {"/wlan/inf:2/vlan_id", "4096"}, {"/wlan/inf:2/authentication", "4"},
+        {"/wlan/inf:2/wpa/wepmode", "4"}, {"/wlan/inf:2/wpa/radiusserver", "198.51.100.7"},
+        {"/wlan/inf:2/wpa/radiussecret", "s3cret"}, {"/wlan/inf:2/multi/state", "1"},
+        {"/wlan/inf:2/multi/index:3/state", "5"}, {"/wlan/inf:2/multi/index:3/ssid", "Corp"},
+        {"/wlan/inf:2/multi/index:3/vlan_id", "4096"}, {"/wlan/inf:2/multi/index:3/auth", "4"},
+        {"/wlan/inf:2/multi/index:3/cipher", "4"}, {"/wlan/inf:2/multi/index:3/radius_server", "198.51.100.7"},
         {"/wlan/inf:2/multi/index:3/radius_secret", "s3cret"},
     };
     std::map<std::string, std::string> got;
@@ -154,41 +128,24 @@ TEST_F(Wireless, SsidRecordWritesTheKeysOfItsForm) {
     std::strcpy(rec.ssid_name, "Other");
     rec.auth_type = 0;
     EXPECT_EQ(set_ssid_info(rec), 65535);
-    EXPECT_EQ(stored("/wlan/inf:2/multi/index:3/ssid"), "Other");
-    EXPECT_EQ(stored("/wlan/inf:2/multi/index:3/auth"), "4");
-    EXPECT_EQ(set_vlan_id(1, 1, 4096), 0);
-    EXPECT_EQ(set_vlan_id(1, 1, 4097), -1);
+    EXPECT_EQ(std::tuple(stored("/wlan/inf:2/multi/index:3/ssid"), stored("/wlan/inf:2/multi/index:3/auth")),
+              std::tuple("Other", "4"));
+    EXPECT_EQ(std::tuple(set_vlan_id(1, 1, 4096), set_vlan_id(1, 1, 4097)), std::tuple(0, -1));
 }
 
-// Of 202 groups (more than any accepted request holds) the last finds no
-// record: refused before anything is written.
+// Of 202 groups (more than any accepted request holds) the last finds no record: refused
+// before anything is written.
 TEST_F(Wireless, SsidGroupsBeyondEveryAcceptedRequestAreRefused) {
     for (int groups : {201, 202}) {
         Bytes body = admin();
         for (int i = 1; i < groups; ++i) body = body + u8(926, 1);  // band mask 0: no writes
         body = body + u8(926, 1) + text(927, "Last") + u8(928, 1) + u8(935, 1);
         lrgbin_store::put("/wlan/inf:1/multi/index:1/ssid", "Before");
-        const int result = call(tav_set_ssid_list, tav::kOpSetSsidList, body);
-        EXPECT_EQ(result, groups == 201 ? 0 : 65533) << groups;
+        EXPECT_EQ(call(tav_set_ssid_list, tav::kOpSetSsidList, body), groups == 201 ? 0 : 65533) << groups;
         EXPECT_EQ(stored("/wlan/inf:1/multi/index:1/ssid"), groups == 201 ? "Last" : "Before");
         EXPECT_EQ(commands().empty(), groups != 201);
         tavc_record::clear();
     }
-}
-
-// Entry n of the domain table names, by its seq, the entry that holds the
-// index and the code.
-TEST_F(Wireless, CountryIsLookedUpThroughSeq) {
-    lrgbin_store::put("/runtime/countrydomaintable:1/seq", "2");
-    lrgbin_store::put("/runtime/countrydomaintable:2/seq", "0");
-    lrgbin_store::put("/runtime/countrydomaintable:2/index", "20");
-    lrgbin_store::put("/runtime/countrydomaintable:2/code", "250");
-    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 20)), 0);
-    EXPECT_EQ(stored("/runtime/layout/countrycode"), "250");
-    EXPECT_EQ(stored("/sys/country_name"), "2");
-    EXPECT_EQ(commands(), (std::vector<std::string>{"submit COMMIT", "", "sleep 5; reboot"}));
-    EXPECT_EQ(call(tav_set_wireless_information, tav::kOpSetWirelessInfo, admin() + be16(59, 82)), 218);
-    EXPECT_EQ(out(), "set_country_code: Unknown country!\n");
 }
 
 // At most 255 stations per SSID; numbering stops at the first gap.
@@ -205,33 +162,22 @@ TEST_F(Wireless, ClientNumbersEndAt255OrAtAGap) {
     EXPECT_EQ(per_ssid, (std::map<uint8_t, int>{{1, 255}, {2, 2}}));
 }
 
-// Client and device lists stop before the group that would not fit and
-// still end with their closing record.
+// Client and device lists stop before the group that would not fit and still end with
+// their closing record.
 TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
     const std::string name62(62, 'n');
     for (int band = 1; band <= 2; ++band)
         for (int idx = 0; idx <= 7; ++idx) {
-            const std::string b = "/wlan/inf:" + std::to_string(band);
-            lrgbin_store::put(idx ? b + "/multi/index:" + std::to_string(idx) + "/ssid" : b + "/ssid",
-                              name62);
-            if (idx) lrgbin_store::put(b + "/multi/index:" + std::to_string(idx) + "/state", "1");
-            for (int n = 1; n <= 255; ++n) {
-                std::string k = "/runtime/stats/wlan/inf:" + std::to_string(band) +
-                                (idx ? "/mssid:" + std::to_string(idx) : "") +
-                                "/client:" + std::to_string(n);
-                lrgbin_store::put(k + "/mac", "00:00:5e:00:53:01");
-            }
+            const std::string b = "/wlan/inf:" + std::to_string(band), i = std::to_string(idx);
+            lrgbin_store::put(idx ? b + "/multi/index:" + i + "/ssid" : b + "/ssid", name62);
+            if (idx) lrgbin_store::put(b + "/multi/index:" + i + "/state", "1");
+            const std::string c = "/runtime/stats/wlan/inf:" + std::to_string(band) + (idx ? "/mssid:" + i : "") + "/client:";
+            for (int n = 1; n <= 255; ++n) lrgbin_store::put(c + std::to_string(n) + "/mac", "00:00:5e:00:53:01");
         }
     const std::string m = "/runtime/super_mesh/mesh_member_ap_list/index:";
-    for (int i = 1; i <= 600; ++i) {
-        lrgbin_store::put(m + std::to_string(i) + "/model", std::string(40, 'm'));
-        lrgbin_store::put(m + std::to_string(i) + "/devname", std::string(70, 'd'));
-    }
-    const struct {
-        int (*handler)(const uint8_t *, uint16_t, uint8_t *);
-        uint16_t op, group_bytes, opening_tag, closing;
-        Bytes body;
-    } rows[] = {
+    for (int i = 1; i <= 600; ++i)
+        put({{m + std::to_string(i) + "/model", std::string(40, 'm')}, {m + std::to_string(i) + "/devname", std::string(70, 'd')}});
+    const struct { Handler handler; uint16_t op, group_bytes, opening_tag, closing; Bytes body; } rows[] = {
         {tav_get_client_list, tav::kOpGetClientList, 38 + 62, 14, 0, {}},
         {tav_get_ap_array_device_list, tav::kOpGetApArrayDeviceList, 130, 502, 0xEEEE, u8(943, 3)},
     };
@@ -245,9 +191,7 @@ TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
         const size_t groups = (body.size() - 6) / row.group_bytes;
         EXPECT_EQ(body.size(), groups * row.group_bytes + 6) << "whole groups only";
         EXPECT_GT(body.size() + row.group_bytes, tav::kReplyArea) << "no room was left unused";
-        size_t opened = 0;
-        for (const auto &[tag, v] : t) opened += tag == row.opening_tag;
-        EXPECT_EQ(opened, groups);
+        EXPECT_EQ(size_t(std::ranges::count(t, row.opening_tag, &std::pair<uint16_t, Bytes>::first)), groups);
     }
 }
 
