@@ -97,6 +97,9 @@ TEST(Text, CliGetValReadsASmallFileNamedPrintfStyle) {
     char buf[4] = {'x', 'x', 'x', 'x'};
     EXPECT_EQ(cli_get_val(buf, 4, "%s/%s", ".", "val"), 4);
     EXPECT_STREQ(buf, "123");
+    EXPECT_EQ(cli_get_val(buf, 1, "val"), 1);  // one byte read, and cut for the NUL
+    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(cli_get_val(buf, 0, "val"), -1);
     EXPECT_EQ(cli_get_val(buf, 4, "missing"), -1);
     EXPECT_STREQ(buf, "");
 }
