@@ -147,7 +147,8 @@ TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {
     const Bytes ip = tlv(15, {192, 168, 0, 50, 0, 17, 0, 4}, 8) + Bytes{255, 255, 255, 0};
     ASSERT_EQ(call(tav_set_ipv4_address, tav::kOpSetIpv4, admin() + ip), 0);
     EXPECT_EQ(std::tuple(stored("/wan/rg/inf:1/static/ip"), stored("/wan/rg/inf:1/static/netmask"),
-                         stored("/wan/rg/inf:1/static/gateway")), std::tuple("192.168.0.50", "255.255.255.0", ""));
+                         stored("/wan/rg/inf:1/static/gateway"), stored("/dnsrelay/server/primarydns")),
+              std::tuple("192.168.0.50", "255.255.255.0", "", ""));
     EXPECT_EQ(reply_tlvs(), tlv(388, {0}));
     EXPECT_EQ(commands(), (Strings{"submit COMMIT", "", "submit WAN; submit WLAN"}));
 
