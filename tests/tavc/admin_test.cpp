@@ -142,6 +142,18 @@ TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
 }
 
 
+// SNMP communities: 29 characters are written, 30 refused with their mask bit
+// (little-endian in this reply) and message.
+TEST_F(Admin, SnmpCommunitiesOfThirtyCharactersAreRefused) {
+    const std::string ok(29, 'r'), too_long(30, 'w');
+    EXPECT_EQ(call(tav_set_snmp_configuration, tav::kOpSetSnmp,
+                   u8(39, 1) + text(40, ok.c_str()) + text(41, too_long.c_str()) + admin()),
+              tav::kResultSnmpPartial);
+    EXPECT_EQ(std::tuple(stored("/sys/snmpd/rocomm"), stored("/sys/snmpd/rwcomm")), std::tuple(ok, std::string("<unset>")));
+    EXPECT_EQ(reply_tlvs(), be32(393, 0) + be32(394, 20) + tlv(395, {4, 0, 0, 0}));
+    EXPECT_NE(out().find("error:snmp_rwcomm too long"), std::string::npos);
+}
+
 TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {
     // The last four bytes of the address record are a record head (tag 17, netmask) for the bytes after.
     const Bytes ip = tlv(15, {192, 168, 0, 50, 0, 17, 0, 4}, 8) + Bytes{255, 255, 255, 0};
