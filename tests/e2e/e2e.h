@@ -5,6 +5,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <poll.h>
@@ -203,7 +204,20 @@ class FrameTap {
         sll.sll_family = AF_PACKET;
         sll.sll_protocol = htons(tav::kEtherType);
         sll.sll_ifindex = int(if_nametoindex("eth0"));
-        if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0)
+        // Our own frames are dropped in the kernel and the buffer is large:
+        // under a flood, a tap that queued what it sent would lose what it
+        // waits for.
+        sock_filter drop_outgoing[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, uint32_t(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, 0),
+            BPF_STMT(BPF_RET | BPF_K, 0xFFFF),
+        };
+        const sock_fprog prog{std::size(drop_outgoing), drop_outgoing};
+        const int rcvbuf = 8 << 20;
+        if (fd_ < 0 || ::setsockopt(fd_, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog) != 0 ||
+            ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof rcvbuf) != 0 ||
+            ::bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0)
             ADD_FAILURE() << "no frame tap in " << netns;
     }
     ~FrameTap() { fd_ >= 0 && ::close(fd_); }
@@ -221,7 +235,7 @@ class FrameTap {
             sockaddr_ll from{};
             socklen_t fl = sizeof from;
             const ssize_t n = ::recvfrom(fd_, buf.data(), buf.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fl);
-            if (n < ssize_t(kHead) || from.sll_pkttype == PACKET_OUTGOING) continue;
+            if (n < ssize_t(kHead)) continue;
             Frame f;
             std::copy_n(buf.begin(), 6, f.dst.begin());
             std::copy_n(buf.begin() + 6, 6, f.src.begin());
