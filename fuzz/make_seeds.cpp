@@ -3,8 +3,7 @@
 // precedence, the lab administrator's credentials and every tag that the op
 // code's requests take (from the tag table, so new tags and handlers are
 // covered without touching this file), and the same without a body; for the
-// reply decoder, a reply of every op code with its reply tags; for the
-// database server, one request of every command.
+// reply decoder, a reply of every op code with its reply tags.
 //
 // Usage: make_seeds OUTDIR
 #include <sys/stat.h>
@@ -72,38 +71,6 @@ void reply_seeds() {
     }
 }
 
-// Header in the host's order (the socket never leaves the machine).
-Bytes db_request(uint16_t cmd, std::string_view arg) {
-    Bytes b(16, 0);
-    const uint16_t len = uint16_t(arg.size() + 1);
-    std::memcpy(b.data(), &cmd, 2);
-    std::memcpy(b.data() + 2, &len, 2);
-    b.insert(b.end(), arg.begin(), arg.end());
-    b.push_back(0);
-    return b;
-}
-
-void xmldb_seeds() {
-    const std::pair<uint16_t, std::string_view> cmds[] = {
-        {1, "/sys/hostname"},
-        {2, "/sys/hostname ap9"},
-        {3, "/wlan/inf:1"},
-        {4, "state"},
-        {5, "state"},
-        {6, "patch.txt"},
-        {7, "/sys/a 1\n/sys/b two words\\n\n# note\n"},
-        {8, "/runtime/x 1"},
-        {10, "host=<?rgdb /sys/hostname?> ip=<?rgdb /runtime/wan/inf:1/ip ?>"},
-    };
-    Bytes all;
-    for (auto [cmd, arg] : cmds) {
-        Bytes b = db_request(cmd, arg);
-        write("xmldb", "cmd" + std::to_string(cmd), b);
-        all.insert(all.end(), b.begin(), b.end());
-    }
-    write("xmldb", "sequence", all);
-}
-
 void base64_seeds() {
     for (std::string_view s : {"YWRtaW4=", "c2VjcmV0", "YQ==", "", "////", "not base64!"})
         write("base64", "s" + std::to_string(s.size()) + "_" + hex4(uint16_t(s.empty() ? 0 : s[0])),
@@ -130,7 +97,7 @@ void engine_dict() {
 
 int main(int argc, char **argv) {
     if (argc != 2 || std::strcmp(argv[1], "--help") == 0) {
-        std::fputs("usage: make_seeds OUTDIR\nWrites the fuzz corpora (engine, reply, xmldb, base64) "
+        std::fputs("usage: make_seeds OUTDIR\nWrites the fuzz corpora (engine, reply, base64) "
                    "and engine.dict into OUTDIR.\n",
                    argc == 2 ? stdout : stderr);
         return argc == 2 ? 0 : 2;
@@ -139,7 +106,6 @@ int main(int argc, char **argv) {
     mkdir(g_out.c_str(), 0755);
     engine_seeds();
     reply_seeds();
-    xmldb_seeds();
     base64_seeds();
     engine_dict();
     return 0;

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
-      iproute2 util-linux procps clang libclang-rt-14-dev valgrind "$@")
+      iproute2 util-linux procps clang libclang-rt-14-dev "$@")
 
 missing=()
 for p in "${pkgs[@]}"; do

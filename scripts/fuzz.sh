@@ -57,7 +57,7 @@ fuzz_one() {
     [ -n "$summary" ] && echo "$t ${execs:-0} ${cov:-0} ${ft:-0} ${units:-0}" >> "$summary"
     if [ $rc -ne 0 ]; then
         echo "fuzz: $t FOUND A PROBLEM (exit $rc); its log: $log" >&2
-        grep -E '^(==[0-9]+==|SUMMARY|engine_fuzz|xmldb_fuzz|reply_fuzz|base64_fuzz|fuzz guard|.*runtime error)' "$log" | head -20 >&2
+        grep -E '^(==[0-9]+==|SUMMARY|engine_fuzz|reply_fuzz|base64_fuzz|fuzz guard|.*runtime error)' "$log" | head -20 >&2
         ls "$findings" >&2
     fi
     echo "$rc" > "$out/$t.rc"

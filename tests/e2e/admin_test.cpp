@@ -16,8 +16,6 @@ std::string values(const Lab &lab, std::initializer_list<const char *> keys) {
     for (const char *k : keys) s += (s.empty() ? "" : " ") + lab.db_get(1, k);
     return s;
 }
-// An 80-byte user value whose bytes from 65 on are records of their own.
-Bytes name80() { return Bytes(65, 0) + text(55, "admin") + u8(999, 0); }
 
 E2E_SUITE(AdminRefusals, "refu", 1, "");
 
@@ -30,7 +28,8 @@ TEST_F(AdminRefusals, AnswerWithTheirCodeAndChangeNothing) {
     } cases[] = {
         {0xA4, account + wrong_creds(), 0x40},
         {0xA4, text(50, "Q===") + text(51, "QUJD") + creds(), 1001},
-        {0xAA, tlv(55, name80()) + text(56, "admin"), 0x40},  // the user name takes all 80 bytes
+        // An 80-byte user name whose bytes from 65 on would be records of their own.
+        {0xAA, tlv(55, Bytes(65, 0) + text(55, "admin") + u8(999, 0)) + text(56, "admin"), 0x40},
         {0xD4, u8(39, 0) + text(40, "new") + u8(44, 1) + creds(), 0x40},
         {0xE3, u8(31, 0) + text(10, "x") + wrong_creds(), 0x40},
         {0xE5, u8(300, 1) + text(36, "127.0.0.1") + creds(), 105},
@@ -82,36 +81,6 @@ TEST_F(Account, NewAccountWorksAtOnceAndServicesRestartAfterTheReply) {
     EXPECT_NE(slurp(lab().run_file(1, "xmldb.state")).find("/sys/user:1/name new-admin\n"), std::string::npos);
     EXPECT_EQ(send_body(mgr, tav::kOpUserVerification, creds("new-admin", "n3w pass%"))->result(), 0);
     EXPECT_EQ(send_body(mgr, tav::kOpUserVerification, creds())->result(), 0x40);
-}
-
-E2E_SUITE(Reset, "rst", 1, "");
-
-// Both resets answer at once, run "submit" after the delay in a child and
-// bring the access point back (simulated reboot) with the kept keys.
-TEST_F(Reset, ResetsRunAfterTheirDelayAndKeepWhatTheyShould) {
-    const struct {
-        uint16_t op;
-        Bytes body;  // 0xAB: the delay's length says 2, four bytes count
-        const char *command, *wan_mode_after;
-    } cases[] = {
-        {tav::kOpResetFactory, tlv(55, name80()) + text(56, "admin") + tlv(392, {0, 0, 0, 2, 0}, 2), "submit FRESET", "1"},
-        {tav::kOpReset, creds() + be32(392, 2), "submit FRESET_EX_IP", "2"},
-    };
-    Client mgr = lab().raw();
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.command);
-        ASSERT_TRUE(lab().db_set(1, "/sys/systemName", "changed") && lab().db_set(1, "/wan/rg/inf:1/mode", "2"));
-        const std::string boots = boot_count(lab());
-        Events ev(lab(), 1);
-        const auto sent = Clock::now();
-        auto r = send_body(mgr, c.op, c.body);
-        ASSERT_TRUE(r);
-        EXPECT_EQ(std::tuple(r->result(), listing(r->tlvs)), std::tuple(0, std::string("393=00000002\n394=000493e0\n")));
-        EXPECT_EQ(ev.wait(1), Lines{c.command});
-        EXPECT_GE(Clock::now() - sent, 2s) << "the delay was not waited out";
-        ASSERT_TRUE(rebooted(lab(), boots));
-        EXPECT_EQ(values(lab(), {"/sys/systemName", "/wan/rg/inf:1/mode"}), std::string("AP-Lab-1 ") + c.wan_mode_after);
-    }
 }
 
 E2E_SUITE(Settings, "set", 1, "");

@@ -138,16 +138,13 @@ TEST_F(Dispatch, CutOverlongOrAlteredInputIsDroppedQuietly) {
 }
 
 TEST_F(Dispatch, RawReplyIsBroadcastFromTheDeviceMac) {
-    FrameTap tap(lab().netns_mgr());
+    Client tap = lab().raw();
     const uint16_t seq = lab().raw(kOwnMac).send_request(tav::kOpDiscovery, {}).value();
-    auto f = tap.next(
-        [&](const auto &f) {
-            return f.src == ap_mac(1) && f.msg && is_reply_to(*f.msg, seq, tav::kOpDiscovery);
-        },
-        kLong);
-    ASSERT_TRUE(f) << "no reply";
-    EXPECT_EQ(f->dst, tav::kBroadcastMac);
-    EXPECT_EQ(f->msg->header->target_mac, kOwnMac);
+    auto m = tap.wait_for([&](const Message &m) { return m.src_mac == ap_mac(1) && is_reply_to(m, seq, tav::kOpDiscovery); },
+                          kLong);
+    ASSERT_TRUE(m) << "no reply";
+    EXPECT_EQ(m->dst_mac, tav::kBroadcastMac);
+    EXPECT_EQ(m->header->target_mac, kOwnMac);
 }
 
 // A datagram names its sender by the MAC the access point's ARP cache holds

@@ -1,14 +1,9 @@
 // Shared pieces of the end-to-end suites: a lab instance per suite, shell
 // access to its hosts, the daemon's output and stub events, managers on the
-// client library, a frame tap that also sees Ethernet addresses, and
-// requests with hand-picked header fields.
+// client library, and requests with hand-picked header fields.
 #pragma once
 
 #include <arpa/inet.h>
-#include <linux/filter.h>
-#include <linux/if_packet.h>
-#include <net/if.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -184,78 +179,10 @@ struct Events : Tail {
     }
 };
 
-// Raw frames of the protocol's EtherType as they cross the manager's
-// interface, with the Ethernet addresses the client does not expose.
-class FrameTap {
-  public:
-    struct Frame {
-        Mac dst{}, src{};
-        std::optional<Message> msg;  // empty when it did not decipher
-    };
-    // A tap that cannot listen fails the test at once (it would see nothing).
-    explicit FrameTap(const std::string &netns) {
-        auto c = tav::client::Cipher::load(cipher_path());
-        auto scope = tav::client::NetnsScope::enter(netns);
-        if (c && scope) {
-            cipher_ = std::make_unique<tav::client::Cipher>(std::move(*c));
-            fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(tav::kEtherType));
-        }
-        sockaddr_ll sll{};
-        sll.sll_family = AF_PACKET;
-        sll.sll_protocol = htons(tav::kEtherType);
-        sll.sll_ifindex = int(if_nametoindex("eth0"));
-        // Our own frames are dropped in the kernel and the buffer is large:
-        // under a flood, a tap that queued what it sent would lose what it
-        // waits for.
-        sock_filter drop_outgoing[] = {
-            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, uint32_t(SKF_AD_OFF + SKF_AD_PKTTYPE)),
-            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 1),
-            BPF_STMT(BPF_RET | BPF_K, 0),
-            BPF_STMT(BPF_RET | BPF_K, 0xFFFF),
-        };
-        const sock_fprog prog{std::size(drop_outgoing), drop_outgoing};
-        const int rcvbuf = 8 << 20;
-        if (fd_ < 0 || ::setsockopt(fd_, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog) != 0 ||
-            ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof rcvbuf) != 0 ||
-            ::bind(fd_, reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0)
-            ADD_FAILURE() << "no frame tap in " << netns;
-    }
-    ~FrameTap() { fd_ >= 0 && ::close(fd_); }
-    FrameTap(const FrameTap &) = delete;
-
-    // The next frame that satisfies `pred` within `window`.
-    std::optional<Frame> next(const std::function<bool(const Frame &)> &pred, std::chrono::milliseconds window) {
-        constexpr size_t kHead = tav::kEthHeaderLen + tav::kSelectorLen;
-        Bytes buf(kHead + tav::kMaxCipherLen);
-        for (const auto deadline = Clock::now() + window; fd_ >= 0;) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            if (left.count() < 0) return std::nullopt;
-            pollfd p{fd_, POLLIN, 0};
-            if (::poll(&p, 1, int(left.count()) + 1) <= 0) continue;
-            sockaddr_ll from{};
-            socklen_t fl = sizeof from;
-            const ssize_t n = ::recvfrom(fd_, buf.data(), buf.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fl);
-            if (n < ssize_t(kHead)) continue;
-            Frame f;
-            std::copy_n(buf.begin(), 6, f.dst.begin());
-            std::copy_n(buf.begin() + 6, 6, f.src.begin());
-            const uint16_t selector = tav::get_be16(buf.data() + tav::kEthHeaderLen);
-            if (auto plain = cipher_->decode(selector, {buf.data() + kHead, size_t(n) - kHead})) {
-                f.msg = tav::client::parse_message(*plain);
-                f.msg->src_mac = f.src;
-            }
-            if (pred(f)) return f;
-        }
-        return std::nullopt;
-    }
-
-  private:
-    int fd_ = -1;
-    std::unique_ptr<tav::client::Cipher> cipher_;
-};
-// Frames the access point sent of its own with op code `op`.
-inline std::function<bool(const FrameTap::Frame &)> own(uint16_t op, int ap = 1) {
-    return [op, ap](const FrameTap::Frame &f) { return f.src == ap_mac(ap) && f.msg && f.msg->op_code() == op; };
+// Frames the access point sent of its own with op code `op` (a raw client
+// sees every frame of the protocol on the manager's segment).
+inline auto own(uint16_t op, int ap = 1) {
+    return [op, ap](const Message &m) { return m.src_mac == ap_mac(ap) && m.header && m.op_code() == op; };
 }
 
 // A request header of the raw (ipv4 = false) or IPv4 form, to any target.

@@ -1,11 +1,10 @@
 // Faults around the daemon, in the lab: its configuration database absent,
 // killed, stalled and restarted; SIGTERM in the middle of a flood; thousands
-// of delayed children; a thousand managers at once. The daemon must never
+// of delayed children. The daemon must never
 // crash, keep the database client's promises (empty values, failed calls, no
 // retry), and serve normally again once the database is back.
 #include <atomic>
 #include <cstdio>
-#include <map>
 
 #include "tests/e2e/hostile_support.h"
 
@@ -119,7 +118,7 @@ E2E_SUITE(TermMidFlood, "tflood", 1, "--build " + quote(daemon_build()));
 TEST_F(TermMidFlood, OneByeAndExitStatusOne) {
     const int pid = daemon_pid(lab());
     ASSERT_GT(pid, 0);
-    FrameTap tap(lab().netns_mgr());
+    Client tap = lab().raw();
     std::atomic<bool> stop{false};
     std::atomic<long> sent{0};
     std::thread flood([&] {  // until the test ends it, and never more than this many
@@ -135,12 +134,10 @@ TEST_F(TermMidFlood, OneByeAndExitStatusOne) {
     while (sent < 2000) std::this_thread::sleep_for(10ms);
     std::thread term([&] { EXPECT_EQ(terminate_daemon(lab(), pid), 1); });
     int byes = 0;
-    auto is_bye = [](const FrameTap::Frame &f) {
-        return f.src == ap_mac(1) && f.msg && f.msg->is_announcement() && f.msg->op_code() == tav::kOpBye;
-    };
-    if (tap.next(is_bye, kLong)) ++byes;
+    auto is_bye = [bye = own(tav::kOpBye)](const Message &m) { return m.is_announcement() && bye(m); };
+    if (tap.wait_for(is_bye, kLong)) ++byes;
     term.join();
-    while (tap.next(is_bye, 2s)) ++byes;
+    while (tap.wait_for(is_bye, 2s)) ++byes;
     EXPECT_EQ(byes, 1);
     // Nothing of the daemon is left: no process, no UDP port, no raw socket.
     const Sh left = lab().on_ap(1, "cat /proc/[0-9]*/comm /proc/net/udp /proc/net/packet");
@@ -170,38 +167,6 @@ TEST_F(DelayedChildren, TwoThousandAreReapedOnceTheyEnd) {
     EXPECT_TRUE(until([&] { return daemon_children(lab()) == 0; }, kLong))
         << daemon_children(lab()) << " children left; zombies: " << daemon_zombies(lab());
     EXPECT_TRUE(raw.request_one(tav::kOpDiscovery, {}, kLong));
-}
-
-E2E_SUITE(ManyManagers, "many", 1, "--build " + quote(daemon_build()));
-
-// A thousand managers (one raw client, each with a source MAC of its own), 50
-// sent back to back at a time, twice over, with random precedences: each
-// answer weighs every stored claim. (The registry's bound of 1024: unit tests.)
-TEST_F(ManyManagers, ThousandAtOnceWithPrecedenceTraffic) {
-    constexpr int kManagers = 1000, kBatch = 50;
-    Client c = lab().raw();
-    auto mac = [](int who) { return Mac{0x02, 0xe3, 0x00, uint8_t(who >> 8), uint8_t(who), 0x01}; };
-    std::mt19937 rng(42);
-    std::map<int, int> held;  // manager -> its precedence for the op code
-    for (int round = 0; round < 2; ++round)
-        for (int base = 0; base < kManagers; base += kBatch) {
-            std::map<std::pair<Mac, uint16_t>, uint16_t> expect, got;
-            for (int who = base; who < base + kBatch; ++who) {
-                const int p = int(rng() % 256);
-                static_cast<tav::client::RawTransport &>(c.transport()).set_source_mac(mac(who));
-                auto seq = c.send_request(tav::kOpUserVerification, tav::requests::lead("admin", "admin", uint8_t(p)));
-                ASSERT_TRUE(seq);
-                int top = p;  // over every entry, the manager's own earlier one too
-                for (auto [mgr, q] : held) top = std::max(top, q);
-                held[who] = p;
-                expect[{mac(who), *seq}] = top > p ? 0xFFFF : 0;
-            }
-            for (const auto deadline = Clock::now() + kLong; got.size() < expect.size() && Clock::now() < deadline;)
-                for (auto &msg : c.receive_all(50ms))
-                    if (msg.header && msg.op_code() == tav::kOpUserVerification && msg.msg_type() == tav::kMsgL2Reply)
-                        got[{msg.header->target_mac, msg.header->sequence}] = msg.result();
-            ASSERT_EQ(got, expect) << "round " << round << " batch " << base;
-        }
 }
 
 }  // namespace

@@ -10,13 +10,13 @@ namespace {
 
 // One of the device's own broadcasts: raw form, type 0x7FFF, sequence 0, no
 // target, and exactly `tlvs` as its body.
-void expect_own(const FrameTap::Frame &f, uint16_t op, int ap, const TlvList &tlvs = {}) {
-    ASSERT_TRUE(f.msg && f.msg->header);
-    const tav::Header &h = *f.msg->header;
-    EXPECT_EQ(std::tuple(f.dst, f.src, h.msg_type, h.sequence, h.op_code, h.target_mac, h.result, h.version),
+void expect_own(const Message &m, uint16_t op, int ap, const TlvList &tlvs = {}) {
+    ASSERT_TRUE(m.header);
+    const tav::Header &h = *m.header;
+    EXPECT_EQ(std::tuple(m.dst_mac, m.src_mac, h.msg_type, h.sequence, h.op_code, h.target_mac, h.result, h.version),
               std::tuple(tav::kBroadcastMac, ap_mac(ap), tav::kMsgAnnounce, 0, op, tav::kZeroMac, 0, tav::kVersion));
-    EXPECT_EQ(f.msg->plaintext.size(), tav::kL2HeaderLen + h.body_length);
-    EXPECT_EQ(f.msg->tlvs, tlvs);
+    EXPECT_EQ(m.plaintext.size(), tav::kL2HeaderLen + h.body_length);
+    EXPECT_EQ(m.tlvs, tlvs);
 }
 
 E2E_SUITE(StartUp, "start", 3, "");
@@ -27,13 +27,13 @@ TEST_F(StartUp, NormalisesManagedStatusClearsFirmwareProgressAndSaysHello) {
     const char *const kManaged = "/qm5_agent/managed_status";
     const char *const kFwStatus = "/runtime/tavclient/function/fw_upgrade/status";
     const std::pair<const char *, const char *> cases[] = {{"3", "2"}, {"4", "2"}, {"5", "5"}};
-    FrameTap tap(lab().netns_mgr());
+    Client tap = lab().raw();
     for (int ap = 1; ap <= 3; ++ap)  // committed, so the (simulated) reboot loads them
         ASSERT_EQ(lab().on_ap(ap, std::string("rgdb -s ") + kManaged + " " + cases[ap - 1].first + " && rgdb -s " +
                                       kFwStatus + " 3 && submit COMMIT && reboot").status, 0);
-    std::map<int, FrameTap::Frame> hellos;  // in any order
-    tap.next([&](const FrameTap::Frame &f) {
-        if (f.msg && f.msg->op_code() == tav::kOpHello) hellos.emplace(f.src[5], f);
+    std::map<int, Message> hellos;  // in any order
+    tap.wait_for([&](const Message &m) {
+        if (m.op_code() == tav::kOpHello) hellos.emplace(m.src_mac[5], m);
         return hellos.size() == 3;
     }, kLong);
     for (int ap = 1; ap <= 3; ++ap) {
@@ -50,11 +50,11 @@ E2E_SUITE(ReportTiming, "report", 1, "");
 // Slow: the report comes a minute after the hello (never early), with the
 // identity's records as discovery shows them, and the interface.
 TEST_F(ReportTiming, FirstReportComesAMinuteAfterTheHelloWithTheIdentity) {
-    FrameTap tap(lab().netns_mgr());
+    Client tap = lab().raw();
     ASSERT_EQ(lab().on_ap(1, "reboot").status, 0);
-    ASSERT_TRUE(tap.next(own(tav::kOpHello), kLong)) << "no hello after the restart";
+    ASSERT_TRUE(tap.wait_for(own(tav::kOpHello), kLong)) << "no hello after the restart";
     const auto started = Clock::now();
-    auto report = tap.next(own(tav::kOpReport), 120s);
+    auto report = tap.wait_for(own(tav::kOpReport), 120s);
     ASSERT_TRUE(report) << "no report";
     EXPECT_GE(Clock::now() - started, 55s);
     auto discovery = lab().raw().request_one(tav::kOpDiscovery, {}, kLong);
@@ -77,7 +77,7 @@ TEST_F(CipherEncodeTooLong, NoHelloNoByeNoReplyOnlyTheMessage) {
     const std::string line = "tav_encode_buf, message too long\n";
     ASSERT_TRUE(until([&] { return !slurp(lab().run_file(1, "tavc.out")).empty(); }, kLong));
     EXPECT_EQ(slurp(lab().run_file(1, "tavc.out")), line) << "the hello at start-up";
-    FrameTap tap(lab().netns_mgr());
+    Client tap = lab().raw();
     Client raw = lab().raw(), udp = lab().udp();
     for (Client *mgr : {&raw, &udp}) {
         auto out = output(lab(), 1);
@@ -88,7 +88,8 @@ TEST_F(CipherEncodeTooLong, NoHelloNoByeNoReplyOnlyTheMessage) {
     auto out = output(lab(), 1);  // a restart: the bye and the hello fail alike
     ASSERT_EQ(lab().on_ap(1, "reboot").status, 0);
     EXPECT_TRUE(until([&] { return out() == line + line && lab().serving(1); }, kLong)) << out();
-    EXPECT_FALSE(tap.next([](const auto &f) { return f.src == ap_mac(1); }, 300ms)) << "a frame left";
+    EXPECT_FALSE(tap.wait_for([](const Message &m) { return m.src_mac == ap_mac(1); }, 300ms)) << "a frame left";
+    EXPECT_EQ(tap.undecodable(), 0u) << "a frame left";
     EXPECT_TRUE(udp.receive_all(0ms).empty()) << "a datagram left the access point";
 }
 

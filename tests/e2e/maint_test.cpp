@@ -47,9 +47,9 @@ class MaintSuite : public LabSuite<Self> {
         return until([&] { return db(key) == want; }, kLong);
     }
     // After a reboot began: bye, hello, the daemon serving.
-    void expect_bye_then_hello(FrameTap &tap) {
-        EXPECT_TRUE(tap.next(own(tav::kOpBye), kLong)) << "no bye";
-        EXPECT_TRUE(tap.next(own(tav::kOpHello), kLong)) << "no hello";
+    void expect_bye_then_hello(Client &tap) {
+        EXPECT_TRUE(tap.wait_for(own(tav::kOpBye), kLong)) << "no bye";
+        EXPECT_TRUE(tap.wait_for(own(tav::kOpHello), kLong)) << "no hello";
         EXPECT_TRUE(until([&] { return lab().serving(1); }, kLong));
     }
     std::optional<Events> ev_;
@@ -69,7 +69,7 @@ TEST_F(Upgrade, SuccessShowsRunningThenRebootsWithByeAndHello) {
     clear_events();
     const std::string boots = boot_count(lab());
     const auto out = output(lab(), 1);
-    FrameTap tap(lab().netns_mgr());
+    Client tap = lab().raw();
     EXPECT_EQ(ask(0x100, configure(0x185, "fw.bin")), transfer(1, 0));
     EXPECT_EQ(ask(0x100, query()), transfer(2, 2));
     ASSERT_TRUE(db_is(kFwStatus, "3"));
@@ -123,7 +123,7 @@ TEST_F(Transfers, BackupThenRestoreRestartsWithTheSavedConfiguration) {
     clear_events();
     EXPECT_EQ(ask(0x102, configure(0x186, "ap1.cfg", false)), transfer(1, 0)) << "restore needs the server type";
     const std::string boots = boot_count(lab());
-    FrameTap tap(lab().netns_mgr());
+    Client tap = lab().raw();
     EXPECT_EQ(ask(0x102, configure(0x186, "ap1.cfg")), transfer(1, 2));
     EXPECT_EQ(ask(0x102, configure(0x186, "ap1.cfg")), transfer(1, 2));
     EXPECT_EQ(ask(0x102, query()), transfer(2, 2));

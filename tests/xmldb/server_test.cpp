@@ -85,7 +85,7 @@ TEST(Xmldb, StoreDumpReloadAndStateFile) {
     EXPECT_EQ(Server(dir, args).get("/q"), "committed");
 }
 
-// Framing is fuzzed; here a bad or stalled request closes its own connection, in time.
+// A bad or stalled request closes its own connection, in time.
 TEST(Xmldb, BadRequestsCloseOnlyTheirConnection) {
     TempDir dir;
     Server s(dir);

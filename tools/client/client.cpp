@@ -216,6 +216,7 @@ std::optional<Message> Client::receive_new(Clock::time_point deadline) {
         Message m = parse_message(*plain);
         if (!m.header) ++undecodable_;
         m.src_mac = d->src_mac;
+        m.dst_mac = d->dst_mac;
         m.src_ip = d->src_ip;
         m.src_port = d->src_port;
         return m;

@@ -53,6 +53,7 @@ struct Message {
     std::vector<Record> tlvs;         // the body's records (ReplyReader rules)
     bool truncated = false;        // bytes after the last whole record
     Mac src_mac{};                 // raw path: frame source
+    Mac dst_mac{};                 // raw path: frame destination
     Ipv4 src_ip{};                 // UDP path: datagram source
     uint16_t src_port = 0;
 

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -95,6 +96,21 @@ Expected<std::unique_ptr<RawTransport>> RawTransport::open(const std::string &if
     std::memcpy(t->if_mac_.data(), ifr.ifr_hwaddr.sa_data, 6);
     t->mac_ = t->if_mac_;
 
+    // Our own frames are dropped in the kernel, and the queue is deep: on a
+    // busy segment, a socket that queued what it sent would lose answers.
+    sock_filter drop_outgoing[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, uint32_t(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, 0),
+        BPF_STMT(BPF_RET | BPF_K, 0xFFFF),
+    };
+    const sock_fprog prog{uint16_t(std::size(drop_outgoing)), drop_outgoing};
+    if (::setsockopt(t->fd_, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog) != 0)
+        return fail("cannot filter the raw Ethernet socket: " + errno_text());
+    const int queue = 8 << 20;  // beyond the system's limit needs root; best effort
+    if (::setsockopt(t->fd_, SOL_SOCKET, SO_RCVBUFFORCE, &queue, sizeof queue) != 0)
+        (void)::setsockopt(t->fd_, SOL_SOCKET, SO_RCVBUF, &queue, sizeof queue);
+
     sockaddr_ll sll{};
     sll.sll_family = AF_PACKET;
     sll.sll_protocol = htons(kEtherType);
@@ -138,11 +154,10 @@ std::optional<Datagram> RawTransport::receive(Clock::time_point deadline) {
             if (errno == EAGAIN || errno == EINTR) continue;
             return std::nullopt;
         }
-        // Our own frames come back to a packet socket; they are no answer.
-        if (from.sll_pkttype == PACKET_OUTGOING) continue;
         if (size_t(n) < kEthHeaderLen + kSelectorLen) continue;
         if (get_be16(buf.data() + 12) != kEtherType) continue;
         Datagram d;
+        std::memcpy(d.dst_mac.data(), buf.data(), 6);
         std::memcpy(d.src_mac.data(), buf.data() + 6, 6);
         d.payload.assign(buf.begin() + kEthHeaderLen, buf.begin() + n);
         return d;

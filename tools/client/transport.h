@@ -25,6 +25,7 @@ using Ipv4 = std::array<uint8_t, 4>;
 struct Datagram {
     std::vector<uint8_t> payload;  // selector (2 bytes) + ciphertext
     Mac src_mac{};                 // raw path: the frame's source
+    Mac dst_mac{};                 // raw path: the frame's destination
     Ipv4 src_ip{};                 // UDP path: the datagram's source
     uint16_t src_port = 0;
 };
