@@ -2,8 +2,7 @@
 // for the engine, a request of every op code in both forms, carrying the
 // precedence, the lab administrator's credentials and every tag that the op
 // code's requests take (from the tag table, so new tags and handlers are
-// covered without touching this file), and the same without a body; for the
-// reply decoder, a reply of every op code with its reply tags.
+// covered without touching this file), and the same without a body.
 //
 // Usage: make_seeds OUTDIR
 #include <sys/stat.h>
@@ -12,7 +11,6 @@
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "fuzz/requests.h"
@@ -59,23 +57,6 @@ void engine_seeds() {
     }
 }
 
-void reply_seeds() {
-    const std::array<uint8_t, 4> ip{192, 0, 2, 1};
-    for (const auto &row : kOpCodes) {
-        auto tlvs = tags_of(row.code, "repl");
-        for (bool ipv4 : {false, true}) {
-            Bytes b = build_request(ipv4, 5, row.code, Mac{0x02, 0x7a, 0x76, 0, 0, 0xfe}, ip, tlvs);
-            put_be16(b.data(), ipv4 ? kMsgIpv4Reply : kMsgL2Reply);
-            write("reply", "op" + hex4(row.code) + (ipv4 ? "_udp" : "_raw"), b);
-        }
-    }
-}
-
-void base64_seeds() {
-    for (std::string_view s : {"YWRtaW4=", "c2VjcmV0", "YQ==", "", "////", "not base64!"})
-        write("base64", "s" + std::to_string(s.size()) + "_" + hex4(uint16_t(s.empty() ? 0 : s[0])),
-              Bytes(s.begin(), s.end()));
-}
 
 // libFuzzer dictionary entries: the wire's numbers and the texts that would
 // matter if they ever reached a shell or a format.
@@ -97,7 +78,7 @@ void engine_dict() {
 
 int main(int argc, char **argv) {
     if (argc != 2 || std::strcmp(argv[1], "--help") == 0) {
-        std::fputs("usage: make_seeds OUTDIR\nWrites the fuzz corpora (engine, reply, base64) "
+        std::fputs("usage: make_seeds OUTDIR\nWrites the fuzz corpora (engine) "
                    "and engine.dict into OUTDIR.\n",
                    argc == 2 ? stdout : stderr);
         return argc == 2 ? 0 : 2;
@@ -105,8 +86,6 @@ int main(int argc, char **argv) {
     g_out = argv[1];
     mkdir(g_out.c_str(), 0755);
     engine_seeds();
-    reply_seeds();
-    base64_seeds();
     engine_dict();
     return 0;
 }

@@ -40,7 +40,7 @@ mapfile -t targets < "$out/fuzz/targets.txt"
 fuzz_one() {
     local t=$1
     local corpus=$out/corpus/${t%_fuzz} findings=$out/findings/$t log=$out/$t.log
-    mkdir -p "$corpus" "$findings"
+    mkdir -p "$corpus" "$findings" "$seeds/${t%_fuzz}"  # a target may have no seeds
     local dict=() maxlen=4096
     # The daemon deciphers at most 1024 bytes.
     [ "$t" = engine_fuzz ] && dict=(-dict="$seeds/engine.dict") maxlen=1024
@@ -57,7 +57,7 @@ fuzz_one() {
     [ -n "$summary" ] && echo "$t ${execs:-0} ${cov:-0} ${ft:-0} ${units:-0}" >> "$summary"
     if [ $rc -ne 0 ]; then
         echo "fuzz: $t FOUND A PROBLEM (exit $rc); its log: $log" >&2
-        grep -E '^(==[0-9]+==|SUMMARY|engine_fuzz|reply_fuzz|base64_fuzz|fuzz guard|.*runtime error)' "$log" | head -20 >&2
+        grep -E '^(==[0-9]+==|SUMMARY|engine_fuzz|base64_fuzz|fuzz guard|.*runtime error)' "$log" | head -20 >&2
         ls "$findings" >&2
     fi
     echo "$rc" > "$out/$t.rc"

@@ -241,7 +241,6 @@ inline Message ask_body(Client &c, uint16_t op, const Bytes &body) {
     return m ? *m : Message{};
 }
 inline Bytes creds(const std::string &user = "admin", const std::string &pw = "admin") { return text(55, user) + text(56, pw); }
-inline Bytes wrong_creds() { return creds("admin", "wrong"); }
 
 // The daemon's pid inside its access point, or 0.
 inline int daemon_pid(const Lab &lab, int ap = 1) { return std::atoi(slurp(lab.run_file(ap, "tavc.pid")).c_str()); }
@@ -289,12 +288,13 @@ class LabSuite : public ::testing::Test {
 };
 
 // Suite NAME with a lab instance CODE of APS access points and extra
-// `tavlab up` arguments.
-#define E2E_SUITE(Name, code, aps, up_args)              \
-    struct Name : LabSuite<Name> {                       \
+// `tavlab up` arguments; E2E_SUITE_OF derives it from a LabSuite of its own.
+#define E2E_SUITE_OF(Base, Name, code, aps, up_args)     \
+    struct Name : Base<Name> {                           \
         static constexpr const char *kCode = code;       \
         static constexpr int kAps = aps;                 \
         static std::string kUpArgs() { return up_args; } \
     }
+#define E2E_SUITE(Name, code, aps, up_args) E2E_SUITE_OF(LabSuite, Name, code, aps, up_args)
 
 }  // namespace e2e

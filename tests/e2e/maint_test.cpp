@@ -55,14 +55,7 @@ class MaintSuite : public LabSuite<Self> {
     std::optional<Events> ev_;
 };
 
-#define MAINT_SUITE(Name, code)                     \
-    struct Name : MaintSuite<Name> {                \
-        static constexpr const char *kCode = code;  \
-        static constexpr int kAps = 1;              \
-        static std::string kUpArgs() { return ""; } \
-    }
-
-MAINT_SUITE(Upgrade, "upg");
+E2E_SUITE_OF(MaintSuite, Upgrade, "upg", 1, "");
 
 TEST_F(Upgrade, SuccessShowsRunningThenRebootsWithByeAndHello) {
     outcome("slow");
@@ -102,7 +95,7 @@ TEST_F(Upgrade, FailureIsReportedAndRetriedWithLiteralFileNames) {
     EXPECT_EQ(boot_count(lab()), boots);
 }
 
-MAINT_SUITE(Transfers, "xfr");
+E2E_SUITE_OF(MaintSuite, Transfers, "xfr", 1, "");
 
 TEST_F(Transfers, BackupThenRestoreRestartsWithTheSavedConfiguration) {
     outcome("slow");
@@ -134,7 +127,7 @@ TEST_F(Transfers, BackupThenRestoreRestartsWithTheSavedConfiguration) {
     EXPECT_EQ(events(), (Lines{"tftp -d 192.0.2.1 -r ap1.cfg", "reboot"}));
 }
 
-MAINT_SUITE(Agent, "agt");
+E2E_SUITE_OF(MaintSuite, Agent, "agt", 1, "");
 
 Bytes profile(const std::string &uuid, const std::string &url, uint8_t interval) {
     return text(47, uuid) + text(48, url) + u8(49, interval) + creds();
@@ -168,7 +161,7 @@ TEST_F(Agent, ProfileStartsTheAgentWhichLocksTransfersButNotProfileOrReboot) {
     EXPECT_EQ(ask(0x100, query()).first, 0) << "unlocked again";
 }
 
-MAINT_SUITE(ToolWait, "tool");
+E2E_SUITE_OF(MaintSuite, ToolWait, "tool", 1, "");
 
 // tavctl follows an upgrade through the reboot to the hello, and a failed
 // restore to its exit status.

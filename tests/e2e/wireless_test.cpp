@@ -19,8 +19,6 @@ const Lines kWlan{"submit COMMIT", "submit WAN", "submit WLAN"};
 // Every test starts from the profile, with the counters held still.
 template <class Self>
 struct WirelessSuite : LabSuite<Self> {
-    static constexpr int kAps = 1;
-    static std::string kUpArgs() { return ""; }
     void SetUp() override {
         LabSuite<Self>::SetUp();
         if (!this->HasFatalFailure() && !this->IsSkipped()) reload();
@@ -51,10 +49,7 @@ struct WirelessSuite : LabSuite<Self> {
     Events ev{LabSuite<Self>::lab(), 1};
     std::function<std::string()> out;
 };
-#define WIRELESS_SUITE(Name, code) \
-    struct Name : WirelessSuite<Name> { static constexpr const char *kCode = code; }
-
-WIRELESS_SUITE(Radio, "wrd");
+E2E_SUITE_OF(WirelessSuite, Radio, "wrd", 1, "");
 
 TEST_F(Radio, StatusCountersAreReadFromTheDatabaseAndMoveWithTheStatisticsService) {
     set({{"/runtime/cpu/status/alluser_utilize", "300"}, {"/runtime/stats/wireless/inf:1/showtx/bytes", "12345678901"},
@@ -68,7 +63,7 @@ TEST_F(Radio, StatusCountersAreReadFromTheDatabaseAndMoveWithTheStatisticsServic
     EXPECT_TRUE(until([&] { return ask(tav::kOpGetDeviceStatus, {}).u64(tav::kTagLanSend) > first; }, kLong));
 }
 
-WIRELESS_SUITE(Ssid, "wss");
+E2E_SUITE_OF(WirelessSuite, Ssid, "wss", 1, "");
 
 // Rename the primary SSID, WPA2-PSK with a new passphrase; an additional
 // SSID of both bands switched on as WPA-PSK; committed and read back.
@@ -127,7 +122,7 @@ TEST_F(Radio, ACountryChangeRebootsIntoTheNewCountry) {
     EXPECT_EQ(ask(tav::kOpGetWirelessInfo, {}).u16(59), 75);
 }
 
-WIRELESS_SUITE(ApArray, "wap");
+E2E_SUITE_OF(WirelessSuite, ApArray, "wap", 1, "");
 
 // The list is refreshed through the stubs first; members come before
 // unmanaged access points; an approved one (the stub told) is a member from

@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <string>
 
+#include "lrgbin/lrgbin.h"
+
 namespace dbtest {
 
 constexpr const char *kSockName = "xmldb-test.sock";  // as compiled into lrgbin_testsock
@@ -39,11 +41,8 @@ inline int unix_socket(const std::string &path, bool listening = false) {
 }
 
 inline std::string header(uint16_t cmd, uint16_t len, int32_t status = 0) {
-    std::string h(16, '\0');
-    std::memcpy(h.data(), &cmd, 2);
-    std::memcpy(h.data() + 2, &len, 2);
-    std::memcpy(h.data() + 12, &status, 4);
-    return h;
+    const xmldb_header h{cmd, len, 0, status};
+    return {reinterpret_cast<const char *>(&h), sizeof h};
 }
 
 inline std::string request(uint16_t cmd, const std::string &text) {

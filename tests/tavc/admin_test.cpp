@@ -91,6 +91,12 @@ TEST_F(Admin, ClockRequestComposesDateAndRunsTheServicesInOrder) {
     EXPECT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, admin() + tlv(36, long_server)), 0);
     EXPECT_EQ(stored("/time/ntpserver/ip"), std::string(254, 'n'));
     EXPECT_EQ(stored("/time/timezone"), "32");
+    // Any other time type sets only daylight saving, and runs the same services.
+    tavc_record::clear();
+    ASSERT_EQ(call(tav_set_device_date_time, tav::kOpSetDateTime, admin() + u8(300, 2) + u8(310, 1) + be16(303, 7)), 0);
+    EXPECT_EQ(std::tuple(stored("/time/daylightSaving"), stored("/time/DaylightSaving/offset"), stored("/time/timezone")),
+              std::tuple("1", "0", "32"));
+    EXPECT_EQ(commands(), (Strings{"submit COMMIT", "submit TIME;submit CAPTIVAL_PORTAL"}));
 }
 
 TEST_F(Admin, AccountChangeStoresDecodedValuesAndRestartsInAChild) {
@@ -110,6 +116,32 @@ TEST_F(Admin, AccountChangeStoresDecodedValuesAndRestartsInAChild) {
     Bytes body54 = tlv(54, {5, 0}) + text(50, "QUJD") + text(51, "QUJD") + text(55, "new-admin") + text(56, "pass");
     EXPECT_EQ(call(tav_change_ID_and_password, tav::kOpChangeIdPassword, body54), 0);
     EXPECT_EQ(stored("/sys/user:1/name"), "ABC");
+}
+
+// Each refusal answers with its code and writes or starts nothing; a manager
+// holding the op code at a higher precedence refuses before the credentials
+// are read (0xFFFF for the account change, 0xFFFD for the rest).
+TEST_F(Admin, RefusalsAnswerWithTheirCodeAndChangeNothing) {
+    const Bytes wrong = text(55, "admin") + text(56, "wrong"), account = text(50, "bmV3LWFkbWlu") + text(51, "bjN3");
+    const struct { Handler handler; uint16_t op; Bytes body; int result; } cases[] = {
+        {tav_change_ID_and_password, 0xA4, account + wrong, 0x40},
+        {tav_change_ID_and_password, 0xA4, text(50, "Q===") + text(51, "QUJD") + admin(), 1001},
+        // An 80-byte user name, all of it taken: its bytes from 65 on are no records here.
+        {tav_reset, 0xAA, tlv(55, Bytes(65, 0) + text(55, "admin") + u8(999, 0)) + text(56, "secret"), 0x40},
+        {tav_set_snmp_configuration, 0xD4, u8(39, 0) + text(40, "new") + wrong, 0x40},
+        {tav_set_device_information, 0xE3, u8(31, 0) + text(10, "x") + wrong, 0x40},
+        {tav_set_device_date_time, 0xE5, u8(300, 1) + text(36, "127.0.0.1") + admin(), tav::kResultNtpLoopback},
+    };
+    const auto before = lrgbin_store::contents();
+    tav_server holder = sender(0xA1);
+    for (const auto &c : cases) {
+        EXPECT_EQ(call(c.handler, c.op, c.body), c.result) << c.op;
+        ASSERT_EQ(check_server_precedence(c.op, 9, &holder), 0);
+        EXPECT_EQ(call(c.handler, c.op, u8(54, 3) + c.body, sender(0xB)), c.op == 0xA4 ? 0xFFFF : 0xFFFD) << c.op;
+        free_tav_server();
+    }
+    EXPECT_EQ(lrgbin_store::contents(), before);
+    EXPECT_EQ(commands(), Strings{});
 }
 
 // Only the reset keeping the address traces a refused login.
@@ -136,7 +168,7 @@ TEST_F(Admin, ResetsExecSubmitAfterTheDelayWithStatus6OnFailure) {
 
 
 // SNMP communities: 29 characters are written, 30 refused with their mask bit
-// (little-endian in this reply) and message.
+// (little-endian in this reply) and message; so is deleting either.
 TEST_F(Admin, SnmpCommunitiesOfThirtyCharactersAreRefused) {
     const std::string ok(29, 'r'), too_long(30, 'w');
     EXPECT_EQ(call(tav_set_snmp_configuration, tav::kOpSetSnmp,
@@ -145,6 +177,13 @@ TEST_F(Admin, SnmpCommunitiesOfThirtyCharactersAreRefused) {
     EXPECT_EQ(std::tuple(stored("/sys/snmpd/rocomm"), stored("/sys/snmpd/rwcomm")), std::tuple(ok, std::string("<unset>")));
     EXPECT_EQ(reply_tlvs(), be32(393, 0) + be32(394, 20) + tlv(395, {4, 0, 0, 0}));
     EXPECT_NE(out().find("error:snmp_rwcomm too long"), std::string::npos);
+    tavc_record::clear();
+    EXPECT_EQ(call(tav_set_snmp_configuration, tav::kOpSetSnmp, u8(39, 3) + text(40, "a") + text(41, "b") + admin()),
+              tav::kResultSnmpPartial);
+    EXPECT_EQ(reply_tlvs(), be32(393, 0) + be32(394, 20) + tlv(395, {6, 0, 0, 0}));
+    EXPECT_EQ(std::tuple(stored("/sys/snmpd/status"), stored("/sys/snmpd/rocomm")), std::tuple("1", ok));
+    EXPECT_EQ(commands(), (Strings{"submit COMMIT", "/usr/sbin/submit submit SNMP"}));
+    EXPECT_EQ(out(), "error:Can't delete read only community\nerror:Can't delete read-write community\n");
 }
 
 TEST_F(Admin, Ipv4AddressesTakeFourBytesWhateverTheirLengthSays) {

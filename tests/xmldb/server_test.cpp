@@ -101,24 +101,6 @@ TEST(Xmldb, BadRequestsCloseOnlyTheirConnection) {
     }
 }
 
-// -t: the statistics counters and load figures move every 3 s, only decimal
-// counters grow, and nothing moves while the hold file exists.
-TEST(Xmldb, SimulatedTrafficMovesUnlessHeld) {
-    TempDir moving_dir, held_dir;
-    std::ofstream(held_dir.file("hold"));
-    Server moving(moving_dir, {"-t", moving_dir.file("hold")}), held(held_dir, {"-t", held_dir.file("hold")});
-    const std::string tx = "/runtime/stats/ethernet/tx/bytes", rx = "/runtime/stats/wireless/inf:2/showrx/bytes",
-                      cpu = "/runtime/cpu/status/alluser_utilize";
-    for (Server *s : {&moving, &held})
-        ASSERT_EQ(s->set(tx, "100") + s->set(rx, "1024 bytes") + s->set(cpu, "300"), 0);
-    std::this_thread::sleep_for(3200ms);
-    EXPECT_GT(std::stoull(moving.get(tx)), 100u);
-    EXPECT_EQ(moving.get(rx), "1024 bytes");
-    const int load = std::stoi(moving.get(cpu));
-    EXPECT_TRUE(load >= 5 && load < 35) << load;
-    EXPECT_EQ(held.get(tx) + "|" + held.get(rx) + "|" + held.get(cpu), "100|1024 bytes|300");
-}
-
 // The device's own database client, and the rgdb tool's exit statuses.
 TEST(Xmldb, DeviceClientAndRgdbTool) {
     TempDir dir;  // the compiled-in relative socket path lands here
