@@ -22,8 +22,17 @@ namespace tav {
 inline constexpr uint16_t kEtherType = 0x2386;
 inline constexpr uint16_t kUdpPort = 62976;  // 0xF600
 inline constexpr const char *kMcastGroup = "224.0.0.1";
-inline constexpr const char *kInterface = "br0";
-inline constexpr const char *kCipherPath = "/usr/lib/TAV_Auth.so";
+// A firmware build may name its bridge and cipher library otherwise
+// (CMake: TAVC_BRIDGE_IFACE, TAVC_CIPHER_PATH); nothing at run time can.
+#ifndef TAVC_BRIDGE_IFACE
+#define TAVC_BRIDGE_IFACE "br0"
+#endif
+#ifndef TAVC_CIPHER_PATH
+#define TAVC_CIPHER_PATH "/usr/lib/TAV_Auth.so"
+#endif
+static_assert(sizeof(TAVC_BRIDGE_IFACE) <= 16, "an interface name has at most 15 characters");
+inline constexpr const char *kInterface = TAVC_BRIDGE_IFACE;
+inline constexpr const char *kCipherPath = TAVC_CIPHER_PATH;
 
 inline constexpr size_t kEthHeaderLen = 14;
 inline constexpr size_t kSelectorLen = 2;

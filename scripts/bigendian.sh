@@ -29,7 +29,7 @@ while (($#)); do
 done
 
 triple=s390x-linux-gnu
-toolchain=$root/cmake/toolchain-s390x.cmake
+toolchain=$root/cmake/toolchains/s390x-linux-gnu.cmake
 gtest_src=/usr/src/googletest
 gtest_build=$root/build/gtest-s390x
 gtest_prefix=$gtest_build/prefix

@@ -2,10 +2,10 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <errno.h>
-#include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <netpacket/packet.h>  // sockaddr_ll from the C library: musl has no kernel headers
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

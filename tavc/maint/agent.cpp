@@ -4,8 +4,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <iterator>
-
 #include "lrgbin/rgdb_getset.h"
 #include "proto/tags.h"
 #include "proto/wire.h"
