@@ -232,9 +232,16 @@ start_daemon() {
         rm -f /var/run/tavc.pid
         return 0
     fi
+    # tavlab up --daemon-caps: the daemon holds only these. It runs as root
+    # (the stubs write root's files, as the device's commands do), so at exec
+    # its permitted and effective sets become this bounding set, as systemd
+    # does for a root unit with CapabilityBoundingSet=; what it runs inherits
+    # them. Dropped before the probe, which sees the daemon's own sets.
+    local caps=()
+    [ -n "${TAVLAB_TAVC_CAPS:-}" ] && caps=(setpriv --bounding-set "$TAVLAB_TAVC_CAPS" --)
     # Own session and process group, so a reboot can end all its children.
     # The probe checks again in the daemon's own process, then becomes it.
-    setsid env -i PATH="$TAVLAB_PATH" HOME=/ /bin/bash -c \
+    setsid "${caps[@]}" env -i PATH="$TAVLAB_PATH" HOME=/ /bin/bash -c \
         "$PROBE_CODE" tavlab-probe "$SUP_ID" "$SUP_CIPHER_SUM" "$AP" -- \
         /usr/bin/env -i PATH="$TAVLAB_PATH" HOME=/ "$TAVLAB_TAVC" \
         </dev/null >>/var/run/tavc.out 2>>/var/run/tavc.err 3>&- 7>&- &

@@ -78,12 +78,16 @@ inline bool until(const std::function<bool()> &cond, std::chrono::milliseconds l
 }
 
 // One lab instance of this build tree, named after the suite's code (so no
-// two ctest entries share one): up for the object's life.
+// two ctest entries share one): up for the object's life. E2E_UP_ARGS adds
+// `tavlab up` arguments, in instances of their own ("...x").
+inline std::string env_up_args() { return getenv("E2E_UP_ARGS") ? getenv("E2E_UP_ARGS") : ""; }
 class Lab {
   public:
-    Lab(const std::string &code, int aps, const std::string &up_args) : instance_(E2E_LAB_TAG + code) {
+    Lab(const std::string &code, int aps, const std::string &up_args)
+        : instance_(E2E_LAB_TAG + code + (env_up_args().empty() ? "" : "x")) {
         tavlab("down");  // what a crashed earlier run may have left
-        Sh r = tavlab("up -n " + std::to_string(aps) + " --build " + quote(E2E_BUILD_DIR) + " " + up_args);
+        Sh r = tavlab("up -n " + std::to_string(aps) + " --build " + quote(E2E_BUILD_DIR) + " " + up_args + " " +
+                      env_up_args());
         up_out = r.out;
         ok = r.status == 0;
         // No test may make anything run a device command on an access point
