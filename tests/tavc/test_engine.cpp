@@ -172,15 +172,15 @@ TEST_F(Registry, PerOpCodeOneRecordPerSenderAndFullEntryTables) {
 }
 
 TEST_F(Registry, AtMost1024Managers) {
-    for (int i = 0; i < kTavServerMax; ++i) {
+    for (int i = 0; i < 1024; ++i) {
         tav_server s = sender(uint16_t(0x1000 + i));
         ASSERT_EQ(check_server_precedence(0x10, 1, &s), 0);
     }
-    EXPECT_EQ(size(), kTavServerMax);
+    EXPECT_EQ(size(), 1024);
     tav_server x = sender(0xA), y = sender(0xB), known = *tav_server_list;
     // The 1025th is not remembered; known managers still count.
     expect_precedence({{0xE1, 200, &x, 0}, {0xE1, 100, &y, 0}, {0x10, 0, &known, -1}});
-    EXPECT_EQ(size(), kTavServerMax);
+    EXPECT_EQ(size(), 1024);
     free_tav_server();
     expect_precedence({{0xE1, 1, &x, 0}});
     EXPECT_EQ(size(), 1) << "released records are reused";
