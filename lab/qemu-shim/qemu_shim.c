@@ -35,9 +35,16 @@ int setsockopt(int fd, int level, int name, const void *value, socklen_t len) {
             errno = EINVAL;
             return -1;
         }
+        const struct in_addr group = ((const struct sockaddr_in *)&g->gr_group)->sin_addr;
+        if (g->gr_interface == 0) {
+            /* Any interface, as the kernel reads an ip_mreq: qemu copies no
+             * index from a 64-bit guest's ip_mreqn (it expects a long there). */
+            struct ip_mreq m = {group, {htonl(INADDR_ANY)}};
+            return next(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m);
+        }
         struct ip_mreqn m;
         memset(&m, 0, sizeof m);
-        m.imr_multiaddr = ((const struct sockaddr_in *)&g->gr_group)->sin_addr;
+        m.imr_multiaddr = group;
         m.imr_ifindex = (int)g->gr_interface;
         return next(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m);
     }
