@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -37,7 +38,13 @@ inline constexpr Mac kMgrMac{0x02, 0x7a, 0x76, 0x00, 0x00, 0xfe};
 inline constexpr Ipv4 kMgrIp{192, 0, 2, 1};
 inline Mac ap_mac(int n) { return {0x02, 0x7a, 0x76, 0x00, 0x00, uint8_t(n)}; }
 inline Ipv4 ap_ip(int n) { return {192, 0, 2, uint8_t(10 + n)}; }
+// The build whose programs the access points run: this one, or the tree
+// TAVC_E2E_TARGET names (a cross build: its daemon, database server, rgdb
+// and cipher run under qemu; the manager's side stays this build's).
+inline std::string lab_build() { const char *t = std::getenv("TAVC_E2E_TARGET"); return t && *t ? t : E2E_BUILD_DIR; }
+// The cipher of the manager's side, and the one an access point loads.
 inline std::string cipher_path(const std::string &name = "TAV_Auth.so") { return E2E_BUILD_DIR "/sim/cipher/" + name; }
+inline std::string ap_cipher_path(const std::string &name) { return lab_build() + "/sim/cipher/" + name; }
 
 // Runs its action when the scope ends, also after a failed assertion.
 struct Finally {
@@ -67,6 +74,16 @@ inline std::string slurp(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(f), {}};
 }
+// The access points' programs are for another CPU (ELF class, byte order
+// and machine differ from this program's): they run under an emulator.
+inline bool emulated() {
+    auto id = [](const std::string &elf) {
+        std::string h(20, 0);
+        std::ifstream(elf, std::ios::binary).read(h.data(), 20);
+        return h.substr(4, 2) + h.substr(18, 2);
+    };
+    return id(lab_build() + "/tavc/tavc") != id("/proc/self/exe");
+}
 // Upper bound of every wait for an event: generous, so that a loaded machine
 // makes a test slower, never makes it fail.
 inline constexpr auto kLong = 60s;
@@ -86,7 +103,7 @@ class Lab {
     Lab(const std::string &code, int aps, const std::string &up_args)
         : instance_(E2E_LAB_TAG + code + (env_up_args().empty() ? "" : "x")) {
         tavlab("down");  // what a crashed earlier run may have left
-        Sh r = tavlab("up -n " + std::to_string(aps) + " --build " + quote(E2E_BUILD_DIR) + " " + up_args + " " +
+        Sh r = tavlab("up -n " + std::to_string(aps) + " --build " + quote(lab_build()) + " " + up_args + " " +
                       env_up_args());
         up_out = r.out;
         ok = r.status == 0;

@@ -11,7 +11,8 @@
 namespace e2e {
 
 // The release build when it holds a daemon and the lab's stand-ins, else this
-// build: the suites check the binary that ships. A sanitized build (the asan
+// build (a target named by TAVC_E2E_TARGET before either): the suites check
+// the binary that ships. A sanitized build (the asan
 // preset) runs its own daemon: there the point is what the sanitizers see.
 #ifdef E2E_SANITIZED
 inline constexpr bool kSanitized = true;
@@ -19,15 +20,23 @@ inline constexpr bool kSanitized = true;
 inline constexpr bool kSanitized = false;
 #endif
 inline std::string daemon_build() {
+    if (lab_build() != E2E_BUILD_DIR) return lab_build();
     const std::string rel = E2E_RELEASE_DIR;
     for (const char *f : {"/tavc/tavc", "/sim/xmldb/xmldb", "/sim/rgdb/rgdb", "/sim/cipher/TAV_Auth.so"})
         if (kSanitized || access((rel + f).c_str(), R_OK) != 0) return E2E_BUILD_DIR;
     return rel;
 }
 
-// Private dirty memory of the daemon in kB (smaps_rollup), or -1.
+// Private dirty memory of the daemon in kB, or -1. An emulated daemon's own
+// lies below the emulator's program: qemu maps the guest low, and its own
+// memory (translated code grows with each new path) above.
 inline long private_dirty_kb(const Lab &lab) {
-    Sh r = lab.on_ap(1, "awk '/^Private_Dirty:/ {print $2}' /proc/$(cat /var/run/tavc.pid)/smaps_rollup");
+    const std::string p = "/proc/$(cat /var/run/tavc.pid)";
+    Sh r = lab.on_ap(1, emulated() ? "awk -v exe=\"$(readlink " + p + "/exe)\" '/^[0-9a-f]+-/ { a = sprintf(\"%16s\", "
+                                     "substr($1, 1, index($1, \"-\") - 1)); gsub(/ /, \"0\", a); at[++n] = a; if ($NF == exe "
+                                     "&& lim == \"\") lim = a } /^Private_Dirty:/ { kb[n] += $2 } END { for (i = 1; i <= n; "
+                                     "i++) if (at[i] < lim) s += kb[i]; print s + 0 }' " + p + "/smaps"
+                                   : "awk '/^Private_Dirty:/ {print $2}' " + p + "/smaps_rollup");
     return r.status == 0 && !r.out.empty() ? std::atol(r.out.c_str()) : -1;
 }
 // Pids of the daemon's children whose stat fields after the name ($1 state,

@@ -13,8 +13,8 @@ E2E_SUITE(Hostile, "host", 1, "--build " + quote(daemon_build()));
 
 // The daemon that ships takes the full flood; a sanitized one serves some
 // five times slower, so it gets the same mix (every kind in every burst) at a
-// fifth of the count.
-constexpr int kFrames = kSanitized ? 6000 : 30000;
+// fifth of the count, and so does an emulated one (a cross build's).
+const int kFrames = kSanitized || emulated() ? 6000 : 30000;
 constexpr long kMemorySlackKb = 64;
 
 TEST_F(Hostile, FloodLeavesTheDaemonServingWithoutGrowthOrZombies) {

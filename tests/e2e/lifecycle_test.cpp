@@ -42,6 +42,7 @@ TEST_F(StartUp, NormalisesManagedStatusClearsFirmwareProgressAndSaysHello) {
         expect_own(hellos.at(ap), tav::kOpHello, ap);
         EXPECT_EQ(lab().db_get(ap, kManaged), cases[ap - 1].second);
         EXPECT_EQ(lab().db_get(ap, kFwStatus), "0");
+        EXPECT_EQ(slurp(lab().run_file(ap, "tavc.err")), "") << "complaints on standard error";
     }
 }
 
@@ -71,7 +72,7 @@ TEST_F(ReportTiming, FirstReportComesAMinuteAfterTheHelloWithTheIdentity) {
 // Cipher libraries that announce sizes beyond the binding's limits (65508
 // ciphertext bytes for every encoding, 1025 plaintext bytes for every
 // decoding): the daemon sends nothing, says why once per message, serves on.
-E2E_SUITE(CipherEncodeTooLong, "cenc", 1, "--cipher " + quote(cipher_path("TAV_Auth_enc65508.so")));
+E2E_SUITE(CipherEncodeTooLong, "cenc", 1, "--cipher " + quote(ap_cipher_path("TAV_Auth_enc65508.so")));
 
 TEST_F(CipherEncodeTooLong, NoHelloNoByeNoReplyOnlyTheMessage) {
     const std::string line = "tav_encode_buf, message too long\n";
@@ -93,7 +94,7 @@ TEST_F(CipherEncodeTooLong, NoHelloNoByeNoReplyOnlyTheMessage) {
     EXPECT_TRUE(udp.receive_all(0ms).empty()) << "a datagram left the access point";
 }
 
-E2E_SUITE(CipherDecodeTooLong, "cdec", 1, "--cipher " + quote(cipher_path("TAV_Auth_dec1025.so")));
+E2E_SUITE(CipherDecodeTooLong, "cdec", 1, "--cipher " + quote(ap_cipher_path("TAV_Auth_dec1025.so")));
 
 TEST_F(CipherDecodeTooLong, RequestsAreReadAndDroppedWithoutAWord) {
     Client raw = lab().raw(), udp = lab().udp();

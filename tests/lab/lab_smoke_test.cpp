@@ -44,7 +44,9 @@ bool exists(const std::string &path) { return std::filesystem::exists(std::files
 
 // A lab instance of its own, so a lab someone else has up is never touched.
 const std::string kName = "tavlab-"s + LAB_INSTANCE, kRun = "/run/" + kName + "/";
-const std::string kLab = TAVLAB_SCRIPT " --instance "s + LAB_INSTANCE + " ", kBuild = LAB_BUILD_DIR;
+// The build whose programs the lab runs: this one, or a cross build's (tests/e2e/e2e.h).
+const char *const kTarget = std::getenv("TAVC_E2E_TARGET");
+const std::string kLab = TAVLAB_SCRIPT " --instance "s + LAB_INSTANCE + " ", kBuild = kTarget && *kTarget ? kTarget : LAB_BUILD_DIR;
 int lab(const std::string &args) { return sh(kLab + args).second; }
 std::pair<std::string, int> on(const std::string &host, const std::string &cmd) {
     setenv("TAVLAB_SMOKE_CMD", cmd.c_str(), 1);  // one argument, however it is quoted
@@ -137,6 +139,19 @@ TEST_F(LabSmoke, AccessPointsSeeTheLabsCipherTheirOwnDatabaseAndOnlyStubs) {
     for (const char *want : {"\ndate -s '2030-01-02 03:04:05'\t", "\nsubmit TIME\t", "\nreboot\t"})
         EXPECT_NE(events.find(want), std::string::npos) << want << " not in:\n" << events;
     EXPECT_EQ(slurp(kRun + "ap2/events.log").find("submit TIME"), std::string::npos);
+}
+
+// The daemon, the database server and rgdb of an access point are the build's programs (a cross
+// build's, for its CPU): the ELF file each process maps (under an emulator, qemu is the process).
+TEST_F(LabSmoke, AccessPointsRunTheBuildsPrograms) {
+    // rgdb waits for the stopped database long enough to be seen.
+    const auto r = on("ap1", "for p in /proc/[0-9]*; do case $(cat $p/comm) in tavc) t=$p;; xmldb) x=$p;; esac; done;"
+                             " kill -STOP ${x#/proc/}; rgdb -g /sys/hostname >/dev/null & g=/proc/$!;"
+                             " for i in $(seq 200); do grep -q /sim/rgdb/rgdb $g/maps && break; sleep 0.05; done;"
+                             " for p in $t:/tavc/tavc $x:/sim/xmldb/xmldb $g:/sim/rgdb/rgdb; do"
+                             "  grep -om1 \"/[^ ]*${p#*:}$\" ${p%%:*}/maps; done; kill -CONT ${x#/proc/}; wait");
+    const std::string b = std::filesystem::canonical(kBuild);
+    EXPECT_EQ(r.first, b + "/tavc/tavc\n" + b + "/sim/xmldb/xmldb\n" + b + "/sim/rgdb/rgdb\n");
 }
 
 TEST_F(LabSmoke, NoProcessOfAnAccessPointMaySetTheClockRebootOrLoadModules) {
