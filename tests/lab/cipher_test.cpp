@@ -42,10 +42,7 @@ struct Lib {
     }
 };
 
-Bytes pattern(size_t n) {
-    Bytes v(n);
-    return std::iota(v.begin(), v.end(), uint8_t(3)), v;
-}
+Bytes pattern(size_t n) { Bytes v(n); return std::iota(v.begin(), v.end(), uint8_t(3)), v; }
 
 // Round trips of every size announce their lengths and refuse areas one byte
 // short; any altered byte is refused (altered selectors and cut frames: the

@@ -69,8 +69,9 @@ TEST(WirelessModes, StoredPerBandAndReadBack) {
     EXPECT_EQ(std::tuple(wireless::supported_modes(1), wireless::supported_modes(2)), std::tuple(46, 57));
 }
 
+// Band status: only a band that is on and in AP mode (band 2 here is on, as a client).
 TEST_F(Wireless, LockedCountriesReportTheirFixedIndexOthersAreLookedUpThroughSeq) {
-    lrgbin_store::put("/sys/country_index", "77");
+    put({{"/sys/country_index", "77"}, {"/wlan/inf:1/enable", "1"}, {"/wlan/inf:2/enable", "1"}, {"/wlan/inf:2/ap_mode", "1"}});
     const std::pair<const char *, uint16_t> rows[] = {
         {"376", 106}, {"392", 110}, {"410", 205}, {"840", 234}, {"276", 77}, {"841", 77}, {"375", 77}, {"", 77}};
     for (auto [code, index] : rows) {
@@ -78,7 +79,8 @@ TEST_F(Wireless, LockedCountriesReportTheirFixedIndexOthersAreLookedUpThroughSeq
         ASSERT_EQ(call(tav_get_wireless_information, tav::kOpGetWirelessInfo, {}), 0);
         const Tlvs t = tlvs_of(reply_tlvs());
         ASSERT_EQ(t.size(), 7u);
-        EXPECT_EQ(t[6], (std::pair<uint16_t, Bytes>{59, {uint8_t(index >> 8), uint8_t(index)}})) << code;
+        EXPECT_EQ(std::pair(t[1].second, t[6]), std::pair(Bytes{1}, std::pair<uint16_t, Bytes>{59, {uint8_t(index >> 8), uint8_t(index)}}))
+            << code;
     }
     // Entry n of the domain table names, by its seq, the entry that holds the index and the code.
     const std::string t = "/runtime/countrydomaintable:";
