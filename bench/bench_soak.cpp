@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Soak: the daemon in a lab of its own under mixed traffic for a set time
 // (discoveries and verifications from many managers over both paths, every op
 // code, malformed messages), printing at intervals what it served, what went

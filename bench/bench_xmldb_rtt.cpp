@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Round-trip rate of xmldb against a minimal blocking echo server: both are
 // driven through lrgbin exactly as a typed read does it (connect, get, one
 // read, close), the same number of times, alternating in rounds.

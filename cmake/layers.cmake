@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # cmake -DROOT=<source dir> [-DPLANT=<file>|<header>] -P layers.cmake
 #
 # The device code is layered, and includes may only point down:

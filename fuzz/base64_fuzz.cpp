@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The base64 codec: any text decodes within the bound it announces (into an
 // exact-size buffer, so writing past it is a finding) or is refused; what
 // decodes re-encodes and decodes to the same bytes; any bytes encode and

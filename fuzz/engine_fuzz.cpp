@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The whole request path: one deciphered plaintext handed to process_message,
 // as the main loop does after a receive, with the configuration store loaded
 // from the lab's default profile and every launch and frame recorded. Each

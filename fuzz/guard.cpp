@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Definitions that take precedence over the C library's (and the sanitizers'
 // weak interceptors) in the fuzz executables.
 #include "fuzz/guard.h"

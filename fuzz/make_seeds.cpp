@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Writes the fuzz targets' starting corpora and dictionaries into a directory:
 // for the engine, a request of every op code in both forms, carrying the
 // precedence, the lab administrator's credentials and every tag that the op

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Requests of every op code built from the tag table: which tags an op code's
 // requests (or replies) take, each with a plausible value. Shared by the fuzz
 // seed generator and the hostile-input suite, so both cover new handlers as

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: ISC
 # Supervisor of one simulated access point; started by tavlab as
 #
 #   ip netns exec LAB-apN unshare -m -p -f --mount-proc --propagation private \

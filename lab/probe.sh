@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # tavlab's safety probe (bash). Run as
 #
 #   bash -c "$(cat probe.sh)" tavlab-probe ID CIPHER HOST [-- CMD...]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // cli_get_val: read a small file named printf-style. Shared by the socket
 // and the in-process builds of the typed access.
 #include <fcntl.h>

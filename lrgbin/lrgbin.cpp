@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Configuration database socket client, plus the small process and text
 // helpers that ship in the same library. Device code: libc only. Programs
 // start through the platform's launcher (platform/proc.h), so whoever links this

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Client of the configuration database socket and small process/text
 // utilities. Usable from C and C++; needs nothing beyond libc.
 #pragma once

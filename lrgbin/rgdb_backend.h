@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The two primitives under the typed access: reading one composed key and
 // writing one key. `lrgbin` implements them over the database socket,
 // `lrgbin_store` over an in-process map; the typed layer is shared.

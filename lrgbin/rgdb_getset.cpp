@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Typed access to configuration keys: formatted keys, numbers as decimal
 // text, the buffer rules. The primitives underneath are in rgdb_socket.cpp
 // (the device) or rgdb_store.cpp (in-process, for fuzzing and tests).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Typed access to configuration keys: one database connection per call.
 #pragma once
 

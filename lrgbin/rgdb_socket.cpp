@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The typed access's primitives over the database socket: every call opens
 // its own connection, issues one command and closes it again.
 #include <string.h>

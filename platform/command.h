@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Shell commands composed from a literal format and values. Request text can
 // enter a command only as a %s argument, and every %s argument is quoted:
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "platform/netio.h"
 
 ssize_t tavc_sendto(int fd, const void *buf, size_t len, const struct sockaddr *to,

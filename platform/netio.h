@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The one place where frames leave the daemon, so that a test or fuzz build
 // can link a recorder (tavc_record) instead of the sockets (tavc_platform).
 #pragma once

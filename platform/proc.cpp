@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The real launcher (library tavc_platform).
 #include "platform/proc.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Every program the daemon starts goes through this module, so that a test or
 // fuzz build can link a recorder (sim/record) in place of the real launcher
 // (tavc_platform), and so that request values reach a shell only through the

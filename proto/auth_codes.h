@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The authentication codes of the SSID messages (tag 930): the manager's name
 // for each code, the credential an SSID of that code carries, and the number
 // the device stores for it. The daemon, the manager tool and the tests all

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Calling contract of the cipher library ("/usr/lib/TAV_Auth.so"): four C
 // symbols; every buffer descriptor is passed by address, and the library may
 // change an output descriptor's length.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Every TLV tag of the TAV protocol: number, name, value kind and where it
 // appears. One tag number can mean different things in different op codes
 // (tag 8 is a host name in discovery but a member's model name in the AP-array

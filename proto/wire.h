@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The TAV wire format: frame and header layouts, message types, op codes,
 // result codes and the TLV codec. The daemon, the manager tool, the tests and
 // the fuzzers all include this file; nothing else defines these numbers.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # Builds the device code for s390x (64-bit, big-endian) and runs its unit
 # tests under user-mode qemu, then checks that the cross-built daemon needs
 # nothing but libc.

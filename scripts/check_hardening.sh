@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # Reads a binary's ELF headers (of any target) and checks the release
 # hardening: stack protector, FORTIFY_SOURCE, PIE, full RELRO, non-executable
 # stack, and that the only shared library it needs is libc (and its loader).

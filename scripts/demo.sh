@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # The lab demo: builds everything, brings up three simulated access points and
 # a manager host in network namespaces, and lets the manager find them by raw
 # Ethernet and by UDP. Needs root. `--keep` leaves the lab up afterwards

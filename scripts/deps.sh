@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # Installs the Debian packages the build, the lab and the tests need (and any
 # named as arguments), only when something is missing, so a prepared machine
 # needs no network. Usage: scripts/deps.sh [EXTRA-PACKAGE...]

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # Builds the fuzz preset and runs every libFuzzer target for a bounded time,
 # starting from the generated seed corpora (plus the corpus kept from earlier
 # runs in build/fuzz/corpus). Fails on any finding: the crashing input is left

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # What an idle lab costs: brings up a lab instance of its own with N access
 # points (default 8), lets it settle, then measures over SECONDS (default 60)
 #   - the CPU time of the lab's own processes (utime + stime, with what their

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: ISC
 """Planted faults: does a test fail when the daemon's code is subtly wrong?
 
   draw   --seed S --count N [--out scripts/mutants.list] [DIRS...]

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # The whole lab on an access point's CPU: builds a cross preset's daemon,
 # database server, rgdb, cipher (and its size-limit variants), the lab's
 # preload shim and the unit tests; runs the unit tests under qemu; then every

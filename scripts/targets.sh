@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # Cross builds for the access points' CPUs, with the release flags: the
 # daemon and the substitutes (database server, rgdb, cipher) for big- and
 # little-endian MIPS and 64-bit ARM, each daemon checked by

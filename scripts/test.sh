@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # Runs every test: installs what is missing, configures, builds, runs every
 # suite through CTest, several at a time (each lab suite has lab instances of
 # its own), then the big-endian pass: the unit tests and every lab suite on

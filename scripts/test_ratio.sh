@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
 # Test share of the code: non-blank lines of tracked test files (under a
 # test/, tests/ or fuzz/ folder) against the non-blank lines of every other
 # tracked source file. Usage: scripts/test_ratio.sh [--max PERCENT]

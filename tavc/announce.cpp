@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Presence: discovery, the supported-functions list, hello/bye/report
 // requests and the device's own hello, report and bye broadcasts.
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The daemon's own announcements: hello at start, report every period, bye.
 #pragma once
 

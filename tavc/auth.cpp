@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Op 0x00A3: verification of a manager's credentials.
 #include "proto/tags.h"
 #include "proto/wire.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The administrator's credentials, compared in constant time.
 #include "tavc/credentials.h"
 

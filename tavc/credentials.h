@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The administrator's credentials, checked in one place for the TLV walk and
 // the verification request alike.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Message types, target checks, the op-code table and the reply header.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The 31 protocol handlers of the dispatch table (tav_function), one per op
 // code. Each follows the handler contract of tav_handler (dispatch.h).
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The device identity record, rebuilt from the configuration database.
 #include <arpa/inet.h>
 #include <stdio.h>

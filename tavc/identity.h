@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The identity record: what the device says about itself, rebuilt from the
 // configuration database before every request.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Start-up, the main loop and shutdown (tavc_run), and the exit on SIGTERM.
 #include <dlfcn.h>
 #include <errno.h>

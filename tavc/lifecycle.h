@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Start-up, the main loop and shutdown.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // tavc: the device-side daemon of the TAV discovery and management protocol.
 // Takes no arguments and reads no environment: everything comes from the
 // configuration database.

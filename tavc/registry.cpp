@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Managers known by precedence. Records come from a fixed pool (the registry
 // never holds more than kTavServerMax), so serving a request never allocates.
 #include <string.h>

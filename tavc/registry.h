@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The manager registry: who asked with which precedence, per op code.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A handler's reply body: the host-order 16-bit length, then the TLV area.
 // TLVs are appended through proto's TlvWriter, which never writes past the
 // 65490-byte area.

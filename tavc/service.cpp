@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Service actions shared by the handler groups. The fire-and-forget ones run
 // in a child that starts the command line through the shell and exits 0; the
 // caller never waits.

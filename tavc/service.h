@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The device services that handlers start after a change. The pid-returning
 // ones run their command line in a child and return at once (-1 when fork
 // fails, and nothing runs); the SIGCHLD handler reaps the child.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The time-zone table: protocol time-zone id (1..84) -> the device's code in
 // "/time/timezone"; 0 = the id has no device code.
 #pragma once

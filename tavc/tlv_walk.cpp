@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "tavc/tlv_walk.h"
 
 #include <string.h>

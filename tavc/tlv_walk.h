@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The request TLV walk, written once for every handler.
 //
 // A handler describes its request in a constant table of rules, one per tag:

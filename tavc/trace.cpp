@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "tavc/trace.h"
 
 #include <stdarg.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Debug tracing to standard error, switched at run time by the configuration
 // key "/runtime/tav_debug_enable" (read afresh on every trace, so a manager
 // can turn it on without restarting the daemon).

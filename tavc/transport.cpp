@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Sockets, frames and the binding to the cipher library.
 #include <arpa/inet.h>
 #include <dlfcn.h>

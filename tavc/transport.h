@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Sockets, frames and the binding to the cipher library.
 #pragma once
 

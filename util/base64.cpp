@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "util/base64.h"
 
 static const char base64_table[] =

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Base64 (standard alphabet, "=" padding) for the account handler and the
 // manager tool. No allocation: the caller provides the output buffer.
 #pragma once

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # 64-bit ARM.
 set(TAVC_CROSS_TRIPLE aarch64-linux-gnu)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Cross build with one of Debian's cross compilers; included by the files
 # named for their target (mips-linux-gnu.cmake, ...), which set
 # TAVC_CROSS_TRIPLE, CMAKE_SYSTEM_PROCESSOR and TAVC_QEMU first.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # MIPS32 big-endian, the access points' most common CPU.
 set(TAVC_CROSS_TRIPLE mips-linux-gnu)
 set(CMAKE_SYSTEM_PROCESSOR mips)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # MIPS32 little-endian.
 set(TAVC_CROSS_TRIPLE mipsel-linux-gnu)
 set(CMAKE_SYSTEM_PROCESSOR mipsel)

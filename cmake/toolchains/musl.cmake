@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # The daemon against musl, the C library of most access-point firmware, on
 # this machine's CPU (Debian: musl-tools). It shows that the daemon needs
 # nothing of glibc: it keeps to header-only parts of the C++ library, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 /* Preloaded into the lab's programs when they run under user-mode qemu
  * (a cross build's lab, see lab/README.md): qemu-user 7.2 translates neither
  * setsockopt(MCAST_JOIN_GROUP) nor ioctl(SIOCGARP), which a device's kernel

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 /* Stand-in for the device's closed cipher library.
  *
  * Same four entry points and calling contract as the real one, but a cipher of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/record/record.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Recorder for test and fuzz builds: link `tavc_record` instead of
 // `tavc_platform` and the engine's launches and outgoing frames are kept here
 // instead of reaching the machine.

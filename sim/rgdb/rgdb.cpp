@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // rgdb: read and change keys of the configuration database from the shell.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The typed access's primitives over an in-process map, with the same limits
 // and byte behaviour as the socket path: the "%s %s" set text cut to 1022
 // characters and split at its first space, reads that deliver the value and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // In-process configuration store behind the typed access functions of
 // rgdb_getset.h: link `lrgbin_store` instead of `lrgbin` and no socket is
 // used. For fuzzing and tests only; never part of the device build.

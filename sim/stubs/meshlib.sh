@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # The simulated mesh service of an access point (bash; sourced by the submit
 # and nb_submit stubs after stublib.sh, never run).
 #

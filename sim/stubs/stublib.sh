@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Shared part of the access-point stubs (bash; sourced, never run).
 #
 # A stub only ever acts inside a lab access point: its private mount

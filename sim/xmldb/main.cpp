@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // xmldb: substitute configuration database server. One thread, one epoll
 // loop, non-blocking sockets; each connection carries one command and is
 // closed after its reply. A client that stalls is dropped at its deadline so

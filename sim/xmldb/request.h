@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // One request of the database socket protocol: its framing (16-byte header in
 // host order, then data_length payload bytes) and what the server does with
 // it. Kept apart from the socket loop so that it can be driven on a buffer.

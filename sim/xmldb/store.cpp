@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "store.h"
 
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Key/value store of the substitute configuration database and its text
 // file format (shared by xmldb and the in-process store of lrgbin_store).
 #pragma once

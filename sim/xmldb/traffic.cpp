@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "traffic.h"
 
 #include <unistd.h>

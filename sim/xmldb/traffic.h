@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The simulated statistics service of a lab access point, kept by the
 // database itself: the traffic counters grow and the load figures move every
 // few seconds. Nothing runs between requests: before each request the ticks

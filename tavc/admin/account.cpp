@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Op 0x00A4: replace the administrator account (name and password sent in
 // base64).
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ops 0x00E4 and 0x00E5: the clock, its NTP server, the time zone and
 // daylight saving.
 #include <arpa/inet.h>

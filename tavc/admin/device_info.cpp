@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Op 0x00E3: change the system name or the web server's port.
 #include "lrgbin/rgdb_getset.h"
 #include "proto/tags.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ops 0x00E0 (general information) and 0x00E1 (IPv4 addressing of the
 // device's interface).
 #include <stdio.h>

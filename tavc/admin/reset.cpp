@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ops 0x00AA and 0x00AB: reset and factory reset, after an optional delay, in
 // a child process so that the reply goes out first.
 #include "proto/tags.h"

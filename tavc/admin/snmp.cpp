@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ops 0x00DA and 0x00D4: read and change the SNMP agent's state and
 // communities.
 #include <stdio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Op 0x00E6: the central-management agent's profile, and starting the agent.
 #include <dirent.h>
 #include <stdio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ops 0x0101 and 0x0102: configuration backup to and restore from a tftp
 // server. A configure request starts the transfer in a child and answers at
 // once; every request answers the progress key as it is afterwards

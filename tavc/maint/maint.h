@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The maintenance and central-management group: the agent profile, firmware
 // upgrade, configuration backup and restore, reboot. What the handlers share
 // with each other and with tests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Op 0x0103: reboot, at once or after the requested delay. The delay runs in
 // a child, so the reply leaves before the device goes down.
 #include "proto/tags.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The request of the tftp transfers (firmware upgrade, backup, restore):
 // what a "Parameter configure" or "Status query" carries.
 #pragma once

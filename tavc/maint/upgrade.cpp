@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Op 0x0100: firmware upgrade by tftp, started by one request and followed
 // by status queries through the progress key
 // (0 idle, 2 running, 3 done and rebooting, 1 failed).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ops 0x2009 to 0x200C: the AP array (a group of access points run together
 // by the mesh service): its settings, its members and the unmanaged access
 // points seen around, and actions on single access points by MAC.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Op 0x2008: the stations associated with each SSID of the bands in
 // access-point mode. Read-only; the request body is not looked at.
 #include <stdio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The fixed code tables of the wireless handlers, as plain constant data:
 // station authentication texts, wireless mode codes per band, locked
 // countries (the authentication codes come from proto/auth_codes.h).

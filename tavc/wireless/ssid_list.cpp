@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ops 0x2004 and 0x2005: the SSIDs of both bands, read and rewritten in one
 // exchange through the SSID settings store.
 #include <stddef.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The SSID settings store: keys of the primary and the additional SSIDs,
 // the authentication-code translation, the SSID TLV group of a reply and the
 // application of one SSID record of a set request.

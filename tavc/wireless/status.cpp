@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Op 0x2003: the device's load and traffic counters. Read-only; the request
 // body is not looked at.
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The SSID settings store and the band helpers the wireless handlers share.
 // Bands are 1 (2.4 GHz, "inf:1") and 2 (5 GHz, "inf:2"); each band has SSID
 // 0 (its primary SSID) to 7. The accessors pick the key form by the index.

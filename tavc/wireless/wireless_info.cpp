@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ops 0x2006 and 0x2007: which radios are on, the wireless mode of each band
 // and the regulatory country. A country change reboots the device.
 #include <stdio.h>

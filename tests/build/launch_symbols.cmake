@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # cmake -DNM=nm -DARCHIVES="a.a;b.a" -DLAUNCHER=proc.cpp.o -DENGINE=e.a -P launch_symbols.cmake
 # Fails when any object but LAUNCHER references a function that starts or
 # forks a program, or when an object of ENGINE references one of the database

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Device administration in the lab: what only the lab shows of a set request
 // (its services start after the reply, in a child that holds none of the
 // daemon's sockets and is reaped; the change works at once and is kept).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Which messages the daemon takes as requests for itself, and how it answers:
 // the target rules of both paths, op codes locked while the management agent
 // runs, messages dropped without a word, the reply header and its addressing,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Shared pieces of the end-to-end suites: a lab instance per suite, shell
 // access to its hosts, the daemon's output and stub events, managers on the
 // client library, and requests with hand-picked header fields.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Faults around the daemon that ships (release build when present, as in
 # hostile.cmake): the database absent, killed, stalled and restarted;
 # SIGTERM mid-flood; delayed children.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Faults around the daemon, in the lab: its configuration database absent,
 // killed, stalled and restarted; SIGTERM in the middle of a flood; thousands
 // of delayed children. The daemon must never

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Discovery as the database makes it, on both paths; every advertised
 // function answered; and the precedence managers claim with tag 54.
 #include "tests/e2e/e2e.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Hostile input against the daemon that ships: the suites use build/release
 # when it holds a daemon and the lab's stand-ins (.ci/run builds it first),
 # else this build (a sanitized build always its own daemon), and say which.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Shared by the hostile-input, fault and security suites: which
 // daemon build the lab runs, the daemon's memory and children as seen inside
 // its access point, and a generator of malformed traffic.

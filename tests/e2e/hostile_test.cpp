@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Hostile input against the daemon that ships (the release build when there
 // is one): a flood of malformed frames and datagrams, bounded by its count,
 // after which the daemon must still be the same process, without zombie

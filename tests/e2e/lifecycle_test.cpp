@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the daemon does when it starts and a minute later (how it stops:
 // faults_test.cpp), and how it lives with a cipher library that oversteps
 // its limits.

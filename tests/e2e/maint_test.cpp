@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Maintenance in the lab: the agent profile and the lock it sets, firmware
 // upgrade, configuration backup and restore, and reboot, with the transfers
 // simulated by the lab's tftp and the reboots by its supervisor.

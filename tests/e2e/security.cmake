@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Shell and format texts against every handler of the daemon that ships
 # (release build when present, as in hostile.cmake).
 tav_e2e_executable(tav_e2e_security security_test.cpp)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Request texts holding shell and format characters, sent with the right
 // credentials to every op code in every text tag it takes: none may run a
 // command (the marker file stays absent) or upset the daemon. (Credentials

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # The administration and maintenance suites again, the daemon holding only
 # the capabilities of the systemd unit (less CAP_SYS_BOOT and CAP_SYS_TIME,
 # which the lab never grants): what the unit gives must be enough.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Wireless handlers: SSIDs; radios, country and status
 # counters; AP array.
 tav_e2e_executable(tav_e2e_wireless wireless_test.cpp)

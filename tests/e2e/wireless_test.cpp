@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The wireless handlers in the lab: status counters, the SSID list, bands,
 // modes and country, and the AP array, checked by what the database holds,
 // the keys the set requests leave and the commands they run. (Key forms of

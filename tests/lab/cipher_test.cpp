@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Contract of the stand-in cipher library, loaded the way the daemon loads it.
 #include <dlfcn.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Brings the namespace lab up and checks what everything else relies on: the
 // access point sees the lab's cipher, its own database and only stubs for the
 // device commands; and nothing of the lab survives `down`. Needs root. (That

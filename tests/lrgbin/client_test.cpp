@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The database client and the typed access against a server that records
 // the bytes it receives and answers with scripted chunks.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The in-process store gives the typed functions the socket path's results.
 #include <gtest/gtest.h>
 

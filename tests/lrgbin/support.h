@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Helpers shared by the database test suites.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Process and text utilities, and cli_get_val.
 #include <gtest/gtest.h>
 #include <sys/wait.h>

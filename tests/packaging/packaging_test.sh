@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: ISC
 # What an install of a build tree gives, and the service files built on it,
 # each check staged in a temporary directory (arguments: tests/packaging).
 set -u

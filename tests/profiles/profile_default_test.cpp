@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The shipped default profile is something the daemon can live on:
 // well-formed lines, lab-safe addresses, well-formed MACs.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Fails when docs/protocol.md differs from what proto_doc generates now.
 execute_process(COMMAND ${GEN} -o ${OUT} RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Linked as C (no libstdc++) with the device's flags: the protocol headers
 // must work there, at compile time and at run time.
 #include "proto/auth_codes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bounds and layouts of the wire format: headers, TLV codec, op-code table,
 // the wire forms that depend on the op code, authentication codes.
 // (Tag look-ups by op code are exercised through tavctl's TAG=VALUE parsing.)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Request bodies byte by byte, for the unit and the lab tests alike: records
 // whose declared length may differ from their value, so walk cases can bend
 // the lengths. Plain bytes, no daemon headers.

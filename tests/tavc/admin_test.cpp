@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Administration handlers through the recorder and the in-process store: base64, the time-zone
 // table, composed commands, launch order, walk sizes and the exact reply bytes (refusals: e2e).
 #include "tests/tavc/handler_fixture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What every unit test of the daemon's handlers starts from: tavc_core linked against the
 // in-process store (lrgbin_store) and the launch/frame recorder (tavc_record). Each test gets the
 // engine's buffers, an empty store with an administrator "admin"/"secret", an empty recorder, a

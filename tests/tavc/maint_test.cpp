@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Maintenance handlers as the recorder sees them: what the lab cannot show cheaply (walk sizes,
 // odd progress values, commands too long to run, the full-length agent identity) and the
 // composed commands. The lab suites follow the same handlers over the wire.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Unit tests of the daemon's engine on the in-process store and the recorder: what only
 // the engine can show. Discovery, dispatch, verification and start-up are e2e tests.
 #include "platform/command.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Wireless handlers on the in-process store and the recorder: the code tables, the keys each
 // SSID form writes, lists that fill the reply area, and the commands set handlers start, in order.
 #include <algorithm>

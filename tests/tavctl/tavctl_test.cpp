@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The client library and tavctl against a stand-in device on loopback UDP.
 // The raw path is driven by the lab suites.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The xmldb server binary and the rgdb tool, driven over their real socket.
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The manager's side of the cipher library: loaded with dlopen from a path
 // (the device's "/usr/lib/TAV_Auth.so" or a substitute), turning plaintext
 // into selector + ciphertext and back.

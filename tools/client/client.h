@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Manager-side client of the TAV protocol: builds requests, enciphers them,
 // sends them by raw Ethernet or UDP and collects the deciphered replies.
 //

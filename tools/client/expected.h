@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A value or an error message: the client's way of reporting failures
 // without forcing callers to catch exceptions. value() throws for callers
 // (tests) that prefer an exception.

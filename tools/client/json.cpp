@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "tools/client/json.h"
 
 #include <cstdio>

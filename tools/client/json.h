@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A small streaming JSON writer (two-space indentation) for --json output.
 #pragma once
 

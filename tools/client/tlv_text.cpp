@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "tools/client/tlv_text.h"
 
 #include <cctype>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Text forms of protocol values: parsing what a person types (TAG=VALUE,
 // MACs, IPv4 addresses, op codes) and printing what a device sent, typed by
 // the tag's kind in the context of the op code.

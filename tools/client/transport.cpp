@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "tools/client/transport.h"
 
 #include <arpa/inet.h>

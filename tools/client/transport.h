@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The two paths to a device: raw Ethernet frames of EtherType 0x2386 on one
 // interface, and UDP datagrams to port 62976 (unicast, broadcast or the
 // 224.0.0.1 group). A transport moves selector + ciphertext payloads; the

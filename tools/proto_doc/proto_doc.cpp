@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Prints docs/protocol.md from the protocol tables in proto/, so the
 // documentation cannot drift from the code. Usage: proto_doc [-o FILE]
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Device administration: account, reset, SNMP, general information, IPv4,
 // system name and web port, date and time.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The core commands: discovery, raw requests, supported functions,
 // verification, hello, bye and the tag list.
 #include <cstdio>

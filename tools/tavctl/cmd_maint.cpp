@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The maintenance commands: the central-management agent's profile, firmware
 // upgrade, configuration backup and restore (optionally followed to their
 // end), and reboot.

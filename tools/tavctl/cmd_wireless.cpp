@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The wireless commands: status counters, SSIDs, radios and country,
 // clients, and the AP array.
 #include <cstdio>

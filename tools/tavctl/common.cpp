@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Sessions with devices, credentials and output helpers shared by every
 // tavctl command.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // tavctl: the manager's command-line tool for TAV devices. This file holds
 // main, the global options, their defaults from config files and the
 // environment, the per-command option parser and the command registry.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Shared pieces of the tavctl commands: exit statuses, arguments and their
 // sources (command line, environment, config files), per-command option
 // parsing, sessions with a device, credentials and output helpers.

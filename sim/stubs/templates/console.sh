@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: ISC
 # Firmware script /etc/templates/console.sh: restarts a service on the device;
 # here it is only recorded.
 [ -n "${BASH_VERSION:-}" ] || exec /bin/bash "$0" "$@"

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: ISC
 # Firmware script that starts the central-management agent. Records the
 # call and leaves a stand-in process named "qm5_agent" (inside the access
 # point's own process namespace), as the real agent would keep running.

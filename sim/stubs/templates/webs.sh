@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: ISC
 # Firmware script /etc/templates/webs.sh: restarts a service on the device;
 # here it is only recorded. /var/run/webs.delay (set by tests) holds seconds
 # the restart takes (default 0, at most 60).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Each MISUSE_n below must fail to compile; without any, the file compiles.
 // Built by the toolkit_misuse_* tests with -fsyntax-only.
 #include <iterator>
