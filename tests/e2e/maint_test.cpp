@@ -168,14 +168,14 @@ E2E_SUITE_OF(MaintSuite, ToolWait, "tool", 1, "");
 // restore to its exit status.
 TEST_F(ToolWait, FollowsTransfersToTheirOutcome) {
     outcome("slow");
-    Sh r = tavctl(lab(), "--target 02:7a:76:00:00:01 --user admin firmware upgrade --server 192.0.2.1 --file fw.bin --wait --limit 600");
+    Sh r = tavctl(lab(), "--yes --target 02:7a:76:00:00:01 --user admin firmware upgrade --server 192.0.2.1 --file fw.bin --wait --limit 600");
     EXPECT_EQ(r.status, 0) << r.out;
     size_t at = 0;
-    for (const char *line : {"firmware upgrade: running (status 2, ", "firmware upgrade: bye from 02:7a:76:00:00:01",
-                             "firmware upgrade: hello from 02:7a:76:00:00:01"})
+    for (const char *line : {"firmware upgrade: 02:7a:76:00:00:01: running (status 2, ", "firmware upgrade: 02:7a:76:00:00:01: bye",
+                             "firmware upgrade: 02:7a:76:00:00:01: hello"})
         EXPECT_NE(at = r.out.find(line, at), std::string::npos) << line << "\n" << r.out;
     outcome("fail");
-    r = tavctl(lab(), "--target ap1 --user admin config restore --server 192.0.2.1 --file t.cfg --wait --limit 600");
+    r = tavctl(lab(), "--yes --target ap1 --user admin config restore --server 192.0.2.1 --file t.cfg --wait --limit 600");
     EXPECT_EQ(r.status, 1) << r.out;
 }
 

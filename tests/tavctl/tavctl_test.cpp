@@ -132,7 +132,7 @@ TEST(Tavctl, PasswordsConfigAndWaitOutcomes) {
     std::remove(tmp.c_str());
 
     // --wait's outcomes.
-    const std::string wait = U + "--user admin config restore --file c --wait --server 192.0.2.";
+    const std::string wait = U + "--yes --user admin config restore --file c --wait --server 192.0.2.";
     run(wait + "1", pw, 1, -1);
     run(wait + "2 --limit 1", pw, 3, -1);
     run(wait + "2", pw, 1, 1);  // busy: no start sent

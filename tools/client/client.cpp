@@ -171,6 +171,11 @@ Expected<void> Client::send_plaintext(std::span<const uint8_t> plaintext) {
 }
 
 Expected<uint16_t> Client::send_request(uint16_t op_code, const TlvList &tlvs) {
+    return send_request_to(op_code, tlvs, opts_.target_mac, opts_.target_ip);
+}
+
+Expected<uint16_t> Client::send_request_to(uint16_t op_code, const TlvList &tlvs, std::optional<Mac> target_mac,
+                                           std::optional<std::array<uint8_t, 4>> target_ip) {
     size_t body = 0;
     for (const auto &t : tlvs) {
         if (t.value.size() > 0xFFFF) return fail("a TLV value exceeds 65535 bytes");
@@ -178,8 +183,8 @@ Expected<uint16_t> Client::send_request(uint16_t op_code, const TlvList &tlvs) {
     }
     if (body > 0xFFFF) return fail("the request body exceeds 65535 bytes");
     bool v4 = ipv4();
-    Mac target = opts_.target_mac.value_or(v4 ? kZeroMac : kBroadcastMac);
-    std::array<uint8_t, 4> ip = opts_.target_ip.value_or(std::array<uint8_t, 4>{});
+    Mac target = target_mac.value_or(v4 ? kZeroMac : kBroadcastMac);
+    std::array<uint8_t, 4> ip = target_ip.value_or(std::array<uint8_t, 4>{});
     uint16_t seq = sequence_++;
     auto plain = build_request(v4, seq, op_code, target, ip, tlvs);
     auto sent = send_plaintext(plain);

@@ -106,6 +106,11 @@ class Client {
 
     // Sends the request and returns the sequence it used.
     Expected<uint16_t> send_request(uint16_t op_code, const TlvList &tlvs);
+    // The same to one device, whatever the options name.
+    Expected<uint16_t> send_request_to(uint16_t op_code, const TlvList &tlvs, std::optional<Mac> target_mac,
+                                       std::optional<std::array<uint8_t, 4>> target_ip);
+    // Whether `m` is the reply to the request of `sequence` and `op_code`.
+    bool is_reply(const Message &m, uint16_t sequence, uint16_t op_code) const { return matches(m, sequence, op_code); }
     // Enciphers and sends any plaintext as it is (malformed ones too).
     Expected<void> send_plaintext(std::span<const uint8_t> plaintext);
     // Replies to an earlier send_request().

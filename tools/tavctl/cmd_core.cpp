@@ -1,313 +1,375 @@
 // SPDX-License-Identifier: ISC
-// The core commands: discovery, raw requests, supported functions,
-// verification, hello, bye and the tag list.
+// The core commands: discovery (once or watching), raw requests, supported
+// functions, verification, the manager's hello and bye, and the tag list.
+#include <csignal>
 #include <cstdio>
-#include <set>
+#include <ctime>
+#include <map>
 
+#include "tools/client/json.h"
 #include "tools/tavctl/tavctl.h"
 
 namespace tavctl {
 
 namespace {
 
-const char kHelp_discover[] = R"(usage: tavctl [OPTIONS] discover
+std::string ip_text(const Message &m, uint16_t tag) {
+    auto ip = m.ipv4(tag);
+    return ip ? format_ipv4(*ip) : "";
+}
 
-Broadcasts a discovery request (op 0xA1) and lists every device that answers
-within --timeout: MAC, IPv4 address, host name, model, firmware, system name,
-web port. With --json, prints an array of objects (one per device) with every
-field of the answer; MACs are six zero-padded lower-case pairs.
-Exit status 3 when no device answers.
-)";
+// The fields of a discovery reply or a report.
+Node identity(const Message &m) {
+    Node o = Node::object();
+    auto txt = [&](uint16_t tag) { return Node(m.text(tag).value_or("")); };
+    o.set("ip", ip_text(m, kTagIpAddress));
+    o.set("system_name", txt(kTagSystemName));
+    o.set("host_name", txt(kTagHostName));
+    o.set("model", txt(kTagModelName));
+    o.set("firmware", txt(kTagFirmwareVersion));
+    auto port = m.u16(kTagWebPort);
+    o.set("web_port", port ? Node(unsigned(*port)) : Node());
+    const bool managed = m.u16(kTagConnectionStatus).value_or(0) != 0;
+    o.set("managed", Node(managed).shown(managed ? "yes (" + m.text(kTagNmsServer).value_or("") + ")" : "no"));
+    o.set("netmask", Node(ip_text(m, kTagNetmask)).json_only());
+    o.set("gateway", Node(ip_text(m, kTagGateway)).json_only());
+    o.set("primary_dns", Node(ip_text(m, kTagPrimaryDns)).json_only());
+    o.set("vendor", txt(kTagVendor).json_only());
+    o.set("product_type", txt(kTagProductType).json_only());
+    o.set("hardware", txt(kTagHardwareVersion).json_only());
+    auto wan = m.u8(kTagWanMode);
+    o.set("addressing", Node(wan ? (*wan == 1 ? "dhcp" : *wan == 0 ? "static" : "other") : "").json_only());
+    o.set("wan_mode", (wan ? Node(unsigned(*wan)) : Node()).json_only());
+    o.set("date_time", txt(kTagDateTime).json_only());
+    o.set("managed_status", Node(unsigned(m.u8(kTagManagedStatus).value_or(0))).json_only());
+    o.set("connection_status", Node(unsigned(m.u16(kTagConnectionStatus).value_or(0))).json_only());
+    o.set("nms_server", txt(kTagNmsServer).json_only());
+    o.set("ag_uuid", txt(kTagAgUuid).json_only());
+    return o;
+}
 
-const char kHelp_raw[] = R"(usage: tavctl [OPTIONS] raw OPCODE [--tlv TAG=VALUE]...
+std::string now_text() {
+    char b[16];
+    std::time_t t = std::time(nullptr);
+    std::tm tm{};
+    localtime_r(&t, &tm);
+    std::strftime(b, sizeof b, "%H:%M:%S", &tm);
+    return b;
+}
 
-Sends op code OPCODE (a number such as 0xA1 or 161, or a handler name such as
-tav_discovery or discovery) with the given TLVs and prints each reply: its
-result code and meaning, and its TLVs by name with typed values.
+volatile std::sig_atomic_t g_stop = 0;
 
-TAG is a number or a tag name (see "tavctl tags OPCODE"). VALUE is read by
-the tag's kind (text gets its terminating NUL; numbers are decimal or 0x hex;
-MACs aa:bb:cc:dd:ee:ff; IPv4 dotted), or by an explicit prefix:
-  text:admin  str:abc (no NUL)  u8:5  u16:80  u32:1  u32le:1  i32:-5  u64:1
-  mac:02:7a:76:00:00:01  ip:192.0.2.1  x:0a0b0c (raw hex bytes)
-With --credentials, the request starts with the credential TLVs (54 when a
-precedence is set, 55 and 56), the password read as for "verify"; a VALUE
-of @password also takes the password from there.
-Examples:
-  tavctl --iface eth0 raw 0xA3 --tlv 54=u8:5 --tlv USER_NAME=admin --tlv 56=text:
-  tavctl --udp 192.0.2.11 raw tav_get_device_status
-Exit status 1 when a reply carries a non-zero result code.
-)";
-
-const char kHelp_functions[] = R"(usage: tavctl [OPTIONS] functions
-
-Asks for the supported optional functions (op 0xA5) and lists the advertised
-op codes with their handler names.
-)";
-
-const char kHelp_verify[] = R"(usage: tavctl [OPTIONS] verify --user NAME [--password-file FILE] [--precedence N]
-
-Tests a user name and password (op 0xA3). The password is read from FILE (its
-first line), else from the environment variable TAVCTL_PASSWORD, else from a
-prompt on the terminal without echo. It is never taken on the command line.
---precedence N also sends this manager's precedence (tag 54).
-Exit status 0 when the device accepts the credentials, 1 when it answers with
-a non-zero result code (64: authentication failed).
-)";
-
-const char kHelp_hello[] = R"(usage: tavctl [OPTIONS] hello
-
-Sends a manager hello (op 0x104) and prints each device's result.
-)";
-
-const char kHelp_bye[] = R"(usage: tavctl [OPTIONS] bye
-
-Sends a manager bye (op 0x105): the device forgets this manager's precedences.
-)";
-
-const char kHelp_tags[] = R"(usage: tavctl tags [OPCODE]
-
-Lists every tag with its number, name, value kind and meaning; with OPCODE,
-names and kinds as that op code uses them. Needs no network.
-)";
-
-int cmd_discover(Args &a) {
-    OptParser(a).parse_none();
-    std::vector<Message> replies;
-    bool ipv4 = false;
-    int rc = run_request(a, kOpDiscovery, {}, replies, ipv4);
-    if (rc == kExitNoReply && a.json) std::printf("[]\n");
-    if (rc != kExitOk) return rc;
-
-    // One entry per device even when it answers on several paths.
-    std::vector<const Message *> devices;
-    std::set<std::string> seen;
-    for (const auto &m : replies) {
-        std::string key = m.mac(kTagMac) ? format_mac(*m.mac(kTagMac)) : from_text(m, ipv4);
-        if (seen.insert(key).second) devices.push_back(&m);
-    }
-    auto ip_or = [](const Message &m, uint16_t tag) {
-        auto ip = m.ipv4(tag);
-        return ip ? format_ipv4(*ip) : std::string();
+// Follows the fleet: the discovery's answers, then hellos, reports and byes
+// as they arrive; an access point three reports late is marked stale.
+int watch(Ctx &c, Fleet &f, double duration, double report_interval) {
+    if (f.ipv4()) usage("--watch needs --iface: access points announce themselves by raw Ethernet only");
+    std::signal(SIGINT, [](int) { g_stop = 1; });
+    std::signal(SIGTERM, [](int) { g_stop = 1; });
+    struct Seen {
+        Clock::time_point last;
+        bool stale = false;
     };
-    auto mac_of = [&](const Message &m) {
-        auto mac = m.mac(kTagMac);
-        return mac ? format_mac(*mac) : (ipv4 ? std::string() : format_mac(m.src_mac));
+    std::map<std::string, Seen> fleet;
+    auto event = [&](const char *what, const std::string &mac, const Message *m) {
+        if (c.json()) {
+            JsonWriter j;
+            j.begin_object().key("event").value(what).key("mac").value(mac).key("time").value(now_text());
+            if (m && m->find(kTagSystemName))
+                j.key("ip").value(ip_text(*m, kTagIpAddress)).key("system_name").value(
+                    m->text(kTagSystemName).value_or(""));
+            j.end_object();
+            std::string line = j.str();
+            for (char &ch : line)
+                if (ch == '\n') ch = ' ';
+            std::printf("%s\n", line.c_str());
+        } else {
+            std::printf("%s  %-6s %s", now_text().c_str(), what, mac.c_str());
+            if (m && m->find(kTagSystemName))
+                std::printf("  %s  %s", ip_text(*m, kTagIpAddress).c_str(), m->text(kTagSystemName).value_or("").c_str());
+            std::printf("\n");
+        }
+        std::fflush(stdout);
     };
-    if (a.json) {
-        JsonWriter j;
-        j.begin_array();
-        for (const Message *m : devices) {
-            j.begin_object();
-            j.key("mac").value(mac_of(*m));
-            j.key("ip").value(ip_or(*m, kTagIpAddress));
-            j.key("netmask").value(ip_or(*m, kTagNetmask));
-            j.key("gateway").value(ip_or(*m, kTagGateway));
-            j.key("primary_dns").value(ip_or(*m, kTagPrimaryDns));
-            j.key("vendor").value(m->text(kTagVendor).value_or(""));
-            j.key("model").value(m->text(kTagModelName).value_or(""));
-            j.key("product_type").value(m->text(kTagProductType).value_or(""));
-            j.key("host_name").value(m->text(kTagHostName).value_or(""));
-            j.key("firmware").value(m->text(kTagFirmwareVersion).value_or(""));
-            j.key("hardware").value(m->text(kTagHardwareVersion).value_or(""));
-            j.key("system_name").value(m->text(kTagSystemName).value_or(""));
-            auto num = [&](const char *k, std::optional<uint64_t> v) {
-                j.key(k);
-                if (v)
-                    j.value(*v);
-                else
-                    j.null();
-            };
-            auto opt8 = [](std::optional<uint8_t> v) {
-                return v ? std::optional<uint64_t>(*v) : std::nullopt;
-            };
-            auto opt16 = [](std::optional<uint16_t> v) {
-                return v ? std::optional<uint64_t>(*v) : std::nullopt;
-            };
-            num("web_port", opt16(m->u16(kTagWebPort)));
-            num("wan_mode", opt8(m->u8(kTagWanMode)));
-            num("tav_mode", opt8(m->u8(kTagTavMode)));
-            j.key("date_time").value(m->text(kTagDateTime).value_or(""));
-            num("managed_status", opt8(m->u8(kTagManagedStatus)));
-            num("connection_status", opt16(m->u16(kTagConnectionStatus)));
-            j.key("nms_server").value(m->text(kTagNmsServer).value_or(""));
-            j.key("ag_uuid").value(m->text(kTagAgUuid).value_or(""));
-            j.key("from").value(from_text(*m, ipv4));
-            j.key("result").value(uint64_t(m->result()));
-            j.end_object();
-        }
-        j.end_array();
-        std::fputs(j.str().c_str(), stdout);
-        return worst_result(replies);
+    for (const Ap &ap : f.discover(f.window())) {
+        fleet[ap.label()] = {Clock::now()};
+        event("found", ap.label(), &*ap.discovery);
     }
-    std::vector<std::vector<std::string>> rows = {
-        {"MAC", "IP ADDRESS", "HOST NAME", "MODEL", "FIRMWARE", "SYSTEM NAME", "WEB PORT"}};
-    for (const Message *m : devices) {
-        auto port = m->u16(kTagWebPort);
-        auto txt = [&](uint16_t tag) {
-            const Record *t = m->find(tag);
-            return t ? format_text(t->value) : std::string();
-        };
-        rows.push_back({mac_of(*m), ip_or(*m, kTagIpAddress), txt(kTagHostName),
-                        txt(kTagModelName), txt(kTagFirmwareVersion), txt(kTagSystemName),
-                        port ? std::to_string(*port) : ""});
-    }
-    print_table(rows);
-    return worst_result(replies);
-}
-
-
-int cmd_raw(Args &a) {
-    std::vector<std::string> tlv_args;
-    bool credentials = false;
-    auto words = OptParser(a)
-                     .value("--tlv", [&](const std::string &v) { tlv_args.push_back(v); })
-                     .flag("--credentials", credentials)
-                     .parse();
-    if (words.size() != 1) throw UsageError{"raw needs one OPCODE"};
-    auto op = parse_op_code(words[0]);
-    if (!op) throw UsageError{op.error()};
-    TlvList tlvs;
-    if (credentials)
-        if (int rc = add_credentials(a, tlvs)) return rc;
-    for (const auto &arg : tlv_args) {
-        if (arg.ends_with("=@password")) {
-            auto tag = parse_tlv_arg(arg.substr(0, arg.size() - 9) + "x:", *op);
-            if (!tag) throw UsageError{tag.error()};
-            std::string err;
-            auto pw = read_password(a, err);
-            if (!pw) {
-                std::fprintf(stderr, "tavctl: %s\n", err.c_str());
-                return kExitUsage;
+    const auto late = std::chrono::milliseconds(long(3 * report_interval * 1000 + 5000));
+    const auto end = Clock::now() + std::chrono::milliseconds(long(duration * 1000));
+    while (!g_stop && (duration <= 0 || Clock::now() < end)) {
+        auto m = f.client().receive(Clock::now() + std::chrono::milliseconds(500));
+        if (m && m->is_announcement()) {
+            std::string mac = format_mac(m->src_mac);
+            const char *what = m->op_code() == kOpHello ? "hello" : m->op_code() == kOpBye ? "bye" : "report";
+            if (m->op_code() == kOpBye) {
+                fleet.erase(mac);
+            } else {
+                bool known = fleet.count(mac) && !fleet[mac].stale;
+                fleet[mac] = {Clock::now()};
+                if (known && m->op_code() == kOpReport) continue;  // a report of one we list: quiet
             }
-            tlvs.push_back(tlv_text(tag->tag, *pw));
-            continue;
+            event(what, mac, &*m);
         }
-        auto t = parse_tlv_arg(arg, *op);
-        if (!t) throw UsageError{t.error()};
-        tlvs.push_back(std::move(*t));
-    }
-    return each_reply(a, *op, tlvs, [&](JsonWriter &j, const Message &m, bool ipv4, bool) {
-        if (a.json)
-            json_reply(j, m, ipv4);
-        else
-            print_reply_human(m, ipv4);
-    });
-}
-
-int cmd_functions(Args &a) {
-    OptParser(a).parse_none();
-    return each_reply(a, kOpSupportedFunctions, {}, [&](JsonWriter &j, const Message &m, bool ipv4,
-                                                        bool several) {
-        std::vector<uint16_t> codes;
-        for (const Record *t : m.all(kTagSupportedFunction))
-            if (t->value.size() == 2) codes.push_back(get_be16(t->value.data()));
-        if (a.json) {
-            json_head(j, m, ipv4);
-            j.key("functions").begin_array();
-            for (uint16_t c : codes) {
-                const OpCodeInfo *op = find_op_code(c);
-                j.begin_object();
-                j.key("op_code").value(uint64_t(c));
-                j.key("hex").value(format_op_code(c));
-                j.key("handler");
-                if (op)
-                    j.value(op->handler);
-                else
-                    j.null();
-                j.end_object();
+        for (auto &[mac, s] : fleet)
+            if (!s.stale && Clock::now() - s.last > late) {
+                s.stale = true;
+                event("stale", mac, nullptr);
             }
-            j.end_array();
-            j.end_object();
-        } else {
-            if (several || m.result() != 0)
-                std::printf("%s: result %s\n", from_text(m, ipv4).c_str(),
-                            result_text(m.result(), m.op_code()).c_str());
-            for (uint16_t c : codes) {
-                const OpCodeInfo *op = find_op_code(c);
-                std::printf("%s  %s\n", format_op_code(c).c_str(),
-                            op ? std::string(op->handler).c_str() : "(unknown)");
-            }
-        }
-    });
-}
-
-int cmd_verify(Args &a) {
-    OptParser(a).parse_none();
-    if (!a.cred.have_user) throw UsageError{"verify needs --user NAME"};
-    TlvList tlvs;
-    if (int rc = add_credentials(a, tlvs)) return rc;
-    return each_reply(a, kOpUserVerification, tlvs, [&](JsonWriter &j, const Message &m, bool ipv4, bool) {
-        const Record *v = m.find(kTagVerification);
-        bool ok = m.result() == 0 && v && v->value.size() == 4 && v->value[0] == 1;
-        if (a.json) {
-            json_head(j, m, ipv4);
-            j.key("result_meaning").value(result_meaning(m.result(), kOpUserVerification));
-            j.key("verified").value(ok);
-            j.end_object();
-        } else {
-            std::printf("%s: %s\n", from_text(m, ipv4).c_str(),
-                        ok ? "credentials accepted"
-                           : ("result " + result_text(m.result(), kOpUserVerification)).c_str());
-        }
-    });
-}
-
-int cmd_simple(Args &a, uint16_t op) {
-    OptParser(a).parse_none();
-    return each_reply(a, op, {}, [&](JsonWriter &j, const Message &m, bool ipv4, bool) {
-        if (a.json) {
-            json_head(j, m, ipv4);
-            j.key("result_meaning").value(result_meaning(m.result(), op));
-            j.end_object();
-        } else {
-            std::printf("%s: result %s\n", from_text(m, ipv4).c_str(), result_text(m.result(), op).c_str());
-        }
-    });
-}
-
-int cmd_hello(Args &a) { return cmd_simple(a, kOpHello); }
-int cmd_bye(Args &a) { return cmd_simple(a, kOpBye); }
-
-int cmd_tags(Args &a) {
-    auto words = OptParser(a).parse();
-    if (words.size() > 1) throw UsageError{"tags takes at most one OPCODE"};
-    uint16_t op = 0;
-    if (!words.empty()) {
-        auto o = parse_op_code(words[0]);
-        if (!o) throw UsageError{o.error()};
-        op = *o;
     }
-    JsonWriter j;
-    j.begin_array();
-    for (const auto &base : kTags) {
-        const TagInfo &t = *find_tag(base.tag, op);
-        if (a.json) {
-            j.begin_object();
-            j.key("tag").value(uint64_t(t.tag));
-            j.key("name").value(t.name);
-            j.key("kind").value(tag_kind_name(t.kind));
-            j.key("where").value(t.where);
-            j.key("meaning").value(t.meaning);
-            j.end_object();
-        } else {
-            std::printf("%5u  0x%04X  %-27s %-6s %s\n", t.tag, t.tag, std::string(t.name).c_str(),
-                        std::string(tag_kind_name(t.kind)).c_str(), std::string(t.meaning).c_str());
-        }
-    }
-    j.end_array();
-    if (a.json) std::fputs(j.str().c_str(), stdout);
     return kExitOk;
 }
 
+int run_discover(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    std::string sort = o.text("--sort").value_or("mac");
+    if (sort != "mac" && sort != "ip" && sort != "name" && sort != "model")
+        usage("--sort: \"" + sort + "\" is none of mac, ip, name, model");
+    Fleet f(c);
+    if (o.flag("--watch"))
+        return watch(c, f, double(o.number("--duration", 1, 86400 * 365).value_or(0)),
+                     double(o.number("--report-interval", 1, 3600).value_or(60)));
+    std::vector<Ap> aps = f.discover(f.window());
+    if (aps.empty()) fail(kExitNoReply, "no access point answered within " + std::to_string(c.g.timeout).substr(0, 4) + " s");
+    auto key = [&](const Ap &ap) -> std::string {
+        if (sort == "ip") {
+            auto ip = ap.ip.value_or(Ipv4{});
+            char b[16];
+            std::snprintf(b, sizeof b, "%03u%03u%03u%03u", ip[0], ip[1], ip[2], ip[3]);
+            return b;
+        }
+        if (sort == "name") return ap.system_name;
+        if (sort == "model") return ap.discovery->text(kTagModelName).value_or("");
+        return ap.label();
+    };
+    std::stable_sort(aps.begin(), aps.end(), [&](const Ap &a, const Ap &b) { return key(a) < key(b); });
+    std::vector<Row> rows;
+    for (const Ap &ap : aps) rows.push_back({ap, identity(*ap.discovery)});
+    return print_report(c.name(), rows, c.g.format, true);
+}
+
+Node value_node(std::span<const uint8_t> v, TagKind kind) {
+    size_t want = tag_kind_size(kind);
+    if (want != 0 && v.size() != want) return to_hex(v);
+    switch (kind) {
+        case TagKind::kU8: return unsigned(v[0]);
+        case TagKind::kU16: return unsigned(get_be16(v.data()));
+        case TagKind::kU32: return unsigned(get_be32(v.data()));
+        case TagKind::kU32Le: return unsigned(v[0] | v[1] << 8 | v[2] << 16 | uint32_t(v[3]) << 24);
+        case TagKind::kI32: return long(int32_t(get_be32(v.data())));
+        case TagKind::kU64: return (unsigned long)(get_be64(v.data()));
+        case TagKind::kText: return format_text(v);
+        default: return format_value(v, kind);
+    }
+}
+
+Node reply_node(const Message &m, bool ipv4) {
+    const Header &h = *m.header;
+    const OpCodeInfo *op = find_op_code(h.op_code);
+    Node o = Node::object();
+    o.set("from", ipv4 ? format_ipv4(m.src_ip) + ":" + std::to_string(m.src_port) : format_mac(m.src_mac));
+    o.set("sequence", unsigned(h.sequence));
+    o.set("op_code", Node(unsigned(h.op_code)).shown(format_op_code(h.op_code)));
+    o.set("handler", op ? Node(std::string(op->handler)) : Node());
+    o.set("result_meaning", std::string(result_meaning(h.result, h.op_code)));
+    Node &list = o.set("tlvs", Node::list());
+    for (const auto &t : m.tlvs) {
+        const TagInfo *info = find_tag(t.tag, h.op_code);
+        TagKind kind = info ? info->kind : TagKind::kBytes;
+        Node &r = list.push(Node::object());
+        r.set("tag", unsigned(t.tag));
+        r.set("name", info ? Node(std::string(info->name)) : Node());
+        r.set("kind", std::string(tag_kind_name(kind)));
+        r.set("length", Node(unsigned(t.value.size())).json_only());
+        r.set("value", value_node(t.value, kind));
+        r.set("hex", Node(to_hex(t.value)).json_only());
+    }
+    o.set("truncated", Node(m.truncated).json_only());
+    return o;
+}
+
+int run_raw(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    if (o.positional().size() != 1) usage("raw needs one OPCODE (a number such as 0xA1, or a handler name)");
+    auto op = parse_op_code(o.positional()[0]);
+    if (!op) usage(op.error());
+    TlvList tlvs;
+    if (o.flag("--credentials")) tlvs = credentials(c);
+    for (const auto &[k, v] : o.given()) {
+        if (k != "--tlv") continue;
+        if (v.ends_with("=@password")) {
+            auto tag = parse_tlv_arg(v.substr(0, v.size() - 9) + "x:", *op);
+            if (!tag) usage(tag.error());
+            tlvs.push_back(tlv_text(tag->tag, password(c)));
+            continue;
+        }
+        auto t = parse_tlv_arg(v, *op);
+        if (!t) usage(t.error());
+        tlvs.push_back(std::move(*t));
+    }
+    Fleet f(c);
+    std::vector<Row> rows;
+    if (c.g.targets.empty()) {  // every reply to one request, as it comes
+        auto replies = f.client().request(*op, tlvs, f.window());
+        if (!replies) fail(kExitNetwork, replies.error());
+        if (replies->empty()) fail(kExitNoReply, "no reply within " + std::to_string(c.g.timeout).substr(0, 4) + " s");
+        for (const Message &m : *replies) {
+            Row &r = rows.emplace_back();
+            r.ap.mac = m.mac(kTagMac);
+            if (!f.ipv4()) r.ap.mac = m.src_mac;
+            if (f.ipv4()) r.ap.ip = m.src_ip;
+            r.result = m.result();
+            r.data = reply_node(m, f.ipv4());
+        }
+    } else {
+        std::vector<Ap> aps = f.targets(false);
+        auto replies = f.ask(aps, *op, tlvs, false);
+        for (size_t i = 0; i < aps.size(); ++i) {
+            Row &r = rows.emplace_back();
+            r.ap = aps[i];
+            if (!replies[i]) {
+                r.exit = kExitNoReply, r.error = f.silence(aps[i], *op);
+                continue;
+            }
+            r.result = replies[i]->result();
+            r.data = reply_node(*replies[i], f.ipv4());
+        }
+    }
+    int rc = print_report(c.name(), rows, c.g.format, rows.size() > 1);
+    for (const Row &r : rows)
+        if (r.error.empty() && r.result != 0) rc = std::max(rc, int(kExitResult));
+    return rc;
+}
+
+int run_functions(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    return read_each(c, kOpSupportedFunctions, {}, [](const Message &m, Node &ap) {
+        Node &list = ap.set("functions", Node::list());
+        for (const Record *t : m.all(kTagSupportedFunction)) {
+            if (t->value.size() != 2) continue;
+            uint16_t code = get_be16(t->value.data());
+            const OpCodeInfo *op = find_op_code(code);
+            Node &f = list.push(Node::object());
+            f.set("op_code", Node(unsigned(code)).shown(format_op_code(code)));
+            f.set("handler", op ? Node(std::string(op->handler)) : Node("(unknown)"));
+        }
+    });
+}
+
+int run_verify(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    return read_each(c, kOpUserVerification, credentials(c), [](const Message &m, Node &ap) {
+        const Record *v = m.find(kTagVerification);
+        ap.set("verified", v && v->value.size() == 4 && v->value[0] == 1);
+    });
+}
+
+int run_hello(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    return read_each(c, c.cmd->name == "hello" ? kOpHello : kOpBye, {},
+                     [](const Message &, Node &ap) { ap.set("accepted", true); });
+}
+
+int run_tags(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    if (o.positional().size() > 1) usage("tags takes at most one OPCODE");
+    uint16_t op = 0;
+    if (!o.positional().empty()) {
+        auto p = parse_op_code(o.positional()[0]);
+        if (!p) usage(p.error());
+        if (!find_op_code(*p)) usage("no op code " + format_op_code(*p) + " in the protocol (see tavctl functions)");
+        op = *p;
+    }
+    char code[8];
+    std::snprintf(code, sizeof code, "0x%X", op);
+    std::vector<Row> rows;
+    Row &r = rows.emplace_back();
+    Node &list = r.data.set("tags", Node::list());
+    for (const auto &base : kTags) {
+        const TagInfo &t = *find_tag(base.tag, op);
+        if (op) {  // only the tags this op code takes or gives
+            bool used = &t != &base;
+            for (size_t p = t.where.find(code); !used && p != std::string_view::npos; p = t.where.find(code, p + 1)) {
+                size_t e = p + std::strlen(code);
+                used = e == t.where.size() || !std::isxdigit(uint8_t(t.where[e]));
+            }
+            if (!used) continue;
+        }
+        Node &n = list.push(Node::object());
+        n.set("tag", unsigned(t.tag));
+        n.set("name", std::string(t.name));
+        n.set("kind", std::string(tag_kind_name(t.kind)));
+        n.set("where", Node(std::string(t.where)).json_only());
+        n.set("meaning", std::string(t.meaning));
+    }
+    if (c.g.format == Format::Table) return print_report(c.name(), rows, c.g.format, false);
+    JsonWriter j;  // not per access point: the table itself
+    if (c.g.format == Format::KeyValue) {
+        for (const Node &n : list.items())
+            std::printf("%s kind=%s name=%s\n", std::to_string(n.get("tag")->number()).c_str(),
+                        n.get("kind")->text().c_str(), n.get("name")->text().c_str());
+        return kExitOk;
+    }
+    j.begin_array();
+    for (const Node &n : list.items()) {
+        j.begin_object();
+        for (const auto &[k, v] : n.fields()) {
+            j.key(k);
+            if (v.type() == Node::Type::Int) j.value(int64_t(v.number()));
+            else j.value(v.text());
+        }
+        j.end_object();
+    }
+    j.end_array();
+    std::fputs(j.str().c_str(), stdout);
+    return kExitOk;
+}
+
+constexpr OptSpec kDiscoverOpts[] = {
+    {"--sort", "KEY", "order of the rows: mac (default), ip, name (system name) or model"},
+    {"--watch", "", "keep listening: list access points as hellos and reports arrive, drop them on bye, mark "
+                    "one stale after three missed reports (needs --iface)"},
+    {"--duration", "SECONDS", "with --watch: stop after SECONDS (default: until interrupted)"},
+    {"--report-interval", "SECONDS", "with --watch: the access points' report period (default 60)"},
+};
+constexpr OptSpec kRawOpts[] = {
+    {"--tlv", "TAG=VALUE", "a record to send; repeat for several (TAG a number or name, see tavctl tags)"},
+    {"--credentials", "", "start the request with the credentials (54, 55, 56)"},
+};
+
 const Command kCore[] = {
-    {"discover", "", "find devices (op 0xA1) and list them", kHelp_discover, cmd_discover},
-    {"raw", "OPCODE [--tlv TAG=VALUE]...", "send any request and print the decoded replies", kHelp_raw, cmd_raw},
-    {"functions", "", "list the op codes a device serves (op 0xA5)", kHelp_functions, cmd_functions},
-    {"verify", "--user NAME", "test a user name and password (op 0xA3)", kHelp_verify, cmd_verify},
-    {"hello", "", "send a manager hello (op 0x104)", kHelp_hello, cmd_hello},
-    {"bye", "", "send a manager bye (op 0x105)", kHelp_bye, cmd_bye},
-    {"tags", "[OPCODE]", "list the protocol's tags (no network)", kHelp_tags, cmd_tags},
+    {"discover", Kind::Local, "find access points (op 0xA1) and list them", "", kDiscoverOpts,
+     "Lists every access point that answers within --timeout, sorted by MAC: address, system and host name, "
+     "model, firmware, web port and whether it is under central management. --json adds every other field of "
+     "the answer (netmask, gateway, DNS, vendor, agent settings...).\n\n"
+     "With --watch the list stays live: \"found\" for the first answers, then \"hello\" (an access point "
+     "started), \"report\" (one not listed yet sent its periodic report), \"bye\" (it stopped) and \"stale\" "
+     "(no report for three periods: an access point that loses power sends no bye). Under --json each event "
+     "is one JSON object on a line of its own.",
+     run_discover},
+    {"raw", Kind::Local, "send any request and print the decoded replies", "OPCODE", kRawOpts,
+     "Sends op code OPCODE (a number such as 0xA1 or 161, or a handler name such as tav_discovery or "
+     "discovery) with the given records and prints each reply: result code and meaning and its records by "
+     "name with typed values. Without --target every reply to one broadcast is shown.\n\n"
+     "VALUE is read by the tag's kind (text gets its terminating NUL; numbers are decimal or 0x hex; MACs "
+     "aa:bb:cc:dd:ee:ff; IPv4 dotted), or by a prefix: text:admin str:abc (no NUL) u8:5 u16:80 u32:1 "
+     "u32le:1 i32:-5 u64:1 mac:02:7a:76:00:00:01 ip:192.0.2.1 x:0a0b0c (raw bytes). A VALUE of @password "
+     "sends the password, read as for any command that changes settings.",
+     run_raw},
+    {"functions", Kind::Read, "list the op codes an access point serves (op 0xA5)", "", {},
+     "Lists the optional functions (op codes with their handler names) each access point advertises.",
+     run_functions},
+    {"verify", Kind::Read, "test a user name and password (op 0xA3)", "", {},
+     "Asks each access point whether --user and the password are its administrator's. The password comes "
+     "from --password-file, TAVCTL_PASSWORD, a private config file or a prompt; never from the command "
+     "line. Exit status 1 when one refuses them.",
+     run_verify},
+    {"hello", Kind::Read, "send a manager hello (op 0x104)", "", {}, "Sends this manager's hello.", run_hello},
+    {"bye", Kind::Read, "send a manager bye (op 0x105)", "", {},
+     "Sends this manager's bye: the access points forget the precedences it gave.", run_hello},
+    {"tags", Kind::Local, "list the protocol's tags, or those of one op code (no network)", "[OPCODE]", {},
+     "Lists tags with number, name, value kind and meaning; with OPCODE only those that op code's requests "
+     "and replies carry, named as it uses them.",
+     run_tags},
 };
 
 }  // namespace

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: ISC
-// The wireless commands: status counters, SSIDs, radios and country,
-// clients, and the AP array.
+// Wireless: status counters, SSIDs, radios and country, clients, and the AP
+// array.
 #include <cstdio>
-#include <fstream>
-#include <map>
 
 #include "proto/auth_codes.h"
 #include "tools/tavctl/tavctl.h"
@@ -12,32 +10,21 @@ namespace tavctl {
 
 namespace {
 
-// ---- names ------------------------------------------------------------------
-
-
-// parse_uint, with the bound checked here as well (its own check lets a
-// single digit above a small bound through).
-std::optional<uint64_t> bounded(const std::string &s, uint64_t max) {
-    auto n = parse_uint(s, max);
-    if (n && *n > max) return std::nullopt;
-    return n;
+Node auth_node(uint8_t code) {
+    return Node(code < kAuthCodes.size() ? std::string(kAuthCodes[code].name) : std::to_string(code));
 }
 
-std::string auth_name(uint8_t code) {
-    return code < kAuthCodes.size() ? std::string(kAuthCodes[code].name) : std::to_string(code);
-}
 uint8_t parse_auth(const std::string &s) {
     for (const AuthCode &c : kAuthCodes)
         if (s == c.name) return c.code;
-    if (auto n = bounded(s, kAuthCodes.size() - 1)) return uint8_t(*n);
     std::string all;
     for (const AuthCode &c : kAuthCodes) all += (all.empty() ? "" : ", ") + std::string(c.name);
-    throw UsageError{"unknown authentication '" + s + "' (" + all + ", or 0-12)"};
+    usage("--auth: \"" + s + "\" is none of " + all);
 }
 
 // Wireless modes are sets of standards, one bit each.
-constexpr std::pair<uint16_t, std::string_view> kModeBits[] = {
-    {0x01, "a"}, {0x02, "b"}, {0x04, "g"}, {0x08, "n"}, {0x10, "ac"}, {0x20, "ax"}};
+constexpr std::pair<uint16_t, std::string_view> kModeBits[] = {{0x01, "a"}, {0x02, "b"}, {0x04, "g"},
+                                                               {0x08, "n"}, {0x10, "ac"}, {0x20, "ax"}};
 
 std::string mode_name(uint16_t code) {
     std::string s;
@@ -45,353 +32,222 @@ std::string mode_name(uint16_t code) {
         if (code & bit) s += (s.empty() ? "" : "/") + std::string(name);
     return s.empty() ? std::to_string(code) : s;
 }
-uint16_t parse_mode(const std::string &s) {
-    if (auto n = bounded(s, 0x7FFF)) return uint16_t(*n);
+
+uint16_t parse_mode(std::string_view opt, const std::string &s) {
     uint16_t code = 0;
     for (size_t p = 0; p <= s.size();) {
-        size_t e = s.find('/', p);
-        if (e == std::string::npos) e = s.size();
-        const std::string part = s.substr(p, e - p);
+        size_t e = std::min(s.find('/', p), s.size());
         bool known = false;
         for (auto [bit, name] : kModeBits)
-            if (part == name) code = uint16_t(code | bit), known = true;
-        if (!known) throw UsageError{"unknown wireless mode '" + s + "' (for example b/g/n, a/n/ac, ax)"};
+            if (s.substr(p, e - p) == name) code = uint16_t(code | bit), known = true;
+        if (!known) usage(std::string(opt) + ": \"" + s + "\" is not a wireless mode such as b/g/n, a/n/ac or ax");
         p = e + 1;
     }
     return code;
 }
 
-bool parse_switch(const std::string &option, const std::string &s) {
-    if (s == "on" || s == "1") return true;
-    if (s == "off" || s == "0") return false;
-    throw UsageError{option + " takes on or off"};
-}
-std::string on_off(bool b) { return b ? "on" : "off"; }
+const char *band_name(uint64_t band) { return band == 1 ? "2.4GHz" : band == 2 ? "5GHz" : "?"; }
 
-std::string read_first_line(const std::string &path, const char *what) {
-    std::ifstream f(path);
-    std::string line;
-    if (!f || !std::getline(f, line)) throw UsageError{std::string("cannot read the ") + what + " from " + path};
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    return line;
-}
+// ---- status ----------------------------------------------------------------------------
 
-std::string text_of(const Record &r) { return format_text(r.value); }
-uint64_t number_of(const Record &r) {
-    uint64_t v = 0;
-    for (uint8_t b : r.value) v = v << 8 | b;
-    return v;
-}
-
-// ---- reading several devices ----------------------------------------------
-
-// Runs a read request and hands each reply to `show` (human) or `json`.
-int for_each_reply(Args &a, uint16_t op, const TlvList &tlvs,
-                   const std::function<void(const Message &)> &show,
-                   const std::function<void(JsonWriter &, const Message &)> &json) {
-    return each_reply(a, op, tlvs, [&](JsonWriter &j, const Message &m, bool ipv4, bool several) {
-        if (a.json) {
-            json_head(j, m, ipv4);
-            if (m.result() == 0) json(j, m);
-            j.end_object();
-            return;
+int run_status(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    return read_each(c, kOpGetDeviceStatus, {}, [](const Message &m, Node &ap) {
+        auto pct = [](unsigned v) { return Node(v).shown(std::to_string(v) + " %"); };
+        ap.set("cpu_percent", pct(m.u8(kTagCpuUtilization).value_or(0)));
+        ap.set("memory_percent", pct(m.u8(kTagMemoryUsage).value_or(0)));
+        const std::tuple<const char *, uint16_t, uint16_t> sides[] = {
+            {"wlan_2g", kTagWlan2gSend, kTagWlan2gReceived},
+            {"wlan_5g", kTagWlan5gSend, kTagWlan5gReceived},
+            {"ethernet", kTagLanSend, kTagLanReceived}};
+        for (auto [name, sent, received] : sides) {
+            Node &side = ap.set(name, Node::object());
+            side.set("sent_bytes", (unsigned long)m.u64(sent).value_or(0));
+            side.set("received_bytes", (unsigned long)m.u64(received).value_or(0));
         }
-        if (several || m.result() != 0)
-            std::printf("%s%s\n", from_text(m, ipv4).c_str(),
-                        m.result() ? (": result " + result_text(m.result(), op)).c_str() : ":");
-        if (m.result() == 0) show(m);
     });
 }
 
-// A set request to one device; prints the outcome.
-int set_request(Args &a, uint16_t op, const TlvList &tlvs) {
-    Message m;
-    if (int rc = request_one_device(a, op, tlvs, m)) return rc;
-    const auto wait = m.u32(kTagWaitTime).value_or(0);
-    if (a.json) {
-        JsonWriter j;
-        j.begin_object().key("result").value(uint64_t(m.result()));
-        j.key("wait_ms").value(uint64_t(wait)).end_object();
-        std::printf("%s\n", j.str().c_str());
-    } else {
-        std::printf("done; the device asks to wait %.0f s\n", wait / 1000.0);
-    }
-    return kExitOk;
-}
-
-// The records of a reply split into groups, each opened by `first`.
-std::vector<TlvList> groups_of(const Message &m, uint16_t first) {
-    std::vector<TlvList> out;
-    for (const auto &r : m.tlvs) {
-        if (r.tag == first) out.emplace_back();
-        if (!out.empty() && r.tag != kTagEolOrCnt) out.back().push_back(r);
-    }
-    return out;
-}
-const Record *in(const TlvList &g, uint16_t tag) {
-    for (const auto &r : g)
-        if (r.tag == tag) return &r;
-    return nullptr;
-}
-std::string text_in(const TlvList &g, uint16_t tag) {
-    const Record *r = in(g, tag);
-    return r ? text_of(*r) : "";
-}
-uint64_t number_in(const TlvList &g, uint16_t tag) {
-    const Record *r = in(g, tag);
-    return r ? number_of(*r) : 0;
-}
-
-// ---- status -------------------------------------------------------------------
-
-const char kStatusHelp[] = R"(usage: tavctl status [--json]
-
-Reads CPU and memory load and the byte counters of both radios and of the
-wired side (op 0x2003).
-)";
-
-int cmd_status(Args &a) {
-    OptParser(a).parse_none();
-    const std::pair<const char *, std::pair<uint16_t, uint16_t>> sides[] = {
-        {"2.4 GHz", {kTagWlan2gSend, kTagWlan2gReceived}},
-        {"5 GHz", {kTagWlan5gSend, kTagWlan5gReceived}},
-        {"ethernet", {kTagLanSend, kTagLanReceived}}};
-    return for_each_reply(
-        a, kOpGetDeviceStatus, {},
-        [&](const Message &m) {
-            print_fields({{"cpu", std::to_string(m.u8(kTagCpuUtilization).value_or(0)) + " %"},
-                          {"memory", std::to_string(m.u8(kTagMemoryUsage).value_or(0)) + " %"}});
-            std::vector<std::vector<std::string>> rows{{"SIDE", "SENT BYTES", "RECEIVED BYTES"}};
-            for (const auto &[name, tags] : sides)
-                rows.push_back({name, std::to_string(m.u64(tags.first).value_or(0)),
-                                std::to_string(m.u64(tags.second).value_or(0))});
-            print_table(rows);
-        },
-        [&](JsonWriter &j, const Message &m) {
-            j.key("cpu").value(uint64_t(m.u8(kTagCpuUtilization).value_or(0)));
-            j.key("memory").value(uint64_t(m.u8(kTagMemoryUsage).value_or(0)));
-            const char *keys[] = {"wlan_2g", "wlan_5g", "ethernet"};
-            for (size_t i = 0; i < 3; ++i) {
-                j.key(keys[i]).begin_object();
-                j.key("sent").value(m.u64(sides[i].second.first).value_or(0));
-                j.key("received").value(m.u64(sides[i].second.second).value_or(0));
-                j.end_object();
-            }
-        });
-}
-
-// ---- SSIDs ----------------------------------------------------------------------
+// ---- SSIDs --------------------------------------------------------------------------------
 
 // Name and RADIUS secret as the SSID list reports them at most.
 constexpr size_t kSsidTextMax = 62;
 
 struct Ssid {
-    uint8_t band = 0, index = 0, auth = 0, status = 0, radius_type = 1;
+    uint8_t band = 0, index = 0, auth = 0, status = 0;
     uint16_t vlan = 0;
     std::string name, passphrase, radius_address, radius_secret;
 };
 
 std::vector<Ssid> ssids_of(const Message &m) {
     std::vector<Ssid> out;
-    for (const auto &g : groups_of(m, kTagSsidIndex)) {
-        Ssid s;
-        s.index = uint8_t(number_in(g, kTagSsidIndex));
-        s.name = text_in(g, kTagSsidName);
-        s.band = uint8_t(number_in(g, kTagBand));
-        s.vlan = uint16_t(number_in(g, kTagVlanId));
-        s.auth = uint8_t(number_in(g, kTagAuthType));
-        s.passphrase = text_in(g, kTagPassphrase);
-        s.radius_address = text_in(g, kTagRadiusAddress);
-        s.radius_secret = text_in(g, kTagRadiusSecret);
-        s.status = uint8_t(number_in(g, kTagSsidStatus));
-        out.push_back(s);
-    }
+    for (const auto &g : groups_of(m, kTagSsidIndex))
+        out.push_back({uint8_t(number_in(g, kTagBand)), uint8_t(number_in(g, kTagSsidIndex)),
+                       uint8_t(number_in(g, kTagAuthType)), uint8_t(number_in(g, kTagSsidStatus)),
+                       uint16_t(number_in(g, kTagVlanId)), text_in(g, kTagSsidName), text_in(g, kTagPassphrase),
+                       text_in(g, kTagRadiusAddress), text_in(g, kTagRadiusSecret)});
     return out;
 }
 
-const char kSsidListHelp[] = R"(usage: tavctl ssid list [--show-secrets] [--json]
-
-Lists the SSIDs of the bands in access-point mode (op 0x2004): band, index
-(0 is the band's primary SSID), name, authentication, VLAN, on/off and the
-credential. Passphrases and RADIUS secrets are shown only with --show-secrets.
-)";
-
-int cmd_ssid_list(Args &a) {
-    bool secrets = false;
-    OptParser(a).flag("--show-secrets", secrets).parse_none();
-    auto credential = [&](const Ssid &s) -> std::string {
-        switch (credential_of(s.auth)) {
-        case Credential::Psk:
-            return "passphrase " + (secrets ? s.passphrase : std::string("(hidden)"));
-        case Credential::Radius:
-            return "radius " + s.radius_address + (secrets ? " secret " + s.radius_secret : "");
-        case Credential::None: break;
-        }
-        return "-";
-    };
-    return for_each_reply(
-        a, kOpGetSsidList, {},
-        [&](const Message &m) {
-            std::vector<std::vector<std::string>> rows{
-                {"BAND", "INDEX", "NAME", "AUTH", "VLAN", "STATE", "CREDENTIAL"}};
-            for (const Ssid &s : ssids_of(m))
-                rows.push_back({s.band == 1 ? "2.4GHz" : "5GHz", std::to_string(s.index), s.name,
-                                auth_name(s.auth), std::to_string(s.vlan), on_off(s.status != 0),
-                                credential(s)});
-            print_table(rows);
-        },
-        [&](JsonWriter &j, const Message &m) {
-            j.key("bands").value(uint64_t(m.u8(kTagSupportedBand).value_or(0)));
-            j.key("ssids").begin_array();
-            for (const Ssid &s : ssids_of(m)) {
-                j.begin_object();
-                j.key("band").value(uint64_t(s.band)).key("index").value(uint64_t(s.index));
-                j.key("name").value(s.name).key("auth").value(auth_name(s.auth));
-                j.key("auth_code").value(uint64_t(s.auth)).key("vlan").value(uint64_t(s.vlan));
-                j.key("on").value(s.status != 0);
-                const Credential c = credential_of(s.auth);
-                if (c == Credential::Radius) j.key("radius_address").value(s.radius_address);
-                if (secrets && c == Credential::Psk) j.key("passphrase").value(s.passphrase);
-                if (secrets && c == Credential::Radius)
-                    j.key("radius_secret").value(s.radius_secret);
-                j.end_object();
-            }
-            j.end_array();
-        });
+Node ssid_list(const Message &m, bool secrets) {
+    Node list = Node::list();
+    for (const Ssid &s : ssids_of(m)) {
+        Node &n = list.push(Node::object());
+        n.set("band", Node(unsigned(s.band)).shown(band_name(s.band)));
+        n.set("index", unsigned(s.index));
+        n.set("name", s.name);
+        n.set("auth", auth_node(s.auth));
+        n.set("auth_code", Node(unsigned(s.auth)).json_only());
+        n.set("vlan", Node(unsigned(s.vlan)).shown(s.vlan ? std::to_string(s.vlan) : "untagged"));
+        n.set("state", on_off(s.status != 0));
+        const Credential cr = credential_of(s.auth);
+        std::string shown = cr == Credential::Psk ? "passphrase " + (secrets ? s.passphrase : "(hidden)")
+                            : cr == Credential::Radius ? "radius " + s.radius_address +
+                                                             (secrets ? " secret " + s.radius_secret : "")
+                                                       : "-";
+        n.set("credential", Node(shown));
+        if (cr == Credential::Radius) n.set("radius_address", Node(s.radius_address).json_only());
+        if (secrets && cr == Credential::Psk) n.set("passphrase", Node(s.passphrase).json_only());
+        if (secrets && cr == Credential::Radius) n.set("radius_secret", Node(s.radius_secret).json_only());
+    }
+    return list;
 }
 
-const char kSsidSetHelp[] = R"(usage: tavctl ssid set --index N [--band 1|2|both] [SETTINGS]... [--index N ...]
+int run_ssid_list(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    const bool secrets = o.flag("--show-secrets");
+    return read_each(c, kOpGetSsidList, {}, [&](const Message &m, Node &ap) { ap.set("ssids", ssid_list(m, secrets)); });
+}
 
-Changes one or more SSIDs in one request (op 0x2005). Each --index starts an
-SSID (0 is the band's primary SSID, 1-7 the additional ones); the settings
-after it apply to that SSID:
-  --band 1|2|both          2.4 GHz, 5 GHz or both (default: the previous SSID's, else 1);
-                           with both, each band keeps its own values of what is not given
-  --name TEXT              SSID name (at most 62 characters)
-  --auth NAME              open, wpa-psk, wpa-eap, wpa2-psk, wpa2-eap, enhanced-open,
-                           owe-transition, wpa2-wpa3-eap, wpa-wpa2-psk, wpa2-wpa3-psk,
-                           wpa3-psk, wpa-wpa2-eap, wpa3-eap (or 0-12)
-  --passphrase-file FILE   new passphrase (8-63 characters): first line of FILE,
-                           or asked for on the terminal with -
-  --radius ADDR            RADIUS server (dotted IPv4 address)
-  --radius-secret-file FILE  RADIUS shared secret (at most 62 characters),
-                           first line of FILE
-  --vlan N                 VLAN id (0-4096)
-  --state on|off           switch an additional SSID on or off
-Settings not given keep the device's current values (read first with op
-0x2004). Needs --user and the password (see tavctl --help).
-)";
+// The settings of every listed SSID, flat, for before/after.
+Node ssid_view(const Message &m) {
+    Node v = Node::object();
+    for (const Ssid &s : ssids_of(m)) {
+        std::string at = std::string("ssid ") + band_name(s.band) + " " + std::to_string(s.index) + " ";
+        v.set(at + "name", s.name);
+        v.set(at + "auth", auth_node(s.auth));
+        v.set(at + "vlan", unsigned(s.vlan));
+        v.set(at + "state", on_off(s.status != 0));
+        v.set(at + "passphrase", s.passphrase.empty() ? "" : "(changed)");
+        v.set(at + "radius", s.radius_address);
+    }
+    return v;
+}
 
-int cmd_ssid_set(Args &a) {
-    struct Change {
-        uint8_t index = 0, band = 1;
-        std::optional<std::string> name, passphrase, radius, secret;
-        std::optional<uint8_t> auth;
-        std::optional<uint16_t> vlan;
-        std::optional<bool> on;
-    };
-    std::vector<Change> changes;
-    auto current = [&](const std::string &opt) -> Change & {
-        if (changes.empty()) throw UsageError{opt + " must follow --index"};
-        return changes.back();
-    };
-    OptParser p(a);
-    p.value("--index", [&](const std::string &v) {
-        auto n = bounded(v, 7);
-        if (!n) throw UsageError{"--index takes 0 to 7"};
-        Change c;
-        c.index = uint8_t(*n);
-        if (!changes.empty()) c.band = changes.back().band;
-        changes.push_back(c);
-    });
-    p.value("--band", [&](const std::string &v) {
-        if (v != "1" && v != "2" && v != "both") throw UsageError{"--band takes 1, 2 or both"};
-        current("--band").band = v == "both" ? 3 : uint8_t(v[0] - '0');
-    });
-    // Longer texts would not come back whole from the device, and past 63
-    // characters the device would read the end of the value as a record of
-    // its own and lose the rest of the SSID's settings.
-    p.value("--name", [&](const std::string &v) {
-        if (v.size() > kSsidTextMax) throw UsageError{"--name: at most 62 characters"};
-        current("--name").name = v;
-    });
-    p.value("--auth", [&](const std::string &v) { current("--auth").auth = parse_auth(v); });
-    p.value("--passphrase-file", [&](const std::string &v) {
-        Change &c = current("--passphrase-file");
-        if (v != "-") {
-            c.passphrase = read_first_line(v, "passphrase");
-        } else if (!(c.passphrase = prompt_secret("New passphrase: "))) {
-            throw UsageError{"no terminal to ask for the passphrase"};
+struct SsidChange {
+    uint8_t index = 0, band = 1;
+    std::optional<std::string> name, passphrase, radius, secret;
+    std::optional<uint8_t> auth;
+    std::optional<uint16_t> vlan;
+    std::optional<bool> on;
+};
+
+std::vector<SsidChange> ssid_changes(const Opts &o) {
+    std::vector<SsidChange> out;
+    for (const auto &[k, v] : o.given()) {
+        if (k == "--index") {
+            SsidChange ch;
+            ch.index = uint8_t(parse_number(k, v, 0, 7));
+            if (!out.empty()) ch.band = out.back().band;
+            out.push_back(ch);
+            continue;
         }
-    });
-    p.value("--radius", [&](const std::string &v) {
-        if (!parse_ipv4(v)) throw UsageError{"--radius takes a dotted IPv4 address"};
-        current("--radius").radius = v;
-    });
-    p.value("--radius-secret-file", [&](const std::string &v) {
-        std::string secret = read_first_line(v, "RADIUS secret");
-        if (secret.size() > kSsidTextMax) throw UsageError{"the RADIUS secret: at most 62 characters"};
-        current("--radius-secret-file").secret = std::move(secret);
-    });
-    p.value("--vlan", [&](const std::string &v) {
-        auto n = bounded(v, 4096);
-        if (!n) throw UsageError{"--vlan takes 0 to 4096"};
-        current("--vlan").vlan = uint16_t(*n);
-    });
-    p.value("--state", [&](const std::string &v) { current("--state").on = parse_switch("--state", v); });
-    p.parse_none();
-    if (changes.empty()) throw UsageError{"ssid set needs at least one --index"};
-
-    // What is not given is sent as it stands: the device writes every
-    // setting of a group.
-    Message now;
-    if (int rc = request_one_device(a, kOpGetSsidList, {}, now)) return rc;
-    const std::vector<Ssid> known = ssids_of(now);
-    TlvList tlvs;
-    if (int rc = add_credentials(a, tlvs)) return rc;
-    for (const Change &c : changes) {
-        // One group per band, so that each band keeps its own current values.
-        for (uint8_t band : {uint8_t(1), uint8_t(2)}) {
-            if (!(c.band & band)) continue;
-            const Ssid *listed = nullptr;
-            for (const Ssid &s : known)
-                if (s.index == c.index && s.band == band) listed = &s;
-            // A band that is no access point is not listed: nothing to keep.
-            if (!listed && (!c.name || !c.auth))
-                throw UsageError{"the device does not list SSID " + std::to_string(c.index) + " of band " +
-                                 std::to_string(band) +
-                                 " (not in access-point mode); give --name and --auth to write it anyway"};
-            const Ssid base = listed ? *listed : Ssid{};
-            const uint8_t auth = c.auth.value_or(base.auth);
-            uint8_t status = base.status;
-            if (c.on) status = *c.on ? 1 : 0;
-            if (c.index == 0) status = 1;
-            tlvs.push_back(tlv_u8(kTagSsidIndex, c.index));
-            tlvs.push_back(tlv_text(kTagSsidName, c.name.value_or(base.name)));
-            tlvs.push_back(tlv_u8(kTagBand, band));
-            if (c.vlan) tlvs.push_back(tlv_u16(kTagVlanId, *c.vlan));
-            tlvs.push_back(tlv_u8(kTagAuthType, auth));
-            const Credential credential = credential_of(auth);
-            if (credential == Credential::Psk && (c.passphrase || auth == 1)) {
-                const std::string pass = c.passphrase.value_or(base.passphrase);
-                if (pass.size() < 8 || pass.size() > 63)
-                    throw UsageError{"a passphrase of 8 to 63 characters is needed (--passphrase-file)"};
-                tlvs.push_back(tlv_text(kTagPassphrase, pass));
-            }
-            if (credential == Credential::Radius && (c.radius || c.secret || auth == 2)) {
-                const std::string addr = c.radius.value_or(base.radius_address);
-                if (!parse_ipv4(addr)) throw UsageError{"a RADIUS server address is needed (--radius)"};
-                tlvs.push_back(tlv_u8(kTagRadiusAddressType, 1));
-                tlvs.push_back(tlv_text(kTagRadiusAddress, addr));
-                tlvs.push_back(tlv_text(kTagRadiusSecret, c.secret.value_or(base.radius_secret)));
-            }
-            tlvs.push_back(tlv_u8(kTagSsidStatus, status));
+        if (out.empty()) usage(k + " must follow the --index of the SSID it changes");
+        SsidChange &ch = out.back();
+        if (k == "--band") {
+            if (v != "1" && v != "2" && v != "both") usage("--band: \"" + v + "\" is none of 1 (2.4 GHz), 2 (5 GHz), both");
+            ch.band = v == "both" ? 3 : uint8_t(v[0] - '0');
+        } else if (k == "--name") {
+            // Longer names would not come back whole, and past 63 characters the
+            // device would read the rest as records of their own.
+            if (v.empty() || v.size() > kSsidTextMax) usage("--name: 1 to 62 characters");
+            ch.name = v;
+        } else if (k == "--auth") {
+            ch.auth = parse_auth(v);
+        } else if (k == "--passphrase-file") {
+            ch.passphrase = v == "-" ? prompt_secret("New passphrase: ") : first_line_of(v, "passphrase");
+            if (!ch.passphrase) usage("--passphrase-file -: no terminal to ask on");
+            if (ch.passphrase->size() < 8 || ch.passphrase->size() > 63) usage("a passphrase has 8 to 63 characters");
+        } else if (k == "--radius") {
+            ch.radius = format_ipv4(parse_address(k, v));
+        } else if (k == "--radius-secret-file") {
+            ch.secret = first_line_of(v, "RADIUS secret");
+            if (ch.secret->empty() || ch.secret->size() > kSsidTextMax) usage("a RADIUS secret has 1 to 62 characters");
+        } else if (k == "--vlan") {
+            ch.vlan = parse_vlan(k, v);
+        } else if (k == "--state") {
+            ch.on = parse_on_off(k, v);
+            if (ch.index == 0 && !*ch.on)
+                usage("--state off: the primary SSID (index 0) is always on; switch its band off instead "
+                      "(tavctl wireless set --band1 off)");
         }
     }
-    return set_request(a, kOpSetSsidList, tlvs);
+    if (out.empty()) usage("needs --index N, then the settings of that SSID");
+    for (const SsidChange &ch : out)
+        if (!ch.name && !ch.auth && !ch.passphrase && !ch.radius && !ch.secret && !ch.vlan && !ch.on)
+            usage("--index " + std::to_string(ch.index) + " has no setting to change");
+    return out;
 }
 
-// ---- radios, modes, country ---------------------------------------------------
+TlvList ssid_request(const std::vector<SsidChange> &changes, const Message &now) {
+    const std::vector<Ssid> known = ssids_of(now);
+    TlvList t;
+    for (const SsidChange &ch : changes)
+        for (uint8_t band : {uint8_t(1), uint8_t(2)}) {
+            if (!(ch.band & band)) continue;
+            const Ssid *listed = nullptr;
+            for (const Ssid &s : known)
+                if (s.index == ch.index && s.band == band) listed = &s;
+            // A band that is no access point is not listed: nothing to keep.
+            if (!listed && (!ch.name || !ch.auth))
+                usage("the access point does not list SSID " + std::to_string(ch.index) + " of band " +
+                      std::to_string(band) + " (not in access-point mode); give --name and --auth to write it anyway");
+            const Ssid base = listed ? *listed : Ssid{};
+            const uint8_t auth = ch.auth.value_or(base.auth);
+            const Credential cr = credential_of(auth);
+            t.push_back(tlv_u8(kTagSsidIndex, ch.index));
+            t.push_back(tlv_text(kTagSsidName, ch.name.value_or(base.name)));
+            t.push_back(tlv_u8(kTagBand, band));
+            if (ch.vlan) t.push_back(tlv_u16(kTagVlanId, *ch.vlan));
+            t.push_back(tlv_u8(kTagAuthType, auth));
+            if (cr == Credential::Psk && (ch.passphrase || auth == 1)) {
+                std::string pass = ch.passphrase.value_or(base.passphrase);
+                if (pass.size() < 8)
+                    usage(std::string(kAuthCodes[auth].name) + " needs a passphrase of 8 to 63 characters (--passphrase-file)");
+                t.push_back(tlv_text(kTagPassphrase, pass));
+            }
+            if (cr == Credential::Psk && !ch.passphrase && credential_of(base.auth) != Credential::Psk)
+                usage(std::string(kAuthCodes[auth].name) + " needs a passphrase (--passphrase-file)");
+            if (cr == Credential::Radius) {
+                std::string addr = ch.radius.value_or(base.radius_address);
+                std::string secret = ch.secret.value_or(base.radius_secret);
+                if (!parse_ipv4(addr) || addr == "0.0.0.0")
+                    usage(std::string(kAuthCodes[auth].name) + " needs a RADIUS server (--radius ADDR)");
+                if (secret.empty())
+                    usage(std::string(kAuthCodes[auth].name) + " needs a RADIUS secret (--radius-secret-file)");
+                t.push_back(tlv_u8(kTagRadiusAddressType, 1));
+                t.push_back(tlv_text(kTagRadiusAddress, addr));
+                t.push_back(tlv_text(kTagRadiusSecret, secret));
+            }
+            t.push_back(tlv_u8(kTagSsidStatus, ch.index == 0 ? 1 : ch.on.value_or(base.status) ? 1 : 0));
+        }
+    return t;
+}
+
+int run_ssid_set(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    const auto changes = ssid_changes(o);
+    return write_each(c, {.op = kOpSetSsidList,
+                          .read_op = kOpGetSsidList,
+                          .view = ssid_view,
+                          .build = [&](const Ap &, const Message *now) { return ssid_request(changes, *now); },
+                          .after = [](const Message &m, const Message *, Row &row) {
+                              Node &ap = row.data;
+                              if (std::string w = wait_note(m); !w.empty()) ap.set("note", w);
+                          }});
+}
+
+// ---- radios, modes, country -----------------------------------------------------------------
 
 struct Radio {
     uint8_t bands = 0;
@@ -408,310 +264,262 @@ Radio radio_of(const Message &m) {
     return r;
 }
 
-const char kWirelessGetHelp[] = R"(usage: tavctl wireless get [--json]
-
-Reads which bands are on (in access-point mode and switched on), the
-wireless mode of each band with the modes it supports, and the country
-index (op 0x2006).
-)";
-
-int cmd_wireless_get(Args &a) {
-    OptParser(a).parse_none();
-    return for_each_reply(
-        a, kOpGetWirelessInfo, {},
-        [&](const Message &m) {
-            const Radio r = radio_of(m);
-            std::vector<std::vector<std::string>> rows{{"BAND", "STATE", "MODE", "SUPPORTED"}};
-            const char *names[] = {"2.4GHz", "5GHz"};
-            for (int b = 0; b < 2; ++b) {
-                std::string supported;
-                for (auto [bit, name] : kModeBits)
-                    if (r.supported[b] & bit) supported += (supported.empty() ? "" : ",") + std::string(name);
-                rows.push_back({names[b], on_off(r.bands >> b & 1), mode_name(r.mode[b]), supported});
-            }
-            print_table(rows);
-            print_fields({{"country index", std::to_string(r.country)}});
-        },
-        [&](JsonWriter &j, const Message &m) {
-            const Radio r = radio_of(m);
-            j.key("bands").begin_array();
-            for (int b = 0; b < 2; ++b) {
-                j.begin_object().key("band").value(b + 1).key("on").value(bool(r.bands >> b & 1));
-                j.key("mode").value(mode_name(r.mode[b])).key("mode_code").value(unsigned(r.mode[b]));
-                j.key("supported_modes").value(unsigned(r.supported[b])).end_object();
-            }
-            j.end_array();
-            j.key("country_index").value(unsigned(r.country));
-        });
+Node country_node(uint16_t index) {
+    return Node(unsigned(index)).shown(std::to_string(index) + " (an entry of the access point's own country table)");
 }
 
-const char kWirelessSetHelp[] = R"(usage: tavctl wireless set [--band1 on|off] [--band2 on|off]
-                          [--mode1 MODE] [--mode2 MODE] [--country INDEX]
+int run_wireless_get(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    return read_each(c, kOpGetWirelessInfo, {}, [](const Message &m, Node &ap) {
+        const Radio r = radio_of(m);
+        ap.set("country_index", country_node(r.country));
+        Node &bands = ap.set("bands", Node::list());
+        for (int b = 0; b < 2; ++b) {
+            Node &n = bands.push(Node::object());
+            n.set("band", Node(b + 1).shown(band_name(b + 1)));
+            n.set("state", on_off(r.bands >> b & 1));
+            n.set("mode", mode_name(r.mode[b]));
+            n.set("mode_code", Node(unsigned(r.mode[b])).json_only());
+            Node &sup = n.set("supported_modes", Node::list());
+            for (auto [bit, name] : kModeBits)
+                if (r.supported[b] & bit) sup.push(std::string(name));
+            n.set("supported", mode_name(r.supported[b]));
+            n.set("supported_code", Node(unsigned(r.supported[b])).json_only());
+        }
+    });
+}
 
-Changes the radios (op 0x2007): switches bands on or off, sets the wireless
-mode of band 1 (2.4 GHz: b/g, b/g/n, n, ax) or band 2 (5 GHz: a, a/n, n,
-a/n/ac, ax), and the country by its index in the device's country table. A
-new country reboots the device. What is not given stays as it is (the current
-state is read first with op 0x2006). Needs --user and the password.
-)";
+Node radio_view(const Message &m) {
+    const Radio r = radio_of(m);
+    Node v = Node::object();
+    v.set("band1", on_off(r.bands & 1));
+    v.set("band2", on_off(r.bands & 2));
+    v.set("mode1", mode_name(r.mode[0]));
+    v.set("mode2", mode_name(r.mode[1]));
+    v.set("country_index", unsigned(r.country));
+    return v;
+}
 
-int cmd_wireless_set(Args &a) {
-    std::optional<bool> on[2];
+int run_wireless_set(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    std::optional<bool> on[2] = {o.on_off("--band1"), o.on_off("--band2")};
     std::optional<uint16_t> mode[2];
-    std::optional<uint64_t> country;
-    OptParser p(a);
-    for (int b = 0; b < 2; ++b) {
-        const std::string n = std::to_string(b + 1);
-        p.value("--band" + n, [&, b, n](const std::string &v) { on[b] = parse_switch("--band" + n, v); });
-        p.value("--mode" + n, [&, b](const std::string &v) { mode[b] = parse_mode(v); });
-    }
-    p.number("--country", 65535, country);
-    p.parse_none();
-    Message now;
-    if (int rc = request_one_device(a, kOpGetWirelessInfo, {}, now)) return rc;
-    const Radio r = radio_of(now);
-    TlvList tlvs;
-    if (int rc = add_credentials(a, tlvs)) return rc;
-    if (on[0] || on[1]) {
-        const bool b1 = on[0].value_or(r.bands & 1), b2 = on[1].value_or(r.bands & 2);
-        tlvs.push_back(tlv_u8(kTagRadioBand, uint8_t(1 | (b1 ? 2 : 0) | (b2 ? 4 : 0))));
-    }
-    const uint16_t mode_tags[] = {kTagWirelessMode2g, kTagWirelessMode5g};
     for (int b = 0; b < 2; ++b)
-        if (mode[b]) tlvs.push_back(tlv_u16(mode_tags[b], uint16_t(*mode[b] << 1 | 1)));
-    // The device looks the index up every time: the current one when unchanged.
-    tlvs.push_back(tlv_u16(kTagCountryIndex, uint16_t(country.value_or(r.country))));
-    return set_request(a, kOpSetWirelessInfo, tlvs);
+        if (auto v = o.text(b ? "--mode2" : "--mode1")) mode[b] = parse_mode(b ? "--mode2" : "--mode1", *v);
+    auto country = o.number("--country", 0, 65535);
+    if (!o.any()) usage("nothing to change: give --band1, --band2, --mode1, --mode2 or --country");
+    return write_each(
+        c, {.op = kOpSetWirelessInfo,
+            .read_op = kOpGetWirelessInfo,
+            .view = radio_view,
+            .build = [&](const Ap &, const Message *now) {
+                const Radio r = radio_of(*now);
+                TlvList t;
+                if (on[0] || on[1])
+                    t.push_back(tlv_u8(kTagRadioBand, uint8_t(1 | (on[0].value_or(r.bands & 1) ? 2 : 0) |
+                                                              (on[1].value_or(r.bands & 2) ? 4 : 0))));
+                const uint16_t tags[] = {kTagWirelessMode2g, kTagWirelessMode5g};
+                for (int b = 0; b < 2; ++b)
+                    if (mode[b]) t.push_back(tlv_u16(tags[b], uint16_t(*mode[b] << 1 | 1)));
+                // The device looks the index up every time: the current one when unchanged.
+                t.push_back(tlv_u16(kTagCountryIndex, uint16_t(country.value_or(r.country))));
+                return t;
+            },
+            .after = [](const Message &m, const Message *, Row &row) {
+                              Node &ap = row.data;
+                if (m.u32(kTagWaitTime).value_or(0) >= 120000)
+                    ap.set("note", "the country changed: the access point reboots in 5 s (" + wait_note(m) + ")");
+            },
+            .question = [&](const std::vector<Ap> &aps) -> std::string {
+                if (!country) return aps.size() > 1 ? "wireless set on " + std::to_string(aps.size()) + " access points?" : "";
+                return "country index " + std::to_string(*country) +
+                       " (an entry of the access point's own country table): a new country reboots the access "
+                       "point. Go on?";
+            }});
 }
 
-// ---- clients ------------------------------------------------------------------
+// ---- clients ---------------------------------------------------------------------------------
 
-const char kClientsHelp[] = R"(usage: tavctl clients [--json]
-
-Lists the stations associated with the device (op 0x2008): MAC, SSID, band,
-channel, authentication and signal strength.
-)";
-
-int cmd_clients(Args &a) {
-    OptParser(a).parse_none();
-    auto rssi = [](const TlvList &g) { return int32_t(uint32_t(number_in(g, kTagRssi))); };
-    return for_each_reply(
-        a, kOpGetClientList, {},
-        [&](const Message &m) {
-            std::vector<std::vector<std::string>> rows{{"MAC", "SSID", "BAND", "CHANNEL", "AUTH", "RSSI"}};
-            for (const auto &g : groups_of(m, kTagMac))
-                rows.push_back({format_mac(in(g, kTagMac)->value), text_in(g, kTagClientSsid),
-                                number_in(g, kTagTlvBand) ? "5GHz" : "2.4GHz",
-                                std::to_string(number_in(g, kTagChannel)),
-                                auth_name(uint8_t(number_in(g, kTagClientAuth))),
-                                std::to_string(rssi(g)) + " dBm"});
-            print_table(rows);
-        },
-        [&](JsonWriter &j, const Message &m) {
-            j.key("clients").begin_array();
-            for (const auto &g : groups_of(m, kTagMac)) {
-                j.begin_object().key("mac").value(format_mac(in(g, kTagMac)->value));
-                j.key("ssid").value(text_in(g, kTagClientSsid));
-                j.key("band").value(unsigned(number_in(g, kTagTlvBand) + 1));
-                j.key("channel").value(number_in(g, kTagChannel));
-                j.key("auth").value(auth_name(uint8_t(number_in(g, kTagClientAuth))));
-                j.key("rssi").value(int64_t(rssi(g))).end_object();
-            }
-            j.end_array();
-        });
+int run_clients(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    return read_each(c, kOpGetClientList, {}, [](const Message &m, Node &ap) {
+        Node &list = ap.set("clients", Node::list());
+        for (const auto &g : groups_of(m, kTagMac)) {
+            Node &n = list.push(Node::object());
+            n.set("mac", format_mac(in(g, kTagMac)->value));
+            n.set("ssid", text_in(g, kTagClientSsid));
+            const unsigned band = unsigned(number_in(g, kTagTlvBand) + 1);
+            n.set("band", Node(band).shown(band_name(band)));
+            n.set("channel", (unsigned long)number_in(g, kTagChannel));
+            n.set("auth", auth_node(uint8_t(number_in(g, kTagClientAuth))));
+            const int rssi = int32_t(uint32_t(number_in(g, kTagRssi)));
+            n.set("rssi_dbm", Node(rssi).shown(std::to_string(rssi) + " dBm"));
+        }
+    });
 }
 
-// ---- AP array -------------------------------------------------------------------
+// ---- AP array ---------------------------------------------------------------------------------
 
 constexpr std::string_view kRoles[] = {"none", "master", "slave"};
 
-struct Array {
-    bool enable = false, filter = false, master = false, auto_add = false;
-    uint8_t role = 0;
-    std::string name;
-};
-Array array_of(const Message &m) {
-    Array r;
-    r.enable = m.u8(kTagApArrayEnable).value_or(0);
-    r.role = m.u8(kTagApArrayRole).value_or(0);
-    r.name = m.text(kTagApArrayName).value_or("");
-    r.filter = m.u8(kTagApArrayNameFilter).value_or(0);
-    r.master = m.u8(kTagApArrayPreferredMaster).value_or(0);
-    r.auto_add = m.u8(kTagApArrayAddApAuto).value_or(0);
-    return r;
-}
-std::string role_name(uint8_t r) { return r < 3 ? std::string(kRoles[r]) : std::to_string(r); }
-
-const char kArrayGetHelp[] = R"(usage: tavctl array get [--json]
-
-Reads the AP-array settings (op 0x2009): on/off, role, array name, name
-filter, preferred master, adding access points automatically.
-)";
-
-int cmd_array_get(Args &a) {
-    OptParser(a).parse_none();
-    return for_each_reply(
-        a, kOpGetApArrayInfo, {},
-        [&](const Message &m) {
-            const Array r = array_of(m);
-            print_fields({{"enabled", on_off(r.enable)},
-                          {"role", role_name(r.role)},
-                          {"name", r.name},
-                          {"name filter", on_off(r.filter)},
-                          {"preferred master", on_off(r.master)},
-                          {"add automatically", on_off(r.auto_add)}});
-        },
-        [&](JsonWriter &j, const Message &m) {
-            const Array r = array_of(m);
-            j.key("enabled").value(r.enable).key("role").value(role_name(r.role));
-            j.key("name").value(r.name).key("name_filter").value(r.filter);
-            j.key("preferred_master").value(r.master).key("add_automatically").value(r.auto_add);
-        });
+Node array_view(const Message &m) {
+    Node v = Node::object();
+    v.set("enabled", on_off(m.u8(kTagApArrayEnable).value_or(0)));
+    const uint8_t role = m.u8(kTagApArrayRole).value_or(0);
+    v.set("role", role < 3 ? std::string(kRoles[role]) : std::to_string(role));
+    v.set("name", m.text(kTagApArrayName).value_or(""));
+    v.set("name_filter", on_off(m.u8(kTagApArrayNameFilter).value_or(0)));
+    v.set("preferred_master", on_off(m.u8(kTagApArrayPreferredMaster).value_or(0)));
+    v.set("add_automatically", on_off(m.u8(kTagApArrayAddApAuto).value_or(0)));
+    return v;
 }
 
-const char kArraySetHelp[] = R"(usage: tavctl array set [--enable on|off] [--role none|master|slave]
-                      [--name TEXT] [--name-filter on|off]
-                      [--preferred-master on|off] [--auto-add on|off]
+int run_array_get(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    return read_each(c, kOpGetApArrayInfo, {}, [](const Message &m, Node &ap) {
+        const Node view = array_view(m);
+        for (const auto &[k, v] : view.fields()) ap.set(k, v);
+    });
+}
 
-Replaces the AP-array settings (op 0x200A) and restarts the mesh service.
-The array name takes at most 14 characters. What is not given keeps its
-current value (read first with op 0x2009).
-Needs --user and the password.
-)";
-
-int cmd_array_set(Args &a) {
-    std::optional<bool> enable, filter, master, auto_add;
+int run_array_set(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    auto enable = o.on_off("--enable"), filter = o.on_off("--name-filter"), master = o.on_off("--preferred-master"),
+         auto_add = o.on_off("--auto-add");
+    // The device reports no more, and would misread the NUL of a
+    // 16-character name as the start of a record.
+    auto name = o.text("--name", 14);
     std::optional<uint8_t> role;
-    std::optional<std::string> name;
-    auto sw = [&](const char *opt, std::optional<bool> &out) {
-        return [&out, opt](const std::string &v) { out = parse_switch(opt, v); };
-    };
-    OptParser(a)
-        .value("--enable", sw("--enable", enable))
-        .value("--name-filter", sw("--name-filter", filter))
-        .value("--preferred-master", sw("--preferred-master", master))
-        .value("--auto-add", sw("--auto-add", auto_add))
-        .value("--role",
-               [&](const std::string &v) {
-                   for (size_t i = 0; i < 3; ++i)
-                       if (v == kRoles[i]) role = uint8_t(i);
-                   if (!role) throw UsageError{"--role takes none, master or slave"};
-               })
-        .value("--name",
-               [&](const std::string &v) {
-                   // The device reports no more, and would misread the
-                   // NUL of a 16-character name as the start of a record.
-                   if (v.size() > 14) throw UsageError{"--name: at most 14 characters"};
-                   name = v;
-               })
-        .parse_none();
-    Message now;
-    if (int rc = request_one_device(a, kOpGetApArrayInfo, {}, now)) return rc;
-    const Array r = array_of(now);
-    TlvList tlvs;
-    if (int rc = add_credentials(a, tlvs)) return rc;
-    tlvs.push_back(tlv_u8(kTagApArrayEnable, enable.value_or(r.enable)));
-    tlvs.push_back(tlv_u8(kTagApArrayRole, role.value_or(r.role)));
-    tlvs.push_back(tlv_text(kTagApArrayName, name.value_or(r.name)));
-    tlvs.push_back(tlv_u8(kTagApArrayNameFilter, filter.value_or(r.filter)));
-    tlvs.push_back(tlv_u8(kTagApArrayPreferredMaster, master.value_or(r.master)));
-    tlvs.push_back(tlv_u8(kTagApArrayAddApAuto, auto_add.value_or(r.auto_add)));
-    return set_request(a, kOpSetApArrayInfo, tlvs);
+    if (auto r = o.text("--role")) {
+        for (size_t i = 0; i < 3; ++i)
+            if (*r == kRoles[i]) role = uint8_t(i);
+        if (!role) usage("--role: \"" + *r + "\" is none of none, master, slave");
+    }
+    if (!o.any()) usage("nothing to change: give --enable, --role, --name, --name-filter, --preferred-master or --auto-add");
+    return write_each(c, {.op = kOpSetApArrayInfo,
+                          .read_op = kOpGetApArrayInfo,
+                          .view = array_view,
+                          .build = [&](const Ap &, const Message *now) {
+                              auto keep = [&](std::optional<bool> v, uint16_t tag) {
+                                  return tlv_u8(tag, v ? *v : now->u8(tag).value_or(0) != 0);
+                              };
+                              return TlvList{keep(enable, kTagApArrayEnable),
+                                             tlv_u8(kTagApArrayRole, role.value_or(now->u8(kTagApArrayRole).value_or(0))),
+                                             tlv_text(kTagApArrayName, name.value_or(now->text(kTagApArrayName).value_or(""))),
+                                             keep(filter, kTagApArrayNameFilter), keep(master, kTagApArrayPreferredMaster),
+                                             keep(auto_add, kTagApArrayAddApAuto)};
+                          }});
 }
 
-const char kArrayMembersHelp[] = R"(usage: tavctl array members [--members | --unmanaged] [--json]
-
-Lists the members of the AP array and the unmanaged access points around it
-(op 0x200B; the device refreshes its lists first).
-)";
-
-int cmd_array_members(Args &a) {
-    bool only_members = false, only_unmanaged = false;
-    OptParser(a).flag("--members", only_members).flag("--unmanaged", only_unmanaged).parse_none();
-    const uint8_t want = only_members ? 1 : only_unmanaged ? 2 : 3;
-    auto status = [](const TlvList &g) -> std::string {
-        if (!in(g, kTagDeviceStatus)) return "-";
-        return number_in(g, kTagDeviceStatus) ? "online" : "offline";
-    };
-    return for_each_reply(
-        a, kOpGetApArrayDeviceList, {tlv_u8(kTagReqType, want)},
-        [&](const Message &m) {
-            std::vector<std::vector<std::string>> rows{{"LIST", "MODEL", "NAME", "MAC", "STATUS"}};
-            for (const auto &g : groups_of(m, kTagGroup))
-                rows.push_back({number_in(g, kTagListType) ? "unmanaged" : "member",
-                                text_in(g, kTagHostName), text_in(g, kTagSystemName),
-                                in(g, kTagMac) ? format_mac(in(g, kTagMac)->value) : "-", status(g)});
-            print_table(rows);
-        },
-        [&](JsonWriter &j, const Message &m) {
-            j.key("devices").begin_array();
-            for (const auto &g : groups_of(m, kTagGroup)) {
-                j.begin_object().key("member").value(number_in(g, kTagListType) == 0);
-                j.key("model").value(text_in(g, kTagHostName)).key("name").value(text_in(g, kTagSystemName));
-                j.key("mac").value(in(g, kTagMac) ? format_mac(in(g, kTagMac)->value) : "");
-                if (in(g, kTagDeviceStatus)) j.key("online").value(number_in(g, kTagDeviceStatus) != 0);
-                j.end_object();
-            }
-            j.end_array();
-        });
+int run_array_members(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    const bool members = o.flag("--members"), unmanaged = o.flag("--unmanaged");
+    const uint8_t want = members == unmanaged ? 3 : members ? 1 : 2;
+    return read_each(c, kOpGetApArrayDeviceList, {tlv_u8(kTagReqType, want)}, [](const Message &m, Node &ap) {
+        Node &list = ap.set("devices", Node::list());
+        for (const auto &g : groups_of(m, kTagGroup)) {
+            Node &n = list.push(Node::object());
+            n.set("list", number_in(g, kTagListType) ? "unmanaged" : "member");
+            n.set("model", text_in(g, kTagHostName));
+            n.set("name", text_in(g, kTagSystemName));
+            n.set("mac", in(g, kTagMac) ? Node(format_mac(in(g, kTagMac)->value)) : Node());
+            n.set("online", in(g, kTagDeviceStatus) ? Node(number_in(g, kTagDeviceStatus) != 0) : Node());
+        }
+    });
 }
 
 // One group per MAC; the credentials and the precedence come last, as the
 // device checks them when tag 54 arrives.
-int array_action(Args &a, uint8_t action) {
-    const auto words = OptParser(a).parse();
-    if (words.empty()) throw UsageError{a.command + " needs one or more MAC addresses"};
-    TlvList tlvs;
-    for (const auto &w : words) {
+int array_action(Ctx &c, uint8_t action) {
+    Opts o(c.g, *c.cmd, c.words);
+    if (o.positional().empty()) usage("needs one or more MAC addresses of array members");
+    TlvList body;
+    std::string macs;
+    for (const auto &w : o.positional()) {
         auto mac = parse_mac(w);
-        if (!mac) throw UsageError{"not a MAC address: " + w};
-        tlvs.push_back(tlv_u16(kTagGroup, 0xFFFF));
-        tlvs.push_back(tlv_mac(kTagMac, *mac));
-        tlvs.push_back(tlv_u8(kTagAction, action));
+        if (!mac) usage("\"" + w + "\" is not a MAC address (such as 02:7a:76:00:00:02)");
+        body.push_back(tlv_u16(kTagGroup, 0xFFFF));
+        body.push_back(tlv_mac(kTagMac, *mac));
+        body.push_back(tlv_u8(kTagAction, action));
+        macs += " " + format_mac(*mac);
     }
-    TlvList cred;
-    if (int rc = add_credentials(a, cred)) return rc;
-    for (const auto &r : cred)
-        if (r.tag != kTagServerPrecedence) tlvs.push_back(r);
-    for (const auto &r : cred)
-        if (r.tag == kTagServerPrecedence) tlvs.push_back(r);
-    return set_request(a, kOpSetApArrayMemberList, tlvs);
+    return write_each(c, {.op = kOpSetApArrayMemberList,
+                          .build = [&](const Ap &, const Message *) { return body; },
+                          .after = [&](const Message &, const Message *, Row &row) {
+                              Node &ap = row.data;
+                              ap.set("note", "accepted; the lists change at the next refresh (tavctl array members)");
+                          },
+                          .credentials_last = true,
+                          .question = [&](const std::vector<Ap> &) -> std::string {
+                              return action == 3 ? "reboot the array members" + macs + "? Go on?" : "";
+                          }});
 }
 
-const char kArrayActionHelp[] = R"(usage: tavctl array approve|remove|reboot MAC...
+int run_array_approve(Ctx &c) { return array_action(c, 1); }
+int run_array_remove(Ctx &c) { return array_action(c, 2); }
+int run_array_reboot(Ctx &c) { return array_action(c, 3); }
 
-Takes unmanaged access points into the AP array (approve), takes members out
-of it (remove) or reboots members (reboot), named by MAC (op 0x200C). The
-lists change at the device's next refresh (tavctl array members). Needs
---user and the password.
-)";
-
-int cmd_array_approve(Args &a) { return array_action(a, 1); }
-int cmd_array_remove(Args &a) { return array_action(a, 2); }
-int cmd_array_reboot(Args &a) { return array_action(a, 3); }
+constexpr OptSpec kSsidListOpts[] = {{"--show-secrets", "", "show passphrases and RADIUS secrets"}};
+constexpr OptSpec kSsidSetOpts[] = {
+    {"--index", "N", "starts an SSID: 0 is the band's primary SSID (always on), 1 to 7 the additional ones"},
+    {"--band", "1|2|both", "2.4 GHz, 5 GHz or both (default: the previous SSID's, else 1)"},
+    {"--name", "TEXT", "SSID name (1 to 62 characters)"},
+    {"--auth", "NAME", "open, wpa-psk, wpa-eap, wpa2-psk, wpa2-eap, enhanced-open, owe-transition, wpa2-wpa3-eap, "
+                       "wpa-wpa2-psk, wpa2-wpa3-psk, wpa3-psk, wpa-wpa2-eap, wpa3-eap"},
+    {"--passphrase-file", "FILE", "new passphrase (8 to 63 characters): first line of FILE, or - to be asked"},
+    {"--radius", "ADDR", "RADIUS server (IPv4 address); the eap kinds need one"},
+    {"--radius-secret-file", "FILE", "RADIUS shared secret (1 to 62 characters), first line of FILE"},
+    {"--vlan", "N", "VLAN id: 0 for untagged, or 1 to 4094"},
+    {"--state", "on|off", "switch an additional SSID on or off"},
+};
+constexpr OptSpec kWirelessSetOpts[] = {
+    {"--band1", "on|off", "switch the 2.4 GHz band on or off"},
+    {"--band2", "on|off", "switch the 5 GHz band on or off"},
+    {"--mode1", "MODE", "2.4 GHz wireless mode: b/g, b/g/n, n, ax..."},
+    {"--mode2", "MODE", "5 GHz wireless mode: a, a/n, n, a/n/ac, ax..."},
+    {"--country", "INDEX", "country index: an entry of the access point's own country table (the protocol names "
+                           "no countries); a new country reboots the access point"},
+};
+constexpr OptSpec kMembersOpts[] = {
+    {"--members", "", "only the array's members"},
+    {"--unmanaged", "", "only the unmanaged access points around it"},
+};
+constexpr OptSpec kArraySetOpts[] = {
+    {"--enable", "on|off", "the AP array on or off"},
+    {"--role", "ROLE", "none, master or slave"},
+    {"--name", "TEXT", "array name (at most 14 characters)"},
+    {"--name-filter", "on|off", "join only arrays of this name"},
+    {"--preferred-master", "on|off", "prefer this access point as master"},
+    {"--auto-add", "on|off", "add access points automatically"},
+};
 
 const Command kWireless[] = {
-    {"status", "", "CPU and memory load, traffic counters (op 0x2003)", kStatusHelp, cmd_status},
-    {"ssid list", "[--show-secrets]", "list the SSIDs of both bands (op 0x2004)", kSsidListHelp,
-     cmd_ssid_list},
-    {"ssid set", "--index N [SETTINGS]...", "change one or more SSIDs (op 0x2005)", kSsidSetHelp,
-     cmd_ssid_set},
-    {"wireless get", "", "bands, wireless modes and country (op 0x2006)", kWirelessGetHelp,
-     cmd_wireless_get},
-    {"wireless set", "[--band1|--band2 on|off] [--mode1|--mode2 MODE] [--country N]",
-     "switch bands, set modes and country (op 0x2007)", kWirelessSetHelp, cmd_wireless_set},
-    {"clients", "", "list the associated stations (op 0x2008)", kClientsHelp, cmd_clients},
-    {"array get", "", "AP-array settings (op 0x2009)", kArrayGetHelp, cmd_array_get},
-    {"array set", "[SETTINGS]", "change the AP-array settings (op 0x200A)", kArraySetHelp,
-     cmd_array_set},
-    {"array members", "[--members|--unmanaged]", "members and unmanaged access points (op 0x200B)",
-     kArrayMembersHelp, cmd_array_members},
-    {"array approve", "MAC...", "take access points into the array (op 0x200C)", kArrayActionHelp,
-     cmd_array_approve},
-    {"array remove", "MAC...", "take members out of the array (op 0x200C)", kArrayActionHelp,
-     cmd_array_remove},
-    {"array reboot", "MAC...", "reboot members of the array (op 0x200C)", kArrayActionHelp,
-     cmd_array_reboot},
+    {"status", Kind::Read, "CPU and memory load, traffic counters (op 0x2003)", "", {}, "", run_status},
+    {"ssid list", Kind::Read, "the SSIDs of both bands (op 0x2004)", "", kSsidListOpts,
+     "Bands in access-point mode only. Passphrases and RADIUS secrets only with --show-secrets.", run_ssid_list},
+    {"ssid set", Kind::Write, "change one or more SSIDs (op 0x2005)", "", kSsidSetOpts,
+     "Each --index starts an SSID; the settings after it apply to that SSID. What is not given keeps the "
+     "access point's current value (read first); the settings are read back and the changes shown.",
+     run_ssid_set},
+    {"wireless get", Kind::Read, "bands, wireless modes and country index (op 0x2006)", "", {},
+     "The country index is an entry of the access point's own country table; the protocol gives no names.",
+     run_wireless_get},
+    {"wireless set", Kind::Write, "switch bands, set modes and the country (op 0x2007)", "", kWirelessSetOpts,
+     "What is not given stays as it is. A country change asks for confirmation (--yes for scripts) and "
+     "reboots the access point.",
+     run_wireless_set},
+    {"clients", Kind::Read, "the associated stations (op 0x2008)", "", {}, "", run_clients},
+    {"array get", Kind::Read, "AP-array settings (op 0x2009)", "", {}, "", run_array_get},
+    {"array set", Kind::Write, "change the AP-array settings (op 0x200A)", "", kArraySetOpts,
+     "What is not given keeps its current value; the mesh service restarts.", run_array_set},
+    {"array members", Kind::Read, "members and unmanaged access points (op 0x200B)", "", kMembersOpts,
+     "The access point refreshes its lists first.", run_array_members},
+    {"array approve", Kind::Write, "take access points into the array (op 0x200C)", "MAC...", {},
+     "The lists change at the access point's next refresh.", run_array_approve},
+    {"array remove", Kind::Write, "take members out of the array (op 0x200C)", "MAC...", {},
+     "The lists change at the access point's next refresh.", run_array_remove},
+    {"array reboot", Kind::Write, "reboot members of the array (op 0x200C)", "MAC...", {},
+     "Asks for confirmation (--yes for scripts).", run_array_reboot},
 };
 
 }  // namespace

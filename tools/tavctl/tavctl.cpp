@@ -1,313 +1,230 @@
 // SPDX-License-Identifier: ISC
-// tavctl: the manager's command-line tool for TAV devices. This file holds
-// main, the global options, their defaults from config files and the
-// environment, the per-command option parser and the command registry.
-#include "tools/tavctl/tavctl.h"
-
-#include <sys/stat.h>
-
+// tavctl: the manager's command-line tool for TAV access points. main, the
+// command table and what is made from it: --help, the man page (scdoc) and
+// bash completion.
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
+
+#include "tools/tavctl/tavctl.h"
 
 namespace tavctl {
 
 namespace {
 
-const char kMainHelpHead[] =
-    R"(usage: tavctl [OPTIONS] COMMAND [COMMAND OPTIONS]
+int run_completion(Ctx &c);
 
-Talks to TAV devices by raw Ethernet or UDP.
+constexpr OptSpec kNoOpts[] = {{"", "", ""}};
+const Command kMisc[] = {
+    {"completion", Kind::Local, "print the bash completion script", "bash", std::span(kNoOpts, 0),
+     "Load it with: source <(tavctl completion bash), or install it as "
+     "/usr/share/bash-completion/completions/tavctl.",
+     run_completion},
+};
 
-Path (exactly one):
-  --iface IF          raw Ethernet frames (EtherType 0x2386) on interface IF
-  --udp ADDR          UDP to ADDR port 62976; a broadcast address or
-                      224.0.0.1 reaches every device
+const char kAbout[] =
+    "Finds TAV access points by raw Ethernet (EtherType 0x2386) or UDP (port 62976), reads their identity, "
+    "status and settings, and changes them.";
 
-Options (also accepted after the command):
-  --cipher PATH       cipher library (default /usr/lib/TAV_Auth.so)
-  --target DEVICE     one device by MAC, IPv4 address, or host name as seen in
-                      discovery (default: every device)
-  --target-ip IP      the device's IPv4 address in the header, UDP only
-  --seq N             sequence number of the request (default random)
-  --timeout SECONDS   how long to collect replies (default 2; fractions allowed)
-  --json              print JSON (always an array) instead of tables
-  --port N            UDP destination port (default 62976)
-  --bind ADDR         UDP: local IPv4 address to send from
-  --netns NAME        open the socket inside network namespace NAME
-  --source-mac MAC    raw Ethernet: send as a manager with this MAC
-  --config FILE       read only this config file
-  --version           print the version
-  -h, --help          this text; "tavctl COMMAND --help" for a command
+const char kFleet[] =
+    "Reads go to every access point that answers discovery, unless --target names some (repeat it for "
+    "several; a MAC, an IPv4 address, a host name or a system name): the answers come back in parallel, at "
+    "most --parallel in flight, and are printed as one table with an AP column, or one JSON array. Over UDP a "
+    "read without a reply is sent again, up to --retries times; a change never is. A change goes only to "
+    "access points named with --target, and asks once before changing several, or before anything that "
+    "cannot be undone (--yes for scripts; without a terminal and without --yes nothing is sent).";
 
-Credentials (commands that change a device):
-  --user NAME         the administrator's user name
-  --password-file F   the password is the first line of F; else TAVCTL_PASSWORD,
-                      else "password" in a private config file, else a prompt
-  --precedence N      this manager's precedence (tag 54)
+const char kPrecedence[] =
+    "Precedence: a manager may send its precedence (--precedence N, 0 to 255) with a change. An access point "
+    "remembers, per manager and operation, the last precedence given, and refuses a request whose precedence "
+    "is lower than another manager's for the same operation: the higher number wins, equal ones do not refuse "
+    "each other, and a request that carries none is never refused for precedence.";
 
-Defaults come from /etc/tavctl.conf, then ~/.config/tavctl.conf, as lines
-"key = value" with the keys iface, udp, port, bind, netns, cipher,
-source-mac, timeout, user, password-file, password (only in a file that no
-one else may read) and precedence; the environment variables TAVCTL_IFACE,
-TAVCTL_UDP, TAVCTL_NETNS, TAVCTL_CIPHER, TAVCTL_USER, TAVCTL_PASSWORD_FILE
-and TAVCTL_PRECEDENCE win over the files, the command line over both.
+const char kOutput[] =
+    "Output: a table or block for people; --json: one JSON array of objects, one per access point, each with "
+    "its \"mac\", its \"result\" (the access point's result code) and, when it failed, an \"error\"; decoded "
+    "values stand beside their raw codes (\"auth\" and \"auth_code\"). --format keyvalue prints \"MAC "
+    "key=value\" lines (nested keys joined with dots, values quoted for the shell). The JSON of each command "
+    "is described by a JSON Schema in /usr/share/tavctl/schemas/COMMAND.schema.json (words joined with "
+    "\"-\").";
 
-Commands:
-)";
+const char kExits[] =
+    "0 success; 1 an access point refused (or a question was answered no); 2 usage error (nothing sent); "
+    "3 no reply within the timeout; 4 the cipher library cannot be loaded; 5 network error.";
 
-const char kMainHelpTail[] = R"(
-A request addressed to one device (--target, --target-ip, or --udp to a
-unicast address) ends at its first reply; otherwise replies are collected
-for the whole --timeout.
-
-Exit status:
-  0  success
-  1  a device answered with a non-zero result code
-  2  usage error
-  3  no reply within the timeout
-  4  the cipher library cannot be loaded
-  5  network error (no such interface or namespace, no permission)
-)";
+const char kFiles[] =
+    "Defaults come from /etc/tavctl.conf, then ~/.config/tavctl.conf (or only the file named by --config or "
+    "TAVCTL_CONFIG), as lines \"key = value\" with the keys iface, udp, port, bind, netns, cipher, source-mac, "
+    "timeout, retries, user, password-file, password (only in a file no one else may read) and precedence; "
+    "TAVCTL_IFACE, TAVCTL_UDP, TAVCTL_NETNS, TAVCTL_CIPHER, TAVCTL_USER, TAVCTL_PASSWORD_FILE, "
+    "TAVCTL_PASSWORD and TAVCTL_PRECEDENCE win over the files, the command line over both. Passwords are never "
+    "taken on the command line.";
 
 std::span<const Command> (*const kGroups[])() = {core_commands, admin_commands, maint_commands,
-                                                  wireless_commands};
+                                                       wireless_commands};
 
-const Command *find_command(std::string_view name) {
-    for (auto group : kGroups)
-        for (const Command &c : group())
-            if (c.name == name) return &c;
-    return nullptr;
-}
-
-// Commands whose name starts with `word` followed by a space ("snmp" for
-// "snmp get" and "snmp set").
-std::vector<const Command *> commands_under(std::string_view word) {
-    std::vector<const Command *> out;
-    for (auto group : kGroups)
-        for (const Command &c : group())
-            if (c.name.size() > word.size() && c.name.starts_with(word) && c.name[word.size()] == ' ')
-                out.push_back(&c);
+// Words of `text` in lines of at most `width`, each after `indent`.
+std::string wrap(std::string_view text, size_t indent, size_t width = 78) {
+    std::string out, line;
+    size_t p = 0;
+    while (p < text.size()) {
+        if (text[p] == '\n') {
+            out += std::string(indent, ' ') + line + "\n";
+            line.clear();
+            ++p;
+            continue;
+        }
+        size_t e = text.find_first_of(" \n", p);
+        if (e == std::string_view::npos) e = text.size();
+        std::string_view word = text.substr(p, e - p);
+        if (!line.empty() && indent + line.size() + 1 + word.size() > width) {
+            out += std::string(indent, ' ') + line + "\n";
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + std::string(word);
+        p = e < text.size() && text[e] == ' ' ? e + 1 : e;
+    }
+    if (!line.empty()) out += std::string(indent, ' ') + line + "\n";
     return out;
 }
 
-std::string main_help() {
-    std::string s = kMainHelpHead;
-    for (auto group : kGroups)
-        for (const Command &c : group()) {
-            std::string head = "  " + std::string(c.name);
-            if (!c.synopsis.empty()) head += " " + std::string(c.synopsis);
-            if (head.size() >= 22)
-                s += head + "\n" + std::string(22, ' ');
-            else
-                s += head + std::string(22 - head.size(), ' ');
-            s += std::string(c.summary) + "\n";
-        }
-    return s + kMainHelpTail;
-}
-
-std::string trim(std::string s) {
-    size_t b = s.find_first_not_of(" \t\r");
-    size_t e = s.find_last_not_of(" \t\r");
-    return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
-}
-
-// Applies one config file; false when it does not exist.
-bool read_config(Args &a, const std::string &path) {
-    std::ifstream f(path);
-    if (!f) return false;
-    struct stat st{};
-    bool private_file = ::stat(path.c_str(), &st) == 0 && (st.st_mode & 077) == 0;
-    std::string line;
-    for (int n = 1; std::getline(f, line); ++n) {
-        line = trim(line);
-        if (line.empty() || line[0] == '#') continue;
-        auto eq = line.find('=');
-        std::string where = path + ":" + std::to_string(n) + ": ";
-        if (eq == std::string::npos) throw UsageError{where + "expected \"key = value\""};
-        std::string key = trim(line.substr(0, eq)), value = trim(line.substr(eq + 1));
-        if (key == "password") {
-            if (!private_file)
-                throw UsageError{where + "a password may only stand in a file no one else can read (chmod 600)"};
-            a.cred.password = value;
-            continue;
-        }
-        static const char *const kKeys[] = {"iface",   "udp",     "port", "bind",
-                                            "netns",   "cipher",  "source-mac", "timeout",
-                                            "user",    "password-file", "precedence"};
-        if (std::find_if(std::begin(kKeys), std::end(kKeys), [&](const char *k) { return key == k; }) ==
-            std::end(kKeys))
-            throw UsageError{where + "unknown key \"" + key + "\""};
-        try {
-            global_option(a, "--" + key, [&] { return value; });
-        } catch (const UsageError &e) {
-            throw UsageError{where + e.message};
-        }
+std::string option_lines(std::span<const OptSpec> opts) {
+    std::string s;
+    for (const OptSpec &o : opts) {
+        std::string head = "  " + std::string(o.name) + (o.arg.empty() ? "" : " " + std::string(o.arg));
+        std::string body = wrap(o.help, 26);
+        if (head.size() < 25)
+            s += head + body.substr(head.size());
+        else
+            s += head + "\n" + body;
     }
-    return true;
+    return s;
+}
+
+std::string usage_line(const Command &c) {
+    std::string s = "tavctl [GLOBAL OPTIONS] " + std::string(c.name);
+    if (!c.options.empty()) s += " [OPTIONS]";
+    if (!c.args.empty()) s += " " + std::string(c.args);
+    return s;
+}
+
+std::string main_help() {
+    std::string s = "usage: tavctl [GLOBAL OPTIONS] COMMAND [OPTIONS]\n\n" + wrap(kAbout, 0) + "\nCommands:\n";
+    for (const Command &c : all_commands()) {
+        std::string head = "  " + std::string(c.name);
+        s += head + (head.size() < 20 ? std::string(20 - head.size(), ' ') : "\n" + std::string(20, ' ')) +
+             std::string(c.summary) + "\n";
+    }
+    s += "\nGlobal options (before or after the command):\n" + option_lines(global_options());
+    s += "\n" + wrap(kFleet, 0) + "\n" + wrap(kPrecedence, 0) + "\n" + wrap(kOutput, 0) + "\nExit status: " +
+         std::string(kExits) + "\n\n" + wrap(kFiles, 0);
+    return s;
+}
+
+// scdoc source of tavctl(1).
+std::string man_page() {
+    auto esc = [](std::string_view t) {
+        std::string s;
+        for (char ch : t) {
+            if (ch == '*' || ch == '_' || ch == '\\') s += '\\';
+            s += ch;
+        }
+        return s;
+    };
+    auto opts = [&](std::span<const OptSpec> list) {
+        std::string s;
+        for (const OptSpec &o : list)
+            s += "*" + esc(o.name) + "*" + (o.arg.empty() ? "" : " _" + esc(o.arg) + "_") + "\n\t" + esc(o.help) + "\n\n";
+        return s;
+    };
+    std::string s = "tavctl(1)\n\n# NAME\n\ntavctl - manage TAV access points from the command line\n\n"
+                    "# SYNOPSIS\n\n*tavctl* [_global options_] _command_ [_options_] [_arguments_]\n\n"
+                    "# DESCRIPTION\n\n" + esc(kAbout) + "\n\n" + esc(kFleet) + "\n\n" + esc(kPrecedence) +
+                    "\n\n# GLOBAL OPTIONS\n\n" + opts(global_options()) + "# COMMANDS\n\n";
+    for (const Command &c : all_commands()) {
+        s += "## " + esc(c.name) + "\n\n*" + esc(usage_line(c)) + "*\n\n" + esc(c.summary) + ".";
+        if (!c.details.empty()) s += " " + esc(c.details);
+        s += "\n\n" + opts(c.options);
+    }
+    s += "# OUTPUT\n\n" + esc(kOutput) + "\n\n# EXIT STATUS\n\n" + esc(kExits) + "\n\n# FILES AND ENVIRONMENT\n\n" +
+         esc(kFiles) +
+         "\n\n# EXAMPLES\n\n```\ntavctl --iface eth0 discover\ntavctl --iface eth0 --json status\n"
+         "tavctl --iface eth0 --target ap1 --user admin device set --name Lobby\n```\n\n# SEE ALSO\n\n*tavc*(8)\n";
+    return s;
+}
+
+int run_completion(Ctx &c) {
+    Opts o(c.g, *c.cmd, c.words);
+    if (o.positional() != std::vector<std::string>{"bash"}) usage("completion takes one shell: bash");
+    std::string globals, firsts, cases;
+    for (const OptSpec &g : global_options()) globals += std::string(g.name) + " ";
+    std::vector<std::string> seen;
+    for (const Command &cmd : all_commands()) {
+        std::string name(cmd.name), first = name.substr(0, name.find(' '));
+        if (std::find(seen.begin(), seen.end(), first) == seen.end()) seen.push_back(first), firsts += first + " ";
+        std::string words;
+        for (const OptSpec &op : cmd.options) words += std::string(op.name) + " ";
+        cases += "        \"" + name + "\") opts=\"" + words + "\" ;;\n";
+    }
+    std::string subs;
+    for (const std::string &f : seen) {
+        std::string list;
+        for (const Command &cmd : all_commands())
+            if (cmd.name.starts_with(f + " ")) list += std::string(cmd.name.substr(f.size() + 1)) + " ";
+        if (!list.empty()) subs += "        " + f + ") subs=\"" + list + "\" ;;\n";
+    }
+    std::printf(
+        "# bash completion for tavctl (made by tavctl completion bash)\n"
+        "_tavctl() {\n"
+        "    local cur=${COMP_WORDS[COMP_CWORD]} words=() w i subs= opts= cmd=\n"
+        "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
+        "        w=${COMP_WORDS[i]}\n"
+        "        [[ $w == -* ]] && continue\n"
+        "        [[ ${COMP_WORDS[i-1]} == --@(iface|udp|target|format|user|password-file|precedence|timeout|"
+        "retries|parallel|cipher|netns|port|bind|target-ip|seq|source-mac|config) ]] && continue\n"
+        "        words+=(\"$w\")\n"
+        "    done\n"
+        "    if ((${#words[@]} == 0)); then\n"
+        "        COMPREPLY=($(compgen -W \"%s %s\" -- \"$cur\")); return\n"
+        "    fi\n"
+        "    case ${words[0]} in\n%s    esac\n"
+        "    if [[ -n $subs && ${#words[@]} == 1 ]]; then COMPREPLY=($(compgen -W \"$subs\" -- \"$cur\")); return; fi\n"
+        "    cmd=${words[0]}; [[ -n $subs ]] && cmd+=\" ${words[1]}\"\n"
+        "    case $cmd in\n%s    esac\n"
+        "    COMPREPLY=($(compgen -W \"$opts %s\" -- \"$cur\"))\n"
+        "}\n"
+        "complete -o default -F _tavctl tavctl\n",
+        firsts.c_str(), globals.c_str(), subs.c_str(), cases.c_str(), globals.c_str());
+    return kExitOk;
+}
+
+const Command *find_command(std::string_view name) {
+    for (const Command &c : all_commands())
+        if (c.name == name) return &c;
+    return nullptr;
 }
 
 }  // namespace
 
-bool global_option(Args &a, const std::string &s, const std::function<std::string()> &value) {
-    if (s == "--iface") {
-        a.opts.iface = value();
-        a.opts.udp.clear();
-        ++a.path_options;
-    } else if (s == "--udp") {
-        a.opts.udp = value();
-        a.opts.iface.clear();
-        ++a.path_options;
-    } else if (s == "--cipher") {
-        a.opts.cipher = value();
-    } else if (s == "--target") {
-        a.target = value();
-        if (a.target.empty()) throw UsageError{"--target needs a MAC, an IPv4 address or a host name"};
-    } else if (s == "--target-ip") {
-        std::string v = value();
-        auto ip = parse_ipv4(v);
-        if (!ip) throw UsageError{"--target-ip: \"" + v + "\" is not an IPv4 address"};
-        a.opts.target_ip = *ip;
-    } else if (s == "--seq") {
-        std::string v = value();
-        auto n = parse_uint(v, 0xFFFF);
-        if (!n) throw UsageError{"--seq: \"" + v + "\" is not a number from 0 to 65535"};
-        a.opts.sequence = uint16_t(*n);
-    } else if (s == "--timeout") {
-        std::string v = value();
-        char *end = nullptr;
-        double t = std::strtod(v.c_str(), &end);
-        if (v.empty() || *end != '\0' || !(t > 0) || t > 3600)
-            throw UsageError{"--timeout: \"" + v + "\" is not a number of seconds (0 to 3600)"};
-        a.timeout = t;
-    } else if (s == "--json") {
-        a.json = true;
-    } else if (s == "--port") {
-        std::string v = value();
-        auto n = parse_uint(v, 0xFFFF);
-        if (!n || *n == 0) throw UsageError{"--port: \"" + v + "\" is not a port number"};
-        a.opts.port = uint16_t(*n);
-    } else if (s == "--bind") {
-        a.opts.bind = value();
-    } else if (s == "--netns") {
-        a.opts.netns = value();
-    } else if (s == "--source-mac") {
-        std::string v = value();
-        auto m = parse_mac(v);
-        if (!m) throw UsageError{"--source-mac: \"" + v + "\" is not a MAC address"};
-        a.opts.source_mac = *m;
-    } else if (s == "--user") {
-        a.cred.user = value();
-        a.cred.have_user = true;
-    } else if (s == "--password-file") {
-        a.cred.password_file = value();
-        a.password_file_given = true;
-    } else if (s == "--password") {
-        throw UsageError{
-            "passwords are never taken on the command line: use --password-file FILE, "
-            "TAVCTL_PASSWORD or the prompt"};
-    } else if (s == "--precedence") {
-        std::string v = value();
-        auto n = parse_uint(v, 0xFF);
-        if (!n) throw UsageError{"--precedence: \"" + v + "\" is not a number from 0 to 255"};
-        a.cred.precedence = uint8_t(*n);
-    } else {
-        return false;
-    }
-    return true;
+std::span<const Command> all_commands() {
+    static const std::vector<Command> all = [] {
+        std::vector<Command> v;
+        for (auto group : kGroups)
+            for (const Command &c : group()) v.push_back(c);
+        v.insert(v.end(), std::begin(kMisc), std::end(kMisc));
+        return v;
+    }();
+    return all;
 }
 
-void load_defaults(Args &a, const std::string &config_file) {
-    if (!config_file.empty()) {
-        if (!read_config(a, config_file)) throw UsageError{"cannot read config file \"" + config_file + "\""};
-    } else {
-        read_config(a, "/etc/tavctl.conf");
-        if (const char *home = std::getenv("HOME"); home && *home)
-            read_config(a, std::string(home) + "/.config/tavctl.conf");
-    }
-    static const std::pair<const char *, const char *> kEnv[] = {
-        {"TAVCTL_IFACE", "--iface"},   {"TAVCTL_UDP", "--udp"},
-        {"TAVCTL_NETNS", "--netns"},   {"TAVCTL_CIPHER", "--cipher"},
-        {"TAVCTL_USER", "--user"},     {"TAVCTL_PASSWORD_FILE", "--password-file"},
-        {"TAVCTL_PRECEDENCE", "--precedence"},
-    };
-    for (const auto &[var, opt] : kEnv)
-        if (const char *v = std::getenv(var); v && *v) {
-            try {
-                global_option(a, opt, [&] { return std::string(v); });
-            } catch (const UsageError &e) {
-                throw UsageError{std::string(var) + ": " + e.message};
-            }
-        }
-    // Only the command line counts towards "both --iface and --udp", and a
-    // password file from the defaults yields to TAVCTL_PASSWORD.
-    a.path_options = 0;
-    a.password_file_given = false;
-}
-
-OptParser &OptParser::flag(std::string name, bool &out) {
-    opts_.push_back({std::move(name), false, [&out](const std::string &) { out = true; }});
-    return *this;
-}
-
-OptParser &OptParser::value(std::string name, std::function<void(const std::string &)> set) {
-    opts_.push_back({std::move(name), true, std::move(set)});
-    return *this;
-}
-
-OptParser &OptParser::text(std::string name, std::optional<std::string> &out) {
-    return value(std::move(name), [&out](const std::string &v) { out = v; });
-}
-
-OptParser &OptParser::number(std::string name, uint64_t max, std::optional<uint64_t> &out) {
-    std::string n = name;
-    return value(std::move(name), [&out, max, n](const std::string &v) {
-        auto x = parse_uint(v, max);
-        if (!x) throw UsageError{n + ": \"" + v + "\" is not a number from 0 to " + std::to_string(max)};
-        out = *x;
-    });
-}
-
-std::vector<std::string> OptParser::parse() {
-    std::vector<std::string> positional;
-    const auto &w = a_.rest;
-    for (size_t i = 0; i < w.size(); ++i) {
-        std::string s = w[i];
-        if (s == "-h" || s == "--help") throw HelpRequested{};
-        if (s == "--") {
-            positional.insert(positional.end(), w.begin() + long(i) + 1, w.end());
-            break;
-        }
-        if (s.size() < 2 || s[0] != '-' || (s[1] != '-' && !std::isalpha(uint8_t(s[1])))) {
-            positional.push_back(s);  // words, "-", negative numbers
-            continue;
-        }
-        std::optional<std::string> inline_val;  // --opt=value
-        if (auto eq = s.find('='); s.starts_with("--") && eq != std::string::npos) {
-            inline_val = s.substr(eq + 1);
-            s.resize(eq);
-        }
-        auto value = [&]() -> std::string {
-            if (inline_val) return *inline_val;
-            if (i + 1 >= w.size()) throw UsageError{s + " needs a value"};
-            return w[++i];
-        };
-        auto own = std::find_if(opts_.begin(), opts_.end(), [&](const Opt &o) { return o.name == s; });
-        if (own != opts_.end()) {
-            if (!own->takes_value && inline_val) throw UsageError{s + " takes no value"};
-            own->set(own->takes_value ? value() : std::string());
-        } else if (!global_option(a_, s, value)) {
-            throw UsageError{"unknown option " + s + " for \"" + a_.command + "\" (see tavctl " + a_.command +
-                             " --help)"};
-        }
-    }
-    return positional;
-}
-
-void OptParser::parse_none() {
-    if (auto p = parse(); !p.empty())
-        throw UsageError{a_.command + " takes no arguments (\"" + p[0] + "\" is one too many)"};
+std::string command_help(const Command &c) {
+    std::string s = "usage: " + usage_line(c) + "\n\n" + wrap(std::string(c.summary) + ".", 0);
+    if (!c.options.empty()) s += "\nOptions:\n" + option_lines(c.options);
+    if (!c.details.empty()) s += "\n" + wrap(c.details, 0);
+    if (c.kind == Kind::Read) s += "\nWithout --target: every access point that answers (see tavctl --help).\n";
+    if (c.kind == Kind::Write)
+        s += "\nNeeds --target (one or more access points), --user and the password; --precedence N optional "
+             "(see tavctl --help).\n";
+    return s;
 }
 
 }  // namespace tavctl
@@ -315,8 +232,7 @@ void OptParser::parse_none() {
 using namespace tavctl;
 
 int main(int argc, char **argv) {
-    Args a;
-    const Command *cmd = nullptr;
+    Ctx c;
     try {
         // --config first: it decides which defaults the command line overrides.
         std::string config = std::getenv("TAVCTL_CONFIG") ? std::getenv("TAVCTL_CONFIG") : "";
@@ -326,8 +242,7 @@ int main(int argc, char **argv) {
             if (s.starts_with("--config=")) config = s.substr(9);
             if (!s.starts_with("-")) break;
         }
-        load_defaults(a, config);
-
+        load_defaults(c.g, config);
         bool help = false;
         int i = 1;
         for (; i < argc; ++i) {
@@ -340,7 +255,7 @@ int main(int argc, char **argv) {
             }
             auto value = [&]() -> std::string {
                 if (inline_val) return *inline_val;
-                if (i + 1 >= argc) throw UsageError{s + " needs a value"};
+                if (i + 1 >= argc) usage(s + " needs a value");
                 return argv[++i];
             };
             if (s == "-h" || s == "--help") {
@@ -348,41 +263,47 @@ int main(int argc, char **argv) {
             } else if (s == "--version") {
                 std::printf("%s\n", kToolVersion);
                 return kExitOk;
+            } else if (s == "--scdoc") {
+                std::fputs(man_page().c_str(), stdout);
+                return kExitOk;
             } else if (s == "--config") {
                 value();
-            } else if (!global_option(a, s, value)) {
-                throw UsageError{"unknown option " + s + " (see tavctl --help)"};
+            } else if (!global_option(c.g, s, value)) {
+                std::string near = nearest_option(s, {});
+                usage("unknown option " + s + (near.empty() ? "" : " (did you mean " + near + "?)") +
+                      "; see tavctl --help");
             }
         }
         if (i >= argc) {
-            // Asked for: stdout, success. Missing command: a usage error.
             std::fputs(main_help().c_str(), help ? stdout : stderr);
             return help ? kExitOk : kExitUsage;
         }
         std::string word = argv[i++];
-        if (i < argc && (cmd = find_command(word + " " + argv[i]))) {
+        if (i < argc && (c.cmd = find_command(word + " " + argv[i]))) {
             ++i;
-        } else if (!(cmd = find_command(word))) {
-            auto under = commands_under(word);
-            if (under.empty()) throw UsageError{"unknown command \"" + word + "\" (see tavctl --help)"};
+        } else if (!(c.cmd = find_command(word))) {
             std::string list;
-            for (const Command *c : under) list += (list.empty() ? "" : ", ") + std::string(c->name);
-            bool asked = i < argc && (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h");
-            if (asked || help) {
-                for (const Command *c : under) std::printf("%s\n", std::string(c->help).c_str());
-                return kExitOk;
+            for (const Command &cmd : all_commands())
+                if (cmd.name.starts_with(word + " ")) list += (list.empty() ? "" : ", ") + std::string(cmd.name);
+            if (!list.empty()) {
+                std::string typed = i < argc ? word + " " + argv[i] : word;
+                std::string near = i < argc ? nearest_command(typed) : "";
+                usage("\"" + typed + "\" is no command" + (near.empty() ? "" : "; did you mean \"" + near + "\"?") +
+                      " (" + word + " has: " + list + ")");
             }
-            throw UsageError{"\"" + word + "\" needs one of: " + list};
+            std::string near = nearest_command(word);
+            usage("unknown command \"" + word + "\"" + (near.empty() ? "" : "; did you mean \"" + near + "\"?") +
+                  " (see tavctl --help)");
         }
-        a.command = std::string(cmd->name);
-        a.rest.assign(argv + i, argv + argc);
+        c.words.assign(argv + i, argv + argc);
         if (help) throw HelpRequested{};
-        return cmd->run(a);
+        return c.cmd->run(c);
     } catch (const HelpRequested &) {
-        std::fputs(std::string(cmd->help).c_str(), stdout);
+        std::fputs(command_help(*c.cmd).c_str(), stdout);
         return kExitOk;
-    } catch (const UsageError &e) {
-        std::fprintf(stderr, "tavctl: %s\n", e.message.c_str());
-        return kExitUsage;
+    } catch (const Failure &e) {
+        std::fprintf(stderr, "tavctl: %s%s\n", c.cmd ? (std::string(c.cmd->name) + ": ").c_str() : "",
+                     e.message.c_str());
+        return e.code;
     }
 }
