@@ -138,4 +138,42 @@ TEST(Tavctl, PasswordsConfigAndWaitOutcomes) {
     run(wait + "2", pw, 1, 1);  // busy: no start sent
 }
 
+// What a device should never get is refused before anything is sent, with
+// exit status 2 and one line that says what is allowed.
+TEST(Tavctl, RefusesBadValuesBeforeSending) {
+    std::atomic<int> seen{0};
+    FakeDevice dev([&](const Message &req) -> std::vector<Bytes> { ++seen; return {reply(req, 0, {})}; });
+    const std::string U = "env -u TAVCTL_UDP -u TAVCTL_IFACE TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=pw setsid -w " TAVCTL
+                          " --udp 127.0.0.1 --port " + std::to_string(dev.port()) + " --cipher " TEST_CIPHER
+                          " --timeout 0.3 --user admin ";
+    const std::pair<const char *, const char *> kRows[] = {
+        {"device set --web-port 0", "--web-port: \"0\" is not a number from 1 to 65535"},
+        {"device set --name ''", "--name: must not be empty"},
+        {"ipv4 set --static 192.0.2.11/24 --gateway 198.51.100.1 --dns 192.0.2.53", "is not another host of"},
+        {"ipv4 set --static 192.0.2.11/255.0.255.0 --gateway 192.0.2.1 --dns 192.0.2.53", "not contiguous"},
+        {"ssid set --index 1 --vlan 4096", "0 for untagged, or 1 to 4094"},
+        {"ssid set --index 0 --state off", "the primary SSID (index 0) is always on"},
+        {"ssid set --index 2 --state maybe", "is not on or off"},
+        {"time set --date-time '2027-13-45 25:61:00'", "is not a date and time"},
+        {"time set --date-time '2027-02-29 10:00:00'", "is not a date and time"},
+        {"snmp set --ro-community ''", "must not be empty"},
+        {"wireless set", "nothing to change"},
+        {"agent set --uuid 123e4567-e89b-12d3-a456-4266141740001 --server x --interval 5", "keeps 32"},
+        {"factory-reset", "confirm on a terminal, or give --yes"},
+        {"--all reboot", "never goes to the whole fleet"},
+        {"snmp gte", "did you mean \"snmp get\""},
+        {"discvoer", "did you mean \"discover\""},
+        {"tags 0x9999", "no op code"},
+    };
+    for (const auto &[args, message] : kRows) {
+        FILE *p = popen((U + args + " </dev/null 2>&1").c_str(), "r");
+        std::string out(4096, '\0');
+        out.resize(fread(out.data(), 1, out.size(), p));
+        EXPECT_EQ(WEXITSTATUS(pclose(p)), 2) << args << "\n" << out;
+        EXPECT_NE(out.find(message), std::string::npos) << args << "\n" << out;
+        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << args << "\n" << out;
+    }
+    EXPECT_EQ(seen, 0);
+}
+
 }  // namespace
