@@ -114,8 +114,9 @@ TEST(Tavctl, PasswordsConfigAndWaitOutcomes) {
     // Passwords: from a file or the environment, never the command line.
     const std::string tmp = ::testing::TempDir() + "tavctl_" + std::to_string(getpid()), env = "TAVCTL_CONFIG=" + tmp;
     std::ofstream(tmp) << "s3cr%t\nsecond line ignored\n";
-    EXPECT_EQ(run(U + "verify --user admin --precedence 7 --password-file " + tmp, "", 0, 1).u8(kTagServerPrecedence), 7);
-    run(U + "verify --user admin", "TAVCTL_PASSWORD=wrong", 1, 1);
+        // (Each read first asks the one access point its MAC: two requests.)
+    EXPECT_EQ(run(U + "verify --user admin --precedence 7 --password-file " + tmp, "", 0, 2).u8(kTagServerPrecedence), 7);
+    run(U + "verify --user admin", "TAVCTL_PASSWORD=wrong", 1, 2);
     run(U + "verify --user admin", "", 2, 0);
     run(U + "verify --user admin --password s3cr%t", "", 2, 0);
     EXPECT_EQ(run(U + "raw 0xA3 --tlv 55=admin --tlv 56=@password", pw, 0, 1).tlvs, cred);
@@ -125,8 +126,8 @@ TEST(Tavctl, PasswordsConfigAndWaitOutcomes) {
     std::ofstream(tmp) << "# lab\nudp = 127.0.0.1\nport = " << dev.port()
                         << "\ncipher = " TEST_CIPHER "\ntimeout = 0.3\nuser = cfg-user\npassword = s3cr%t\n";
     ::chmod(tmp.c_str(), 0600);
-    EXPECT_EQ(run("verify", env, 0, 1).text(kTagUserName), "cfg-user");
-    run("verify", env + " TAVCTL_PASSWORD=other", 1, 1);
+    EXPECT_EQ(run("verify", env, 0, 2).text(kTagUserName), "cfg-user");
+    run("verify", env + " TAVCTL_PASSWORD=other", 1, 2);
     ::chmod(tmp.c_str(), 0644);
     run("verify", env, 2, 0);
     std::remove(tmp.c_str());
@@ -135,7 +136,7 @@ TEST(Tavctl, PasswordsConfigAndWaitOutcomes) {
     const std::string wait = U + "--yes --user admin config restore --file c --wait --server 192.0.2.";
     run(wait + "1", pw, 1, -1);
     run(wait + "2 --limit 1", pw, 3, -1);
-    run(wait + "2", pw, 1, 1);  // busy: no start sent
+    run(wait + "2", pw, 1, 2);  // busy: no start sent
 }
 
 // What a device should never get is refused before anything is sent, with

@@ -67,10 +67,18 @@ int run_account_set(Ctx &c) {
                           .build = [&](const Ap &, const Message *) {
                               return TlvList{tlv_text(kTagNewUserName, name64), tlv_text(kTagNewPassword, pw64)};
                           },
-                          .after = [&](const Message &, const Message *, Row &row) {
-                              Node &ap = row.data;
-                              ap.set("user", *user);
-                              ap.set("note", "the administrator is now \"" + *user + "\"");
+                          .after = [&](Fleet &f, const Message &, const Message *, Row &row) {
+                              // The proof that it took: the new account passes verification.
+                              auto v = f.ask_one(row.ap, kOpUserVerification,
+                                                 {tlv_text(kTagUserName, *user), tlv_text(kTagPassword, *pw)}, true);
+                              const Record *ok = v && v->result() == 0 ? v->find(kTagVerification) : nullptr;
+                              const bool verified = ok && ok->value.size() == 4 && ok->value[0] == 1;
+                              row.data.set("user", *user);
+                              row.data.set("verified", verified);
+                              row.data.set("note", "the administrator is now \"" + *user + "\"" +
+                                                       (verified ? " (verified with the new password)"
+                                                                 : "; verification with the new password did not "
+                                                                   "pass: check the account"));
                           }});
 }
 
@@ -85,16 +93,14 @@ int reset_common(Ctx &c, uint16_t op, const char *what, const char *keeps) {
                               if (delay) t.push_back(tlv_u32(kTagDelayTime, uint32_t(*delay)));
                               return t;
                           },
-                          .after = [&](const Message &, const Message *, Row &row) {
+                          .after = [&](Fleet &, const Message &, const Message *, Row &row) {
                               Node &ap = row.data;
                               ap.set("delay_seconds", (unsigned long)delay.value_or(0));
                               ap.set("note", delay_note(delay, what) + "; the access point reboots and is back "
                                                                       "after a few minutes");
                           },
-                          .question = [&](const std::vector<Ap> &aps) {
-                              std::string s = std::string(what) + " of";
-                              for (const Ap &ap : aps) s += " " + ap.label();
-                              return s + ": every setting returns to its default" + keeps +
+                          .question = [&](const std::vector<std::string> &aps) {
+                              return std::string(what) + " of " + joined(aps) + ": every setting returns to its default" + keeps +
                                      ", and the access point reboots. Go on?";
                           }});
 }
@@ -184,7 +190,7 @@ int run_ipv4_set(Ctx &c) {
     }
     return write_each(c, {.op = kOpSetIpv4,
                           .build = [&](const Ap &, const Message *) { return t; },
-                          .after = [&](const Message &, const Message *, Row &row) {
+                          .after = [&](Fleet &, const Message &, const Message *, Row &row) {
                               Node &ap = row.data;
                               ap.set("addressing", dhcp ? "dhcp" : "static");
                               ap.set("note", "accepted: " + what + "; the access point restarts its network "
@@ -214,7 +220,7 @@ int run_device_set(Ctx &c) {
                               t.push_back(name ? tlv_text(kTagDeviceName, *name) : tlv_u16(kTagWebPort, *port));
                               return t;
                           },
-                          .after = [&](const Message &m, const Message *, Row &row) {
+                          .after = [&](Fleet &, const Message &m, const Message *, Row &row) {
                               Node &ap = row.data;
                               if (m.u8(kTagReplyStatus).value_or(0) != 0) {
                                   const Record *t = m.find(kTagFailureText);
@@ -280,7 +286,7 @@ int run_time_set(Ctx &c) {
                               .build = [&](const Ap &, const Message *) {
                                   return TlvList{tlv_u8(kTagTimeType, 1), tlv_u8(kTagDstEnable, *dst ? 1 : 0)};
                               },
-                              .after = [&](const Message &, const Message *, Row &row) {
+                              .after = [&](Fleet &, const Message &, const Message *, Row &row) {
                               Node &ap = row.data;
                                   ap.set("dst", on_off(*dst));
                                   ap.set("note", std::string("daylight saving ") + (*dst ? "on" : "off"));
@@ -301,7 +307,7 @@ int run_time_set(Ctx &c) {
                               if (!digits.empty()) t.push_back(tlv_text(kTagDateTime, digits));
                               return t;
                           },
-                          .after = [&](const Message &, const Message *back, Row &row) {
+                          .after = [&](Fleet &, const Message &, const Message *back, Row &row) {
                               Node &ap = row.data;
                               if (digits.empty()) return;
                               // The device reports no outcome of its date command: compare its clock.

@@ -78,9 +78,14 @@ int watch(Ctx &c, Fleet &f, double duration, double report_interval) {
                 j.key("ip").value(ip_text(*m, kTagIpAddress)).key("system_name").value(
                     m->text(kTagSystemName).value_or(""));
             j.end_object();
-            std::string line = j.str();
-            for (char &ch : line)
-                if (ch == '\n') ch = ' ';
+            std::string line;  // one object a line: the writer's indentation goes
+            for (size_t i = 0; i < j.str().size(); ++i) {
+                if (j.str()[i] != '\n') {
+                    line += j.str()[i];
+                    continue;
+                }
+                while (i + 1 < j.str().size() && j.str()[i + 1] == ' ') ++i;
+            }
             std::printf("%s\n", line.c_str());
         } else {
             std::printf("%s  %-6s %s", now_text().c_str(), what, mac.c_str());
@@ -129,7 +134,7 @@ int run_discover(Ctx &c) {
         return watch(c, f, double(o.number("--duration", 1, 86400 * 365).value_or(0)),
                      double(o.number("--report-interval", 1, 3600).value_or(60)));
     std::vector<Ap> aps = f.discover(f.window());
-    if (aps.empty()) fail(kExitNoReply, "no access point answered within " + std::to_string(c.g.timeout).substr(0, 4) + " s");
+    if (aps.empty()) fail(kExitNoReply, "no access point answered within " + seconds_text(c.g.timeout));
     auto key = [&](const Ap &ap) -> std::string {
         if (sort == "ip") {
             auto ip = ap.ip.value_or(Ipv4{});
@@ -211,7 +216,7 @@ int run_raw(Ctx &c) {
     if (c.g.targets.empty()) {  // every reply to one request, as it comes
         auto replies = f.client().request(*op, tlvs, f.window());
         if (!replies) fail(kExitNetwork, replies.error());
-        if (replies->empty()) fail(kExitNoReply, "no reply within " + std::to_string(c.g.timeout).substr(0, 4) + " s");
+        if (replies->empty()) fail(kExitNoReply, "no reply within " + seconds_text(c.g.timeout));
         for (const Message &m : *replies) {
             Row &r = rows.emplace_back();
             r.ap.mac = m.mac(kTagMac);

@@ -126,16 +126,14 @@ int run_transfer(Ctx &c, const Transfer &k) {
     const bool wait = o.flag("--wait");
     auto limit = o.number("--limit", 1, 86400);
     if (limit && !wait) usage("--limit applies to --wait only");
+    const std::vector<std::string> names = write_targets(c);
+    if (k.reboots)
+        confirm(c, std::string(k.name) + " on " + joined(names) + " from " + format_ipv4(*server) + " (" + *file +
+                       "): the access point reboots when it succeeds. Go on?");
+    else if (names.size() > 1)
+        confirm(c, std::string(k.name) + " of " + std::to_string(names.size()) + " access points?");
     Fleet f(c);
     std::vector<Ap> aps = f.targets(true);
-    if (k.reboots) {
-        std::string q = std::string(k.name) + " on";
-        for (const Ap &ap : aps) q += " " + ap.label();
-        confirm(c, q + " from " + format_ipv4(*server) + " (" + *file +
-                       "): the access point reboots when it succeeds. Go on?");
-    } else if (aps.size() > 1) {
-        confirm(c, std::string(k.name) + " of " + std::to_string(aps.size()) + " access points?");
-    }
     const TlvList cred = credentials(c);
     TlvList query = cred, configure = cred;
     query.push_back(tlv_u8(kTagSubserviceType, kStatusQuery));
@@ -184,16 +182,21 @@ int run_agent_set(Ctx &c) {
                               return TlvList{tlv_text(kTagAgUuid, id), tlv_text(kTagNmsServer, *server),
                                              tlv_u8(kTagMsgInterval, uint8_t(*interval))};
                           },
-                          .after = [&](const Message &, const Message *, Row &row) {
+                          .after = [&](Fleet &, const Message &, const Message *back, Row &row) {
                               Node &ap = row.data;
-                              ap.set("note", "the access point is now under central management and no longer "
+                              // Discovery reports 31 characters of the 32 the access point keeps.
+                              std::string shown = back ? back->text(kTagAgUuid).value_or("") : "";
+                              if (id != *uuid) ap.set("uuid_sent", id);
+                              ap.set("note", (shown != id && !shown.empty() && id.starts_with(shown)
+                                                  ? "(discovery shows " + std::to_string(shown.size()) + " of the " +
+                                                        std::to_string(id.size()) + " characters it keeps) "
+                                                  : std::string()) +
+                                             "the access point is now under central management and no longer "
                                              "answers most changes (they fail with no answer); tavctl reset takes "
                                              "it back");
                           },
-                          .question = [&](const std::vector<Ap> &aps) {
-                              std::string s = "hand";
-                              for (const Ap &ap : aps) s += " " + ap.label();
-                              return s + " to the management server " + *server +
+                          .question = [&](const std::vector<std::string> &aps) {
+                              return "hand " + joined(aps) + " to the management server " + *server +
                                      "? Most changes stop working from here until a reset. Go on?";
                           }});
 }
@@ -207,7 +210,7 @@ int run_reboot(Ctx &c) {
                               if (delay) t.push_back(tlv_u32(kTagDelayTime, uint32_t(*delay)));
                               return t;
                           },
-                          .after = [&](const Message &m, const Message *, Row &row) {
+                          .after = [&](Fleet &, const Message &m, const Message *, Row &row) {
                               Node &ap = row.data;
                               ap.set("delay_seconds", (unsigned long)delay.value_or(0));
                               ap.set("wait_seconds", unsigned(m.u32(kTagWaitTime).value_or(0) / 1000));

@@ -241,7 +241,7 @@ int run_ssid_set(Ctx &c) {
                           .read_op = kOpGetSsidList,
                           .view = ssid_view,
                           .build = [&](const Ap &, const Message *now) { return ssid_request(changes, *now); },
-                          .after = [](const Message &m, const Message *, Row &row) {
+                          .after = [](Fleet &, const Message &m, const Message *, Row &row) {
                               Node &ap = row.data;
                               if (std::string w = wait_note(m); !w.empty()) ap.set("note", w);
                           }});
@@ -325,12 +325,12 @@ int run_wireless_set(Ctx &c) {
                 t.push_back(tlv_u16(kTagCountryIndex, uint16_t(country.value_or(r.country))));
                 return t;
             },
-            .after = [](const Message &m, const Message *, Row &row) {
+            .after = [](Fleet &, const Message &m, const Message *, Row &row) {
                               Node &ap = row.data;
                 if (m.u32(kTagWaitTime).value_or(0) >= 120000)
                     ap.set("note", "the country changed: the access point reboots in 5 s (" + wait_note(m) + ")");
             },
-            .question = [&](const std::vector<Ap> &aps) -> std::string {
+            .question = [&](const std::vector<std::string> &aps) -> std::string {
                 if (!country) return aps.size() > 1 ? "wireless set on " + std::to_string(aps.size()) + " access points?" : "";
                 return "country index " + std::to_string(*country) +
                        " (an entry of the access point's own country table): a new country reboots the access "
@@ -445,12 +445,12 @@ int array_action(Ctx &c, uint8_t action) {
     }
     return write_each(c, {.op = kOpSetApArrayMemberList,
                           .build = [&](const Ap &, const Message *) { return body; },
-                          .after = [&](const Message &, const Message *, Row &row) {
+                          .after = [&](Fleet &, const Message &, const Message *, Row &row) {
                               Node &ap = row.data;
                               ap.set("note", "accepted; the lists change at the next refresh (tavctl array members)");
                           },
                           .credentials_last = true,
-                          .question = [&](const std::vector<Ap> &) -> std::string {
+                          .question = [&](const std::vector<std::string> &) -> std::string {
                               return action == 3 ? "reboot the array members" + macs + "? Go on?" : "";
                           }});
 }

@@ -13,6 +13,18 @@
 
 namespace tavctl {
 
+std::string joined(const std::vector<std::string> &names) {
+    std::string s;
+    for (const std::string &n : names) s += (s.empty() ? "" : ", ") + n;
+    return s;
+}
+
+std::string seconds_text(double s) {
+    char b[32];
+    std::snprintf(b, sizeof b, "%g s", s);
+    return b;
+}
+
 namespace {
 
 // Op codes an access point still serves while a central-management agent
@@ -82,26 +94,37 @@ std::vector<Ap> Fleet::discover(std::chrono::milliseconds window, std::optional<
     return out;
 }
 
+std::vector<std::string> write_targets(const Ctx &c) {
+    const Globals &g = c.g;
+    auto ip = parse_ipv4(g.opts.udp);
+    const bool unicast_udp = ip && ((*ip)[0] & 0xF0) != 0xE0 && (*ip)[3] != 255;
+    if (g.all || (g.targets.empty() && !unicast_udp && !g.opts.target_ip))
+        usage("changes settings, so it never goes to the whole fleet: name the access points with --target "
+              "(repeat it for several)");
+    if (!g.targets.empty()) return g.targets;
+    return {g.opts.target_ip ? format_ipv4(*g.opts.target_ip) : g.opts.udp};
+}
+
 std::vector<Ap> Fleet::targets(bool write) {
     const Globals &g = c_.g;
+    if (write) write_targets(c_);
     const bool unicast_udp = [&] {
         auto ip = parse_ipv4(g.opts.udp);
         return ip && ((*ip)[0] & 0xF0) != 0xE0 && (*ip)[3] != 255;
     }();
-    if (write && (g.all || (g.targets.empty() && !unicast_udp && !g.opts.target_ip)))
-        usage("changes settings, so it never goes to the whole fleet: name the access points with --target "
-              "(repeat it for several)");
     if (g.all && !g.targets.empty()) usage("--all and --target exclude each other");
     if (g.targets.empty() && (g.opts.target_ip || unicast_udp)) {
         Ap ap;  // the one access point that --udp or --target-ip names
         ap.ip = g.opts.target_ip ? g.opts.target_ip : parse_ipv4(g.opts.udp);
+        // Its MAC and names, for the output: one quick question.
+        if (auto d = ask_one(ap, kOpDiscovery, {}, true); d && d->result() == 0) ap = ap_of(*d, true);
         return {ap};
     }
     if (g.targets.empty()) {
         auto aps = discover(window_);
         if (aps.empty())
-            fail(kExitNoReply, "no access point answered discovery within " + std::to_string(g.timeout).substr(0, 4) +
-                                   " s (is --iface or --udp the access points' network?)");
+            fail(kExitNoReply, "no access point answered discovery within " + seconds_text(g.timeout) +
+                                   " (is --iface or --udp the access points' network?)");
         return aps;
     }
     std::vector<Ap> out;
@@ -179,7 +202,7 @@ std::vector<std::optional<Message>> Fleet::ask(const std::vector<Ap> &aps, uint1
 }
 
 std::string Fleet::silence(const Ap &ap, uint16_t op) {
-    const std::string wait = "no answer within " + std::to_string(c_.g.timeout).substr(0, 4) + " s";
+    const std::string wait = "no answer within " + seconds_text(c_.g.timeout);
     if (op == kOpDiscovery || std::find(std::begin(kServedWhileManaged), std::end(kServedWhileManaged), op) !=
                                   std::end(kServedWhileManaged))
         return wait + " (is it on, and on the network of --iface/--udp?)";
@@ -268,15 +291,13 @@ Node changes(const Node &before, const Node &after) {
 }
 
 int write_each(Ctx &c, const Setter &s) {
+    // Asked before anything is sent, of the targets as they were named.
+    const std::vector<std::string> names = write_targets(c);
+    std::string q = s.question ? s.question(names) : "";
+    if (q.empty() && names.size() > 1) q = c.name() + " on " + std::to_string(names.size()) + " access points?";
+    if (!q.empty()) confirm(c, q);
     Fleet f(c);
     std::vector<Ap> aps = f.targets(true);
-    std::string q = s.question ? s.question(aps) : "";
-    if (q.empty() && aps.size() > 1) {
-        q = c.name() + " on " + std::to_string(aps.size()) + " access points (";
-        for (size_t i = 0; i < aps.size(); ++i) q += (i ? ", " : "") + aps[i].label();
-        q += ")?";
-    }
-    if (!q.empty()) confirm(c, q);
     const TlvList cred = credentials(c);
     std::vector<Row> rows;
     for (const Ap &ap : aps) {
@@ -303,7 +324,7 @@ int write_each(Ctx &c, const Setter &s) {
                 r.data.set("note", "sent and accepted, but the settings could not be read back (restarting?)");
             }
         }
-        if (s.after) s.after(*reply, again && again->result() == 0 ? &*again : nullptr, r);
+        if (s.after) s.after(f, *reply, again && again->result() == 0 ? &*again : nullptr, r);
     }
     return print_report(c.name(), rows, c.g.format, aps.size() > 1);
 }
@@ -341,7 +362,7 @@ uint64_t number_in(const TlvList &g, uint16_t tag) {
 
 std::string wait_note(const Message &reply) {
     auto w = reply.u32(kTagWaitTime);
-    return w ? "the access point asks managers to wait " + std::to_string(*w / 1000) + " s" : "";
+    return w ? "managers are asked to wait " + std::to_string(*w / 1000) + " s" : "";
 }
 
 }  // namespace tavctl

@@ -209,6 +209,8 @@ void print_text(const std::vector<const Row *> &rows, bool several) {
                 t.push_back(line);
             }
         }
+        const bool noted = std::any_of(rows.begin(), rows.end(), [](const Row *r) { return r->data.get("note"); });
+        if (t.empty() && noted) continue;  // the note says it ("nothing changed")
         gap();
         if (t.empty())
             std::printf("no %s\n", label_of(key).c_str());

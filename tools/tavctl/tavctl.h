@@ -294,13 +294,17 @@ struct Setter {
     std::function<TlvList(const Ap &, const Message *current)> build;
     // Extra fields from the reply and the settings read back (null when
     // none); optional.
-    std::function<void(const Message &reply, const Message *readback, Row &row)> after;
+    std::function<void(Fleet &, const Message &reply, const Message *readback, Row &row)> after;
     bool credentials_last = false;
     // Asked once before anything is sent; empty: no question (unless several
     // targets).
-    std::function<std::string(const std::vector<Ap> &)> question;
+    std::function<std::string(const std::vector<std::string> &targets)> question;
 };
 int write_each(Ctx &c, const Setter &s);
+// The access points a change names (a usage error when none): --target as
+// typed, or the one that --udp or --target-ip addresses.
+std::vector<std::string> write_targets(const Ctx &c);
+std::string joined(const std::vector<std::string> &names);  // "ap1, ap2"
 // The changes between two flat views: [{setting, before, after}].
 Node changes(const Node &before, const Node &after);
 
@@ -312,5 +316,6 @@ const Record *in(const TlvList &g, uint16_t tag);
 std::string text_in(const TlvList &g, uint16_t tag);
 uint64_t number_in(const TlvList &g, uint16_t tag);
 std::string wait_note(const Message &reply);
+std::string seconds_text(double s);  // "2 s", "0.5 s"
 
 }  // namespace tavctl
