@@ -116,10 +116,11 @@ try:
              "array get", "array members", "array members --unmanaged"]
     now = {}  # the settings before any change, for restoring them
     for command in READS:
-        run(command, count=3)
+        fleet = run(command, count=3)
         if not command.startswith("discover"):
             now[schema_of(command)] = run(command, [AP1])[0]
-    ident = {a["mac"]: a for a in run("discover", count=3)}[AP1]
+        elif fleet:
+            ident = {a["mac"]: a for a in fleet}[AP1]
     run("tags", count=0)  # the tag table: not per access point
     run("tags 0xE5", count=0)
     # Announcements: one object a line.
@@ -148,7 +149,7 @@ try:
         ([AP1, AP2], "wireless set --mode1 b/g", "wireless set --mode1 " + radio["bands"][0]["mode"]),
         ([AP1], "array set --name schemastest", "array set --name " + array["name"]),
         ([AP1], f"array remove {AP3}", f"array approve {AP3}"),
-        ([AP1], f"array reboot {AP2}"),  # a recording stub on the member
+        ([AP1], f"array reboot {AP2}"),  # the lab's recording stub
         ([AP1], f"account set --new-user admin --new-password-file {pw.name}"),  # the same account
         ([AP1], f"ipv4 set --static {ident['ip']}/{ident['netmask']} --gateway {ident['gateway']} "
                 f"--dns {ident['primary_dns']}"),  # the same addressing
@@ -158,8 +159,8 @@ try:
         ([AP1], "agent set --uuid schemas-test --server 192.0.2.1 --interval 30", "reset"),
         ([AP3], "factory-reset --delay 1"),
     ]
-    for targets, *commands in WRITES:
-        for command in commands:
+    for targets, *steps in WRITES:
+        for command in steps:
             run(command, targets)
     check(run_names >= schemas, f"commands the table does not run: {sorted(schemas - run_names)}")
 finally:
