@@ -18,15 +18,15 @@ build, src, instance = (pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(sys.ar
 if os.geteuid() != 0:
     print("SKIP: the lab needs root")
     sys.exit(77)
+if os.environ.get("TAVC_E2E_TARGET"):
+    print("SKIP: the manager tool's output is the same whatever the access points run")
+    sys.exit(77)
 import jsonschema  # Debian's python3-jsonschema (scripts/deps.sh)
 
 SCHEMAS = src / "tools/tavctl/schemas"
 TAVLAB = str(src / "lab/tavlab")
 TAVCTL = str(build / "tools/tavctl/tavctl")
-# The access points may run a cross build's programs under qemu (lab/README.md):
-# slower answers. The manager's side is always this build's.
-TARGET = os.environ.get("TAVC_E2E_TARGET") or str(build)
-WAIT = "5" if TARGET != str(build) else "2"
+TARGET, WAIT = str(build), "2"
 AP1, AP2, AP3 = (f"02:7a:76:00:00:0{n}" for n in (1, 2, 3))
 NOT_JSON = {"completion"}  # prints a bash script
 passed, failed = 0, 0

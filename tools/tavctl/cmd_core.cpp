@@ -29,7 +29,7 @@ Node identity(const Message &m) {
     o.set("firmware", txt(kTagFirmwareVersion));
     auto port = m.u16(kTagWebPort);
     o.set("web_port", port ? Node(unsigned(*port)) : Node());
-    const bool managed = m.u16(kTagConnectionStatus).value_or(0) != 0;
+    const bool managed = under_management(m);
     o.set("managed", Node(managed).shown(managed ? "yes (" + m.text(kTagNmsServer).value_or("") + ")" : "no"));
     o.set("netmask", Node(ip_text(m, kTagNetmask)).json_only());
     o.set("gateway", Node(ip_text(m, kTagGateway)).json_only());
@@ -40,7 +40,11 @@ Node identity(const Message &m) {
     auto wan = m.u8(kTagWanMode);
     o.set("addressing", Node(wan ? (*wan == 1 ? "dhcp" : *wan == 0 ? "static" : "other") : "").json_only());
     o.set("wan_mode", (wan ? Node(unsigned(*wan)) : Node()).json_only());
-    o.set("date_time", txt(kTagDateTime).json_only());
+    const std::string d = m.text(kTagDateTime).value_or("");
+    o.set("date_time", Node(d.size() == 14 ? d.substr(0, 4) + "-" + d.substr(4, 2) + "-" + d.substr(6, 2) + " " +
+                                                 d.substr(8, 2) + ":" + d.substr(10, 2) + ":" + d.substr(12, 2)
+                                           : d)
+                           .json_only());
     o.set("managed_status", Node(unsigned(m.u8(kTagManagedStatus).value_or(0))).json_only());
     o.set("connection_status", Node(unsigned(m.u16(kTagConnectionStatus).value_or(0))).json_only());
     o.set("nms_server", txt(kTagNmsServer).json_only());
@@ -48,12 +52,13 @@ Node identity(const Message &m) {
     return o;
 }
 
-std::string now_text() {
-    char b[16];
+// hh:mm:ss for people; for scripts the whole local time with its offset.
+std::string now_text(bool iso = false) {
+    char b[32];
     std::time_t t = std::time(nullptr);
     std::tm tm{};
     localtime_r(&t, &tm);
-    std::strftime(b, sizeof b, "%H:%M:%S", &tm);
+    std::strftime(b, sizeof b, iso ? "%Y-%m-%dT%H:%M:%S%z" : "%H:%M:%S", &tm);
     return b;
 }
 
@@ -73,7 +78,7 @@ int watch(Ctx &c, Fleet &f, double duration, double report_interval) {
     auto event = [&](const char *what, const std::string &mac, const Message *m) {
         if (c.json()) {
             JsonWriter j;
-            j.begin_object().key("event").value(what).key("mac").value(mac).key("time").value(now_text());
+            j.begin_object().key("event").value(what).key("mac").value(mac).key("time").value(now_text(true));
             if (m && m->find(kTagSystemName))
                 j.key("ip").value(ip_text(*m, kTagIpAddress)).key("system_name").value(
                     m->text(kTagSystemName).value_or(""));
@@ -149,7 +154,7 @@ int run_discover(Ctx &c) {
     std::stable_sort(aps.begin(), aps.end(), [&](const Ap &a, const Ap &b) { return key(a) < key(b); });
     std::vector<Row> rows;
     for (const Ap &ap : aps) rows.push_back({ap, identity(*ap.discovery)});
-    return print_report(c.name(), rows, c.g.format, true);
+    return print_report(c, rows, true);
 }
 
 Node value_node(std::span<const uint8_t> v, TagKind kind) {
@@ -239,7 +244,7 @@ int run_raw(Ctx &c) {
             r.data = reply_node(*replies[i], f.ipv4());
         }
     }
-    int rc = print_report(c.name(), rows, c.g.format, rows.size() > 1);
+    int rc = print_report(c, rows, rows.size() > 1);
     for (const Row &r : rows)
         if (r.error.empty() && r.result != 0) rc = std::max(rc, int(kExitResult));
     return rc;
@@ -306,7 +311,7 @@ int run_tags(Ctx &c) {
         n.set("where", Node(std::string(t.where)).json_only());
         n.set("meaning", std::string(t.meaning));
     }
-    if (c.g.format == Format::Table) return print_report(c.name(), rows, c.g.format, false);
+    if (c.g.format == Format::Table) return print_report(c, rows, false);
     JsonWriter j;  // not per access point: the table itself
     if (c.g.format == Format::KeyValue) {
         for (const Node &n : list.items())

@@ -147,7 +147,7 @@ int run_transfer(Ctx &c, const Transfer &k) {
         r.ap = ap;
         transfer_one(c, f, r, k, configure, query, wait, limit.value_or(300));
     }
-    return print_report(c.name(), rows, c.g.format, aps.size() > 1);
+    return print_report(c, rows, aps.size() > 1);
 }
 
 int run_upgrade(Ctx &c) { return run_transfer(c, kUpgrade); }
@@ -156,7 +156,7 @@ int run_restore(Ctx &c) { return run_transfer(c, kRestore); }
 
 Node agent_view(const Message &m) {
     Node o = Node::object();
-    o.set("managed", m.u16(kTagConnectionStatus).value_or(0) != 0);
+    o.set("managed", under_management(m));
     o.set("nms_server", m.text(kTagNmsServer).value_or(""));
     o.set("ag_uuid", m.text(kTagAgUuid).value_or(""));
     return o;
@@ -216,7 +216,7 @@ int run_reboot(Ctx &c) {
                               ap.set("wait_seconds", unsigned(m.u32(kTagWaitTime).value_or(0) / 1000));
                               ap.set("note", std::string("the access point reboots") +
                                                  (delay && *delay ? " in " + std::to_string(*delay) + " s" : " now") +
-                                                 "; " + wait_note(m));
+                                                 (wait_note(m).empty() ? "" : "; " + wait_note(m)));
                           }});
 }
 

@@ -352,6 +352,7 @@ int run_clients(Ctx &c) {
             n.set("band", Node(band).shown(band_name(band)));
             n.set("channel", (unsigned long)number_in(g, kTagChannel));
             n.set("auth", auth_node(uint8_t(number_in(g, kTagClientAuth))));
+            n.set("auth_code", Node((unsigned long)number_in(g, kTagClientAuth)).json_only());
             const int rssi = int32_t(uint32_t(number_in(g, kTagRssi)));
             n.set("rssi_dbm", Node(rssi).shown(std::to_string(rssi) + " dBm"));
         }

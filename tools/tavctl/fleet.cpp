@@ -66,11 +66,11 @@ Ap ap_of(const Message &m, bool ipv4) {
     return ap;
 }
 
-bool managed(const Message &discovery) {
+}  // namespace
+
+bool under_management(const Message &discovery) {
     return discovery.u16(kTagConnectionStatus).value_or(0) != 0 || discovery.u8(kTagManagedStatus).value_or(0) != 0;
 }
-
-}  // namespace
 
 Fleet::Fleet(Ctx &c)
     : c_(c), client_(open_client(c)), window_(long(std::ceil(c.g.timeout * 1000))) {}
@@ -212,7 +212,7 @@ std::string Fleet::silence(const Ap &ap, uint16_t op) {
         if (!found.empty()) d = found[0].discovery;
     }
     if (!d) return wait + " (is it on, and on the network of --iface/--udp?)";
-    if (!managed(*d)) return wait + " (it answers discovery: perhaps busy or restarting; try again)";
+    if (!under_management(*d)) return wait + " (it answers discovery: perhaps busy or restarting; try again)";
     return wait + ": it is under central management (server \"" + d->text(kTagNmsServer).value_or("") +
            "\", agent group \"" + d->text(kTagAgUuid).value_or("") +
            "\") and answers only discover, functions, info, verify, snmp get, status, ssid list, wireless get, "
@@ -271,7 +271,7 @@ int read_each(Ctx &c, uint16_t op, const TlvList &tlvs, const Fill &fill) {
         r.ap = aps[i];
         if (answered(f, r, replies[i], op)) fill(*replies[i], r.data);
     }
-    return print_report(c.name(), rows, c.g.format, aps.size() > 1);
+    return print_report(c, rows, aps.size() > 1);
 }
 
 Node changes(const Node &before, const Node &after) {
@@ -326,7 +326,7 @@ int write_each(Ctx &c, const Setter &s) {
         }
         if (s.after) s.after(f, *reply, again && again->result() == 0 ? &*again : nullptr, r);
     }
-    return print_report(c.name(), rows, c.g.format, aps.size() > 1);
+    return print_report(c, rows, aps.size() > 1);
 }
 
 // ---- reads of reply values -----------------------------------------------------------

@@ -234,7 +234,7 @@ std::string shell_quote(const std::string &s) {
     return q + "'";
 }
 
-int print_report(const std::string &command, const std::vector<Row> &rows, Format f, bool several) {
+int print_report(const Ctx &c, const std::vector<Row> &rows, bool several) {
     int worst = kExitOk;
     std::vector<const Row *> good;
     for (const Row &r : rows) {
@@ -243,15 +243,18 @@ int print_report(const std::string &command, const std::vector<Row> &rows, Forma
             continue;
         }
         worst = std::max(worst, r.exit);
-        std::fprintf(stderr, "tavctl: %s: %s: %s\n", command.c_str(), r.ap.label().c_str(), r.error.c_str());
+        if (!c.capture) std::fprintf(stderr, "tavctl: %s: %s: %s\n", c.name().c_str(), r.ap.label().c_str(), r.error.c_str());
     }
-    switch (f) {
+    switch (c.capture ? Format::Json : c.g.format) {
         case Format::Json: {
             JsonWriter j;
             j.begin_array();
             for (const Row &r : rows) write_json(j, full_object(r));
             j.end_array();
-            std::fputs(j.str().c_str(), stdout);
+            if (c.capture)
+                *c.capture = j.str();
+            else
+                std::fputs(j.str().c_str(), stdout);
             break;
         }
         case Format::KeyValue:

@@ -118,9 +118,10 @@ struct Row {
 
 enum class Format { Table, Json, KeyValue };
 
-// Prints the rows in the chosen format (errors go to standard error) and
-// returns the worst exit status.
-int print_report(const std::string &command, const std::vector<Row> &rows, Format f, bool several);
+struct Ctx;
+// Prints the rows in the chosen format (errors go to standard error), or
+// their JSON to Ctx::capture when set, and returns the worst exit status.
+int print_report(const Ctx &c, const std::vector<Row> &rows, bool several);
 std::string shell_quote(const std::string &s);
 
 // ---- options ------------------------------------------------------------------
@@ -233,6 +234,7 @@ struct Ctx {
     Globals g;
     const Command *cmd = nullptr;
     std::vector<std::string> words;  // after the command's name
+    std::string *capture = nullptr;  // the result's JSON goes here instead (the fleet page)
     std::string name() const { return std::string(cmd->name); }
     bool json() const { return g.format == Format::Json; }
 };
@@ -316,6 +318,8 @@ const Record *in(const TlvList &g, uint16_t tag);
 std::string text_in(const TlvList &g, uint16_t tag);
 uint64_t number_in(const TlvList &g, uint16_t tag);
 std::string wait_note(const Message &reply);
-std::string seconds_text(double s);  // "2 s", "0.5 s"
+std::string seconds_text(double s);
+// A discovery reply of an access point whose central-management agent runs.
+bool under_management(const Message &discovery);  // "2 s", "0.5 s"
 
 }  // namespace tavctl
