@@ -167,7 +167,30 @@ Expected<void> Client::send_plaintext(std::span<const uint8_t> plaintext) {
     std::vector<uint8_t> payload(kSelectorLen + sealed->ciphertext.size());
     put_be16(payload.data(), sealed->selector);
     std::copy(sealed->ciphertext.begin(), sealed->ciphertext.end(), payload.begin() + kSelectorLen);
+    if (capture_) capture(false, payload, plaintext, nullptr);
     return transport_->send(payload);
+}
+
+void Client::capture(bool received, std::span<const uint8_t> payload, std::span<const uint8_t> plain,
+                     const Datagram *d) {
+    const bool udp = ipv4();
+    std::vector<uint8_t> wire;
+    Endpoint local, remote;
+    if (udp) {
+        wire.assign(payload.begin(), payload.end());
+        if (auto *t = dynamic_cast<UdpTransport *>(transport_.get())) local.port = t->local_port();
+        if (auto ip = parse_ipv4(opts_.bind)) local.ip = *ip;
+        if (d) remote = {d->src_ip, d->src_port};
+        else if (auto ip = parse_ipv4(opts_.udp)) remote = {*ip, opts_.port};
+    } else {
+        const Mac dst = d ? d->dst_mac : kBroadcastMac, src = d ? d->src_mac : local_mac();
+        wire.insert(wire.end(), dst.begin(), dst.end());
+        wire.insert(wire.end(), src.begin(), src.end());
+        wire.push_back(uint8_t(kEtherType >> 8));
+        wire.push_back(uint8_t(kEtherType));
+        wire.insert(wire.end(), payload.begin(), payload.end());
+    }
+    capture_->record(received, udp, wire, plain, received ? remote : local, received ? local : remote, *cipher_);
 }
 
 Expected<uint16_t> Client::send_request(uint16_t op_code, const TlvList &tlvs) {
@@ -216,11 +239,13 @@ std::optional<Message> Client::receive_new(Clock::time_point deadline) {
         uint16_t selector = get_be16(d->payload.data());
         auto plain = cipher_->decode(selector, std::span(d->payload).subspan(kSelectorLen));
         if (!plain) {
+            if (capture_) capture(true, d->payload, {}, &*d);
             ++undecodable_;
             continue;
         }
         Message m = parse_message(*plain);
         if (!m.header) ++undecodable_;
+        if (capture_) capture(true, d->payload, *plain, &*d);
         m.src_mac = d->src_mac;
         m.dst_mac = d->dst_mac;
         m.src_ip = d->src_ip;

@@ -21,6 +21,7 @@
 
 #include "proto/tags.h"
 #include "proto/wire.h"
+#include "tools/client/capture.h"
 #include "tools/client/cipher.h"
 #include "tools/client/expected.h"
 #include "tools/client/tlv_text.h"
@@ -135,11 +136,14 @@ class Client {
     // Payloads that did not decipher or held no header (for tests).
     size_t undecodable() const { return undecodable_; }
     Transport &transport() { return *transport_; }
+    // Records every message sent and received from now on.
+    void set_capture(std::shared_ptr<CaptureWriter> w) { capture_ = std::move(w); }
     const Cipher &cipher() const { return *cipher_; }
 
   private:
     Client() = default;
     std::optional<Message> receive_new(Clock::time_point deadline);
+    void capture(bool received, std::span<const uint8_t> payload, std::span<const uint8_t> plain, const Datagram *d);
     bool matches(const Message &m, uint16_t sequence, uint16_t op_code) const;
     void keep(Message m);
 
@@ -149,6 +153,7 @@ class Client {
     uint16_t sequence_ = 0;
     std::deque<Message> kept_;
     size_t undecodable_ = 0;
+    std::shared_ptr<CaptureWriter> capture_;
 };
 
 template <class Pred>

@@ -50,6 +50,9 @@ constexpr OptSpec kGlobal[] = {
     {"--target-ip", "IP", "the access point's IPv4 address in the header (UDP only)"},
     {"--seq", "N", "sequence number of the first request (default random)"},
     {"--source-mac", "MAC", "raw Ethernet: send as a manager with this MAC"},
+    {"--pcap", "FILE", "record what is sent and received, with the plaintext beside each message, in FILE "
+                       "(mode 0600) for the Wireshark dissector (tools/wireshark); secrets are masked"},
+    {"--pcap-secrets", "", "with --pcap: keep passwords, passphrases, RADIUS secrets and SNMP communities"},
     {"--config", "FILE", "read only this config file"},
     {"--version", "", "print the version"},
     {"--help", "", "this text; \"tavctl COMMAND --help\" for a command"},
@@ -168,6 +171,11 @@ bool global_option(Globals &g, const std::string &s, const std::function<std::st
         g.retries = int(number(0, 10));
     } else if (s == "--parallel") {
         g.parallel = int(number(1, 256));
+    } else if (s == "--pcap") {
+        g.pcap = value();
+        if (g.pcap.empty()) usage("--pcap needs a file name");
+    } else if (s == "--pcap-secrets") {
+        g.pcap_secrets = true;
     } else if (s == "--json") {
         g.format = Format::Json;
     } else if (s == "--format") {

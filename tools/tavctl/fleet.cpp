@@ -52,6 +52,16 @@ Options checked_options(Ctx &c) {
 Client open_client(Ctx &c) {
     auto client = Client::open(checked_options(c));
     if (!client) fail(kExitNetwork, client.error());
+    if (!c.g.pcap.empty()) {
+        // One file for the whole run, whatever sessions it opens.
+        static std::shared_ptr<CaptureWriter> writer;
+        if (!writer) {
+            auto w = CaptureWriter::open(c.g.pcap, c.g.pcap_secrets);
+            if (!w) usage(w.error());
+            writer = *w;
+        }
+        client->set_capture(writer);
+    }
     return std::move(*client);
 }
 

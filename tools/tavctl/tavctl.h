@@ -175,6 +175,8 @@ struct Globals {
     bool yes = false;
     int retries = 2;     // a read over UDP with no reply is asked again
     int parallel = 16;   // requests in flight
+    std::string pcap;    // capture records go here
+    bool pcap_secrets = false;
     Credentials cred;
 };
 
