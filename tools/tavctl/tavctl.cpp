@@ -217,13 +217,15 @@ std::span<const Command> all_commands() {
 }
 
 std::string command_help(const Command &c) {
-    std::string s = "usage: " + usage_line(c) + "\n\n" + wrap(std::string(c.summary) + ".", 0);
+    std::string summary = std::string(c.summary) + ".";
+    summary[0] = char(std::toupper(uint8_t(summary[0])));
+    std::string s = "usage: " + usage_line(c) + "\n\n" + wrap(summary, 0);
     if (!c.options.empty()) s += "\nOptions:\n" + option_lines(c.options);
     if (!c.details.empty()) s += "\n" + wrap(c.details, 0);
-    if (c.kind == Kind::Read) s += "\nWithout --target: every access point that answers (see tavctl --help).\n";
+    if (c.kind == Kind::Read) s += "\n" + wrap("Without --target: every access point that answers (see tavctl --help).", 0);
     if (c.kind == Kind::Write)
-        s += "\nNeeds --target (one or more access points), --user and the password; --precedence N optional "
-             "(see tavctl --help).\n";
+        s += "\n" + wrap("Needs --target (one or more access points), --user and the password; --precedence N "
+                         "optional (see tavctl --help).", 0);
     return s;
 }
 
