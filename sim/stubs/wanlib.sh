@@ -93,7 +93,9 @@ wan_apply() { # WHY
         return 1
     }
     cur=$(ip -4 -o addr show dev "$WAN_IF" | awk '{print $4}')
+    local was=
     if [ "$cur" != "$ip/$WAN_PREFIX" ]; then
+        was=" (was ${cur:-none})"
         {
             echo "addr flush dev $WAN_IF"
             echo "addr add $ip/$WAN_PREFIX brd + dev $WAN_IF"
@@ -105,5 +107,5 @@ wan_apply() { # WHY
         v=${k#*:} k=/runtime/wan/inf:1/${k%%:*}
         [ "$(rgdb_real -g "$k")" = "$v" ] || rgdb_real -s "$k" "$v" || return 1
     done
-    wan_log "$1: $how $ip/$WAN_PREFIX gateway ${gw:-none}${cur:+ (was $cur)}"
+    wan_log "$1: $how $ip/$WAN_PREFIX gateway ${gw:-none}$was"
 }
