@@ -162,8 +162,10 @@ start_xmldb() {
         -t /var/run/stats.hold </dev/null >>/var/run/xmldb.log 2>&1 3>&- 7>&- &
     XMLDB_PID=$!
     # Its socket appears within milliseconds; this polls only while it starts.
-    local i
-    for ((i = 0; i < 500; i++)); do
+    # Bounded by time, not by looks: with a fleet starting on two busy CPUs
+    # each look (a sleep process) may itself take that long.
+    local end=$((SECONDS + 30))
+    while [ "$SECONDS" -lt "$end" ]; do
         [ -S /var/run/xmldb_sock ] && return 0
         kill -0 "$XMLDB_PID" 2>/dev/null || break
         sleep 0.01

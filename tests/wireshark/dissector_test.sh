@@ -3,7 +3,8 @@
 # The Wireshark dissector on lab traffic: tavctl's discovery by both paths, an
 # SSID list and a refused SSID set, captured on the manager host, decoded by
 # tshark through the lab cipher and again as manager capture records.
-# Usage: dissector_test.sh BUILD INSTANCE (as root; status 77: skipped).
+# Usage: dissector_test.sh BUILD INSTANCE (as root; status 77: skipped). The
+# access points run TAVC_E2E_TARGET's programs when it names a cross build.
 set -u
 build=$1 instance=$2
 src=$(cd "$(dirname "$0")/../.." && pwd)
@@ -13,7 +14,7 @@ lab() { "$src/lab/tavlab" --instance "$instance" "$@"; }
 tmp=$(mktemp -d) cap=
 trap '[ -z "$cap" ] || kill "$cap" 2>/dev/null; lab down >/dev/null 2>&1; rm -rf "$tmp"' EXIT
 lab down >/dev/null 2>&1
-lab up -n 2 --build "$build" >/dev/null || exit 1
+lab up -n 2 --build "${TAVC_E2E_TARGET:-$build}" >/dev/null || exit 1
 for ap in ap1 ap2; do  # each daemon takes requests once its UDP port is bound
     lab probe $ap >/dev/null || exit 1
     for ((i = 0; i < 100; i++)); do lab exec $ap grep -q ':F600 ' /proc/net/udp && break; sleep 0.1; done
@@ -23,7 +24,7 @@ cap=$!
 for ((i = 0; i < 100; i++)); do grep -q Capturing "$tmp/dumpcap.err" && break; sleep 0.1; done
 tavctl() {
     TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=${PW:-admin} "$build/tools/tavctl/tavctl" --netns "tavlab-$instance-mgr" \
-        --cipher "$build/sim/cipher/TAV_Auth.so" --timeout 1 "$@" >>"$tmp/tavctl.out" 2>&1
+        --cipher "$build/sim/cipher/TAV_Auth.so" --timeout 2 "$@" >>"$tmp/tavctl.out" 2>&1
 }
 tavctl --iface eth0 discover
 tavctl --udp 192.0.2.255 discover
