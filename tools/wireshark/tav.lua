@@ -19,21 +19,20 @@ local band, bxor, lshift, rshift = bit32.band, bit32.bxor, bit32.lshift, bit32.r
 
 -- ---- fields ----------------------------------------------------------------
 
-local msg_names, op_names, result_names = {}, {}, {}
+local msg_names, op_names = {}, {}
 for v, m in pairs(T.msg_types) do msg_names[v] = m[1] end
 for v, h in pairs(T.ops) do op_names[v] = h end
-for v, m in pairs(T.results) do result_names[v] = m end
 
 local F = {
     selector = ProtoField.uint16("tav.selector", "Cipher selector", base.HEX),
-    ciphertext = ProtoField.bytes("tav.ciphertext", "Ciphertext"),
+    ciphertext = ProtoField.bytes("tav.ciphertext", "Ciphertext (with its check)"),
     deciphered = ProtoField.bool("tav.deciphered", "Deciphered"),
     msg_type = ProtoField.uint16("tav.msg_type", "Message type", base.HEX, msg_names),
     sequence = ProtoField.uint16("tav.sequence", "Sequence", base.HEX),
     op = ProtoField.uint16("tav.op", "Op code", base.HEX, op_names),
     target_mac = ProtoField.ether("tav.target_mac", "Target MAC"),
     target_ip = ProtoField.ipv4("tav.target_ip", "Target IPv4"),
-    result = ProtoField.uint16("tav.result", "Result", base.HEX_DEC, result_names),
+    result = ProtoField.uint16("tav.result", "Result", base.HEX_DEC),
     result_meaning = ProtoField.string("tav.result_meaning", "Result meaning"),
     version = ProtoField.uint16("tav.version", "Version"),
     body_length = ProtoField.uint16("tav.body_length", "Body length"),
