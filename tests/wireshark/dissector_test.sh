@@ -24,7 +24,7 @@ cap=$!
 for ((i = 0; i < 100; i++)); do grep -q Capturing "$tmp/dumpcap.err" && break; sleep 0.1; done
 tavctl() {
     TAVCTL_CONFIG=/dev/null TAVCTL_PASSWORD=${PW:-admin} "$build/tools/tavctl/tavctl" --netns "tavlab-$instance-mgr" \
-        --cipher "$build/sim/cipher/TAV_Auth.so" --timeout 2 "$@" >>"$tmp/tavctl.out" 2>&1
+        --cipher "$build/sim/cipher/TAV_Auth.so" --timeout 3 "$@" >>"$tmp/tavctl.out" 2>&1
 }
 tavctl --iface eth0 discover
 tavctl --udp 192.0.2.255 discover
