@@ -162,8 +162,10 @@ start_xmldb() {
         -t /var/run/stats.hold </dev/null >>/var/run/xmldb.log 2>&1 3>&- 7>&- &
     XMLDB_PID=$!
     # Its socket appears within milliseconds; this polls only while it starts.
-    local i
-    for ((i = 0; i < 500; i++)); do
+    # Bounded by time, not by looks: with a fleet starting on two busy CPUs
+    # each look (a sleep process) may itself take that long.
+    local end=$((SECONDS + 30))
+    while [ "$SECONDS" -lt "$end" ]; do
         [ -S /var/run/xmldb_sock ] && return 0
         kill -0 "$XMLDB_PID" 2>/dev/null || break
         sleep 0.01
@@ -209,9 +211,12 @@ set_identity() {
     # which xmldb loads instead when there is one, may not.
     if [ -e /var/run/xmldb.state ]; then
         db -s /runtime/wan/inf:1/mac "$TAVLAB_MAC" &&
-            db -s /runtime/wan/inf:1/ip "$TAVLAB_IP" &&
-            db -s /runtime/wan/inf:1/netmask "$TAVLAB_NETMASK" &&
-            db -s /sys/hostname "$TAVLAB_AP" || log "warning: could not set the identity keys"
+            db -s /sys/hostname "${TAVLAB_HOSTNAME:-$TAVLAB_AP}" || log "warning: could not set the identity keys"
+    fi
+    # The interface takes the committed IPv4 settings, as the WAN service
+    # does at a device's boot (the first boot of up has the plan's already).
+    if [ -e /var/run/xmldb.state ] || [ "$BOOTS" -gt 1 ]; then
+        (. /usr/lib/tavlab/stubs/stublib.sh && . /usr/lib/tavlab/stubs/wanlib.sh && wan_apply boot) 3>&- 7>&- || log "warning: the WAN settings were not applied (wan.log)"
     fi
     # The simulated clock starts from the machine's time (read, never set).
     if [ -z "$(db -g /runtime/time/date)" ] || [ -z "$(db -g /runtime/time/time)" ]; then

@@ -6,7 +6,7 @@
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
-      iproute2 util-linux procps clang libclang-rt-14-dev scdoc man-db python3-jsonschema "$@")
+      iproute2 util-linux procps clang libclang-rt-14-dev scdoc man-db python3-jsonschema tshark "$@")
 
 missing=()
 for p in "${pkgs[@]}"; do
@@ -19,6 +19,9 @@ if ((${#missing[@]})); then
     fi
     echo "deps: installing ${missing[*]}"
     export DEBIAN_FRONTEND=noninteractive
+    # tshark's package asks whether non-root users may capture: no, and no
+    # question, so the install never waits for an answer.
+    echo "wireshark-common wireshark-common/install-setuid boolean false" | debconf-set-selections
     apt-get update -qq
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi

@@ -46,10 +46,10 @@ machine_busy() {
 
 # Start time and CPU ticks of every process of the lab; ticks count the
 # process's own time and that of the children it reaped.
-declare -A start_of=() ticks_of=()
-lab_ticks() { # fills start_of and ticks_of, by pid
-    local ns p line f
-    start_of=() ticks_of=()
+declare -A start_of=() ticks_of=() comm_of=()
+lab_ticks() { # fills start_of, ticks_of and comm_of, by pid
+    local ns p line f comm
+    start_of=() ticks_of=() comm_of=()
     for ns in $(ip netns list | awk -v p="tavlab-$instance-" 'index($1, p) == 1 {print $1}'); do
         for p in $(ip netns pids "$ns" 2>/dev/null); do
             line=$(cat "/proc/$p/stat" 2>/dev/null) || continue
@@ -57,6 +57,7 @@ lab_ticks() { # fills start_of and ticks_of, by pid
             # the first, utime the 12th, stime, cutime, cstime, then
             # starttime the 20th.
             read -ra f <<<"${line##*) }"
+            comm=${line#*(} comm_of[$p]=${comm%%)*}
             start_of[$p]=${f[19]}
             ticks_of[$p]=$((f[11] + f[12] + f[13] + f[14]))
         done
@@ -89,12 +90,15 @@ sleep "$secs"
 m1=$(machine_busy)
 lab_ticks
 procs=${#ticks_of[@]} own=0
+declare -A by_comm=()
 for p in "${!ticks_of[@]}"; do
     if [ "${s0[$p]:-}" = "${start_of[$p]}" ]; then
-        own=$((own + ticks_of[$p] - k0[$p]))
+        t=$((ticks_of[$p] - k0[$p]))
     else
-        own=$((own + ticks_of[$p])) # born during the window
+        t=${ticks_of[$p]} # born during the window
     fi
+    own=$((own + t))
+    by_comm[${comm_of[$p]}]=$((${by_comm[${comm_of[$p]}]:-0} + t))
 done
 
 t2=$(date +%s.%N)
@@ -104,6 +108,9 @@ trap - EXIT
 
 echo "lab of $n access points, idle for $secs s ($procs processes at the end):"
 echo "  lab processes:  $((own * 1000 / hz)) ms of CPU = $(pct "$own") % of one CPU"
+by=
+for c in "${!by_comm[@]}"; do by+="${by:+, }$c $((by_comm[$c] * 1000 / hz)) ms"; done
+echo "    by program:   ${by:-none}"
 whole=$((m1 - m0))
 if [ -n "$base" ]; then
     echo "  whole machine:  $(pct "$whole") % of one CPU busy (without the lab: $(pct "$base") %," \

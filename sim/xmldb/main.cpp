@@ -85,6 +85,7 @@ private:
     };
     std::deque<Due> due_;  // accept order == deadline order
     char rbuf_[xmldb::kHeaderSize + 65536];
+    unsigned long long served_ = 0;
 };
 
 bool Server::load_initial()
@@ -163,6 +164,7 @@ int Server::run()
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
     sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGUSR1);
     sigprocmask(SIG_BLOCK, &mask, nullptr);
 
     if (!open_listener())
@@ -196,7 +198,16 @@ int Server::run()
             if (fd == lfd_) {
                 accept_all();
             } else if (fd == sfd_) {
-                stop = true;
+                signalfd_siginfo si{};
+                while (read(sfd_, &si, sizeof si) == static_cast<ssize_t>(sizeof si)) {
+                    if (si.ssi_signo != SIGUSR1) {
+                        stop = true;
+                    } else {
+                        // For benchmarks: commands served so far.
+                        std::fprintf(stderr, "xmldb: %llu commands served\n", served_);
+                        std::fflush(stderr);
+                    }
+                }
             } else if (fd < static_cast<int>(conns_.size()) && conns_[fd]) {
                 if (!conns_[fd]->out.empty())
                     on_writable(fd);
@@ -292,6 +303,7 @@ bool Server::try_request(int fd, const char *data, std::size_t len)
         return false;
     if (traffic_)
         traffic_->advance(store_, Clock::now());
+    ++served_;
     auto out = xmldb::run_command(store_, opt_.state, *req);
     if (!out)
         drop(fd);
@@ -376,7 +388,8 @@ void usage(FILE *to)
         "                /runtime/stats grow and the load figures move, unless\n"
         "                HOLDFILE exists (applied when the next request comes)\n"
         "  --help        show this help\n"
-        "Stops on SIGTERM or SIGINT and removes its socket.\n",
+        "Stops on SIGTERM or SIGINT and removes its socket. SIGUSR1: prints the\n"
+        "number of commands served so far to standard error.\n",
         to);
 }
 
