@@ -30,6 +30,9 @@ tavctl --iface eth0 discover
 tavctl --udp 192.0.2.255 discover
 tavctl --iface eth0 --target 02:7a:76:00:00:01 ssid list
 PW=wrong tavctl --iface eth0 --target 02:7a:76:00:00:01 ssid set --index 1 --name Refused --user admin
+# tavctl's own records of the same, by UDP, secrets masked.
+PW=wrong tavctl --udp 192.0.2.255 --pcap "$tmp/own.pcap" --target 02:7a:76:00:00:01 ssid set --index 1 --name Refused \
+    --user admin
 sleep 0.3
 kill -INT "$cap" && wait "$cap"
 cap=
@@ -68,7 +71,7 @@ check 'tav.op == 0x2004 && tav.msg_type == 0x7eee' 'tav.result tav.tag.ssid_inde
 check 'tav.op == 0x2004 && tav.msg_type == 0x7eee' 'tav.tag.radius_address tav.tag.radius_secret' \
     '198.51.100.10,198.51.100.11,198.51.100.10,203.0.113.5,198.51.100.11|radius-secret-corp,radius-secret-office,radius-secret-corp,radius-secret-lab,radius-secret-staff'
 # The refused set: what was asked, with whose credentials, and the answer.
-check 'tav.op == 0x2005' 'tav.msg_type tav.tag.ssid_index tav.tag.ssid_name tav.tag.user_name tav.tag.password' \
+check 'tav.op == 0x2005 && (tav.msg_type == 0x7dfd || tav.msg_type == 0x7eee)' 'tav.msg_type tav.tag.ssid_index tav.tag.ssid_name tav.tag.user_name tav.tag.password' \
     '0x7dfd|1|Refused|admin|wrong
 0x7eee||||'
 check 'tav.op == 0x2005 && tav.msg_type == 0x7eee' 'tav.result tav.result_meaning tav.tlv.name' \
@@ -76,5 +79,9 @@ check 'tav.op == 0x2005 && tav.msg_type == 0x7eee' 'tav.result tav.result_meanin
 # Nothing of the protocol left undeciphered, and every record's direction.
 check 'tav && !tav.deciphered' 'frame.number' ''
 files=rec.pcap check 'tav_record.received == 0' 'tav.msg_type tav_record.path' "$(printf '0x7dfd|1\n0xfdfd|2')"
+files=own.pcap check 'tav.op == 0x2005 && tav_record.received == 0' \
+    'tav_record.masked tav_record.src_ip tav_record.dst_port tav.tag.user_name tav.tag.password tav.tag.ssid_name' \
+    '1|192.0.2.1|62976|admin|*****|Refused'
+[ "$(stat -c %a "$tmp/own.pcap")" = 600 ] || { echo "FAILED: tavctl --pcap made a file others can read"; fails=$((fails + 1)); }
 [ "$fails" = 0 ] || { echo "tavctl said:"; cat "$tmp/tavctl.out"; exit 1; }
 echo "dissector: every check passed"

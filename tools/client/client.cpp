@@ -178,8 +178,7 @@ void Client::capture(bool received, std::span<const uint8_t> payload, std::span<
     Endpoint local, remote;
     if (udp) {
         wire.assign(payload.begin(), payload.end());
-        if (auto *t = dynamic_cast<UdpTransport *>(transport_.get())) local.port = t->local_port();
-        if (auto ip = parse_ipv4(opts_.bind)) local.ip = *ip;
+        if (auto *t = dynamic_cast<UdpTransport *>(transport_.get())) local = {t->source_ip(), t->local_port()};
         if (d) remote = {d->src_ip, d->src_port};
         else if (auto ip = parse_ipv4(opts_.udp)) remote = {*ip, opts_.port};
     } else {

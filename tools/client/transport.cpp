@@ -197,6 +197,24 @@ Expected<std::unique_ptr<UdpTransport>> UdpTransport::open(const std::string &ad
     if (::getsockname(t->fd_, reinterpret_cast<sockaddr *>(&local), &ll) == 0)
         t->local_port_ = ntohs(local.sin_port);
 
+    // The address the datagrams leave from (for capture records): an
+    // unbound socket has none until it sends, so ask a connected one.
+    std::memcpy(t->source_.data(), &local.sin_addr, 4);
+    if (bind_addr.empty()) {
+        int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(port);
+        to.sin_addr = dst;
+        sockaddr_in from{};
+        socklen_t fl = sizeof from;
+        if (probe >= 0 && ::setsockopt(probe, SOL_SOCKET, SO_BROADCAST, &one, sizeof one) == 0 &&
+            ::connect(probe, reinterpret_cast<sockaddr *>(&to), sizeof to) == 0 &&
+            ::getsockname(probe, reinterpret_cast<sockaddr *>(&from), &fl) == 0)
+            std::memcpy(t->source_.data(), &from.sin_addr, 4);
+        if (probe >= 0) ::close(probe);
+    }
+
     if ((t->dest_[0] & 0xF0) == 0xE0) {
         // Group traffic leaves by the chosen local address (default route
         // otherwise) and loops back so a device on this host hears it too.

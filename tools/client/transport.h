@@ -97,6 +97,8 @@ class UdpTransport final : public Transport {
     Mac local_mac() const override { return {}; }
     // The local port replies come back to.
     uint16_t local_port() const { return local_port_; }
+    // The local address datagrams leave from (0.0.0.0 when unknown).
+    const Ipv4 &source_ip() const { return source_; }
 
   private:
     UdpTransport() = default;
@@ -104,6 +106,7 @@ class UdpTransport final : public Transport {
     Ipv4 dest_{};
     uint16_t port_ = kUdpPort;
     uint16_t local_port_ = 0;
+    Ipv4 source_{};
 };
 
 }  // namespace tav::client
