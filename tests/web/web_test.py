@@ -64,9 +64,16 @@ def browser(url):
         until("three access points listed", lambda: rows() == set(MACS))
         d.find_element(By.CSS_SELECTOR, f'tr[data-mac="{MACS[0]}"]').click()
         text = lambda sel: d.find_element(By.CSS_SELECTOR, sel).text
-        until("details shown", lambda: "AP-Lab-1" in text("#d-title") and "192.0.2.11" in text("#d-identity")
-              and "cpu percent" in text("#d-status") and "ssid" in text("#d-ssids").lower()
-              and "reading" not in text("#d-clients"))
+        ssid = tavctl("ssid", "list")[MACS[0]]["ssids"][0]["name"]
+        client = tavctl("clients")[MACS[0]]["clients"][0]["mac"]
+        shown = lambda: {s: text(s) for s in ("#d-title", "#d-identity", "#d-status", "#d-ssids", "#d-clients")}
+        try:
+            until("details shown", lambda: (t := shown()) and "AP-Lab-1" in t["#d-title"] and "192.0.2.11" in
+                  t["#d-identity"] and "cpu percent" in t["#d-status"] and ssid in t["#d-ssids"]
+                  and client in t["#d-clients"])
+        except AssertionError:
+            print(shown(), d.get_log("browser"))
+            raise
         d.find_element(By.XPATH, "//div[@id='d-commands']/button[text()='time get']").click()
         until("a read command's result", lambda: "ntp" in text("#d-output").lower())
         subprocess.run(TAVLAB + ["exec", "ap3", "sh", "-c", "kill -TERM $(cat /var/run/tavc.pid)"], check=True)

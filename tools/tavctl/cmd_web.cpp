@@ -394,7 +394,7 @@ async function refresh() {
   let d;
   try { d = await (await fetch('/api/aps')).json(); } catch (e) { $('#summary').textContent = 'tavctl web is not answering'; return; }
   const body = $('#aps tbody'), seen = new Set();
-  for (const ap of d.aps) {
+  d.aps.forEach((ap, i) => {
     seen.add(ap.mac);
     let tr = body.querySelector(`tr[data-mac="${ap.mac}"]`);
     if (!tr) {
@@ -408,10 +408,11 @@ async function refresh() {
     const cells = [state, ap.system_name, ap.mac, ap.ip, ap.model, ap.firmware, ap.clients ?? '—', ago(ap.heard_seconds_ago) + ' ago'];
     cells.forEach((c, i) => { if (tr.cells[i].textContent !== String(c)) tr.cells[i].textContent = c; });
     if (!tr.cells[0].firstChild || tr.cells[0].firstChild.className !== 'dot') tr.cells[0].prepend(el('span', 'dot'));
-    body.append(tr);
-  }
+    if (body.rows[i] !== tr) body.insertBefore(tr, body.rows[i] || null);
+  });
   for (const tr of [...body.rows]) if (!seen.has(tr.dataset.mac)) tr.remove();
   if (selected && !seen.has(selected)) { $('#detail').hidden = true; selected = null; }
+  if (selected) identity(selected);
   const stale = d.aps.filter((a) => a.stale).length;
   $('#summary').textContent = `${d.aps.length} access points` + (stale ? `, ${stale} stale` : '') +
     (d.last_poll_seconds_ago === null ? ', discovering…' : ` · discovery ${ago(d.last_poll_seconds_ago)} ago, every ${d.interval} s`);
@@ -428,7 +429,21 @@ async function run(mac, path, into) {
   const keys = Object.keys(ap);
   into.replaceChildren(render(keys.length === 1 && Array.isArray(ap[keys[0]]) ? ap[keys[0]] : ap));
 }
+// Kept current while shown: an access point first heard by its hello is
+// known by name only after the next discovery.
+let shownIdentity = '';
+async function identity(mac) {
+  const r = await fetch(`/api/ap/${mac}`);
+  const text = await r.text();
+  if (mac !== selected || !r.ok || text === shownIdentity) return;
+  shownIdentity = text;
+  const id = JSON.parse(text);
+  $('#d-title').textContent = `${id.system_name || ''} ${mac}`;
+  delete id.mac;
+  $('#d-identity').replaceChildren(render(id));
+}
 async function show(mac) {
+  shownIdentity = '';
   selected = mac;
   for (const tr of $('#aps tbody').rows) tr.classList.toggle('sel', tr.dataset.mac === mac);
   const det = $('#detail');
@@ -436,11 +451,8 @@ async function show(mac) {
   det.dataset.mac = mac;
   $('#d-title').textContent = mac;
   $('#d-output').replaceChildren();
-  const id = await (await fetch(`/api/ap/${mac}`)).json();
-  if (mac !== selected) return;
-  $('#d-title').textContent = `${id.system_name || ''} ${mac}`;
-  delete id.mac;
-  $('#d-identity').replaceChildren(render(id));
+  $('#d-identity').replaceChildren();
+  identity(mac);
   run(mac, 'status', $('#d-status'));
   run(mac, 'ssid-list', $('#d-ssids'));
   run(mac, 'clients', $('#d-clients'));
@@ -523,6 +535,7 @@ int run_web(Ctx &c) {
         svr.Get(path, [=](const httplib::Request &, httplib::Response &res) { res.set_content(body, type); });
     };
     fixed("/", kHtml, "text/html; charset=utf-8");
+    svr.Get("/favicon.ico", [](const httplib::Request &, httplib::Response &res) { res.status = 204; });
     fixed("/app.css", kCss, "text/css; charset=utf-8");
     fixed("/app.js", kJs, "text/javascript; charset=utf-8");
     const char *json = "application/json";
