@@ -162,7 +162,11 @@ void poll(Web &w, Fleet &f) {
 
 void poller(Web &w, Fleet &f) {
     for (;;) {
-        poll(w, f);
+        try {
+            poll(w, f);
+        } catch (const Failure &e) {  // a network error: the next poll tries again
+            std::fprintf(stderr, "tavctl: web: poll: %s\n", e.message.c_str());
+        }
         std::unique_lock lock(w.mu);
         w.cv.wait_for(lock, std::chrono::milliseconds(long(w.interval * 1000)), [&] { return w.stop || w.wake; });
         if (w.stop) return;
@@ -257,7 +261,7 @@ std::string run_read(const Ctx &base, const Command &cmd, const std::string &mac
     try {
         cmd.run(c);
     } catch (const Failure &e) {
-        http = 502;
+        http = e.code == kExitUsage ? 400 : 502;
         JsonWriter j;
         j.begin_object().key("error").value(e.message).end_object();
         return j.str();
