@@ -77,8 +77,7 @@ void merge_identity(ApState &a, const Message &m) {
 }
 
 struct Web {
-    Web(Ctx &c, double interval, double report_interval) : c(c), interval(interval), report_interval(report_interval) {}
-    Ctx &c;
+    Web(double interval, double report_interval) : interval(interval), report_interval(report_interval) {}
     double interval, report_interval;
     std::mutex mu;  // guards everything below
     std::map<std::string, ApState> aps;  // by MAC
@@ -508,7 +507,7 @@ int run_web(Ctx &c) {
     if (!loopback(l.host) && !o.flag("--allow-remote"))
         usage("--listen " + l.host + ": not a loopback address; the page has no login, so anyone who can reach "
               "it sees the fleet. Add --allow-remote to mean it");
-    Web w{c, double(o.number("--interval", 1, 86400).value_or(30)),
+    Web w{double(o.number("--interval", 1, 86400).value_or(30)),
           double(o.number("--report-interval", 1, 3600).value_or(60))};
     Fleet polling(c);
     std::optional<Fleet> listening;
