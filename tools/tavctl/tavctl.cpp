@@ -60,7 +60,11 @@ const char kFiles[] =
     "taken on the command line.";
 
 std::span<const Command> (*const kGroups[])() = {core_commands, admin_commands, maint_commands,
-                                                       wireless_commands};
+                                                       wireless_commands,
+#ifdef TAVCTL_WEB
+                                                       web_commands,
+#endif
+};
 
 // Words of `text` in lines of at most `width`, each after `indent`.
 std::string wrap(std::string_view text, size_t indent, size_t width = 78) {

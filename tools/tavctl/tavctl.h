@@ -150,6 +150,7 @@ std::span<const Command> core_commands();
 std::span<const Command> admin_commands();
 std::span<const Command> maint_commands();
 std::span<const Command> wireless_commands();
+std::span<const Command> web_commands();  // when built with cpp-httplib (TAVCTL_WEB)
 std::span<const OptSpec> global_options();
 std::string command_help(const Command &c);
 // The commands nearest to a mistyped name, for "did you mean".
