@@ -26,7 +26,7 @@ import jsonschema  # Debian's python3-jsonschema (scripts/deps.sh)
 SCHEMAS = src / "tools/tavctl/schemas"
 TAVLAB = str(src / "lab/tavlab")
 TAVCTL = str(build / "tools/tavctl/tavctl")
-TARGET, WAIT = str(build), "5"  # a loaded machine answers late; the exchange ends at the reply anyway
+TARGET, WAIT = str(build), "3"  # a loaded machine answers late
 AP1, AP2, AP3 = (f"02:7a:76:00:00:0{n}" for n in (1, 2, 3))
 NOT_JSON = {"completion", "web"}  # a bash script; a server (tests/web)
 passed, failed = 0, 0
