@@ -448,7 +448,9 @@ int array_action(Ctx &c, uint8_t action) {
                           .build = [&](const Ap &, const Message *) { return body; },
                           .after = [&](Fleet &, const Message &, const Message *, Row &row) {
                               Node &ap = row.data;
-                              ap.set("note", "accepted; the lists change at the next refresh (tavctl array members)");
+                              ap.set("note", action == 3 ? "accepted; the members named reboot"
+                                                         : "accepted; the lists change at the next refresh (tavctl "
+                                                           "array members)");
                           },
                           .credentials_last = true,
                           .question = [&](const std::vector<std::string> &) -> std::string {
