@@ -162,17 +162,22 @@ bool Client::ipv4() const { return transport_->ipv4(); }
 Mac Client::local_mac() const { return transport_->local_mac(); }
 
 Expected<void> Client::send_plaintext(std::span<const uint8_t> plaintext) {
+    return send_plaintext_to(plaintext, {}, {});
+}
+
+Expected<void> Client::send_plaintext_to(std::span<const uint8_t> plaintext, const std::optional<Mac> &mac,
+                                         const std::optional<std::array<uint8_t, 4>> &ip) {
     auto sealed = cipher_->encode(plaintext);
     if (!sealed) return fail(sealed.error());
     std::vector<uint8_t> payload(kSelectorLen + sealed->ciphertext.size());
     put_be16(payload.data(), sealed->selector);
     std::copy(sealed->ciphertext.begin(), sealed->ciphertext.end(), payload.begin() + kSelectorLen);
-    if (capture_) capture(false, payload, plaintext, nullptr);
-    return transport_->send(payload);
+    if (capture_) capture(false, payload, plaintext, nullptr, mac, ip);
+    return transport_->send_to(payload, mac, ip);
 }
 
 void Client::capture(bool received, std::span<const uint8_t> payload, std::span<const uint8_t> plain,
-                     const Datagram *d) {
+                     const Datagram *d, const std::optional<Mac> &to_mac, const std::optional<Ipv4> &to_ip) {
     const bool udp = ipv4();
     std::vector<uint8_t> wire;
     Endpoint local, remote;
@@ -180,9 +185,10 @@ void Client::capture(bool received, std::span<const uint8_t> payload, std::span<
         wire.assign(payload.begin(), payload.end());
         if (auto *t = dynamic_cast<UdpTransport *>(transport_.get())) local = {t->source_ip(), t->local_port()};
         if (d) remote = {d->src_ip, d->src_port};
+        else if (to_ip) remote = {*to_ip, opts_.port};
         else if (auto ip = parse_ipv4(opts_.udp)) remote = {*ip, opts_.port};
     } else {
-        const Mac dst = d ? d->dst_mac : kBroadcastMac, src = d ? d->src_mac : local_mac();
+        const Mac dst = d ? d->dst_mac : to_mac.value_or(kBroadcastMac), src = d ? d->src_mac : local_mac();
         wire.insert(wire.end(), dst.begin(), dst.end());
         wire.insert(wire.end(), src.begin(), src.end());
         wire.push_back(uint8_t(kEtherType >> 8));
@@ -209,7 +215,11 @@ Expected<uint16_t> Client::send_request_to(uint16_t op_code, const TlvList &tlvs
     std::array<uint8_t, 4> ip = target_ip.value_or(std::array<uint8_t, 4>{});
     uint16_t seq = sequence_++;
     auto plain = build_request(v4, seq, op_code, target, ip, tlvs);
-    auto sent = send_plaintext(plain);
+    // Only a real device's address: the all-zero and broadcast ones name every device.
+    const bool one = opts_.unicast && ((v4 && target_ip && *target_ip != std::array<uint8_t, 4>{} &&
+                                        (*target_ip)[3] != 255) ||
+                                       (!v4 && target_mac && *target_mac != kBroadcastMac && *target_mac != kZeroMac));
+    auto sent = send_plaintext_to(plain, one && !v4 ? target_mac : std::nullopt, one && v4 ? target_ip : std::nullopt);
     if (!sent) return fail(sent.error());
     return seq;
 }

@@ -40,6 +40,10 @@ struct Options {
     std::optional<std::array<uint8_t, 4>> target_ip;  // UDP only; default 0.0.0.0
     std::optional<uint16_t> sequence;   // first sequence number; random when absent
     std::optional<Mac> source_mac;      // raw only: act as a manager with this MAC
+    // A request to one device goes to its MAC (raw) or its address (UDP),
+    // so that the others need not decipher it; otherwise every request is
+    // broadcast and the header alone names the device.
+    bool unicast = false;
 
     // The two usual shapes, without spelling every field.
     static Options raw(std::string iface, std::string netns = {},
@@ -114,6 +118,8 @@ class Client {
     bool is_reply(const Message &m, uint16_t sequence, uint16_t op_code) const { return matches(m, sequence, op_code); }
     // Enciphers and sends any plaintext as it is (malformed ones too).
     Expected<void> send_plaintext(std::span<const uint8_t> plaintext);
+    Expected<void> send_plaintext_to(std::span<const uint8_t> plaintext, const std::optional<Mac> &mac,
+                                     const std::optional<std::array<uint8_t, 4>> &ip);
     // Replies to an earlier send_request().
     std::vector<Message> collect(uint16_t sequence, uint16_t op_code,
                                  std::chrono::milliseconds window, size_t max_replies = 0);
@@ -143,7 +149,8 @@ class Client {
   private:
     Client() = default;
     std::optional<Message> receive_new(Clock::time_point deadline);
-    void capture(bool received, std::span<const uint8_t> payload, std::span<const uint8_t> plain, const Datagram *d);
+    void capture(bool received, std::span<const uint8_t> payload, std::span<const uint8_t> plain, const Datagram *d,
+                 const std::optional<Mac> &to_mac = {}, const std::optional<Ipv4> &to_ip = {});
     bool matches(const Message &m, uint16_t sequence, uint16_t op_code) const;
     void keep(Message m);
 

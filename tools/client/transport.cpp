@@ -125,9 +125,11 @@ RawTransport::~RawTransport() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-Expected<void> RawTransport::send(std::span<const uint8_t> payload) {
+Expected<void> RawTransport::send_to(std::span<const uint8_t> payload, const std::optional<Mac> &mac,
+                                     const std::optional<std::array<uint8_t, 4>> &) {
+    const Mac dst = mac.value_or(kBroadcastMac);
     std::vector<uint8_t> frame(kEthHeaderLen + payload.size());
-    std::memcpy(frame.data(), kBroadcastMac.data(), 6);
+    std::memcpy(frame.data(), dst.data(), 6);
     std::memcpy(frame.data() + 6, mac_.data(), 6);
     put_be16(frame.data() + 12, kEtherType);
     if (!payload.empty()) std::memcpy(frame.data() + kEthHeaderLen, payload.data(), payload.size());
@@ -137,7 +139,7 @@ Expected<void> RawTransport::send(std::span<const uint8_t> payload) {
     to.sll_protocol = htons(kEtherType);
     to.sll_ifindex = ifindex_;
     to.sll_halen = 6;
-    std::memcpy(to.sll_addr, kBroadcastMac.data(), 6);
+    std::memcpy(to.sll_addr, dst.data(), 6);
     ssize_t n = ::sendto(fd_, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr *>(&to),
                          sizeof to);
     if (n < 0) return fail("cannot send the frame: " + errno_text());
@@ -231,11 +233,12 @@ UdpTransport::~UdpTransport() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-Expected<void> UdpTransport::send(std::span<const uint8_t> payload) {
+Expected<void> UdpTransport::send_to(std::span<const uint8_t> payload, const std::optional<Mac> &,
+                                     const std::optional<std::array<uint8_t, 4>> &ip) {
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(port_);
-    std::memcpy(&to.sin_addr, dest_.data(), 4);
+    std::memcpy(&to.sin_addr, ip.value_or(dest_).data(), 4);
     ssize_t n = ::sendto(fd_, payload.data(), payload.size(), 0,
                          reinterpret_cast<sockaddr *>(&to), sizeof to);
     if (n < 0) return fail("cannot send the datagram: " + errno_text());

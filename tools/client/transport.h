@@ -34,7 +34,11 @@ struct Datagram {
 class Transport {
   public:
     virtual ~Transport() = default;
-    virtual Expected<void> send(std::span<const uint8_t> payload) = 0;
+    virtual Expected<void> send(std::span<const uint8_t> payload) { return send_to(payload, {}, {}); }
+    // To one device: a frame to its MAC, a datagram to its address (either
+    // may be absent: the transport's broadcast destination then).
+    virtual Expected<void> send_to(std::span<const uint8_t> payload, const std::optional<Mac> &mac,
+                                   const std::optional<std::array<uint8_t, 4>> &ip) = 0;
     // Next payload before `deadline`; empty when none came.
     virtual std::optional<Datagram> receive(Clock::time_point deadline) = 0;
     // True for the UDP path (requests and replies use the IPv4 header form).
@@ -63,7 +67,8 @@ class RawTransport final : public Transport {
     static Expected<std::unique_ptr<RawTransport>> open(const std::string &iface,
                                                         const std::string &netns = {});
     ~RawTransport() override;
-    Expected<void> send(std::span<const uint8_t> payload) override;
+    Expected<void> send_to(std::span<const uint8_t> payload, const std::optional<Mac> &mac,
+                           const std::optional<std::array<uint8_t, 4>> &ip) override;
     std::optional<Datagram> receive(Clock::time_point deadline) override;
     bool ipv4() const override { return false; }
     Mac local_mac() const override { return mac_; }
@@ -91,7 +96,8 @@ class UdpTransport final : public Transport {
                                                         const std::string &bind_addr = {},
                                                         const std::string &netns = {});
     ~UdpTransport() override;
-    Expected<void> send(std::span<const uint8_t> payload) override;
+    Expected<void> send_to(std::span<const uint8_t> payload, const std::optional<Mac> &mac,
+                           const std::optional<std::array<uint8_t, 4>> &ip) override;
     std::optional<Datagram> receive(Clock::time_point deadline) override;
     bool ipv4() const override { return true; }
     Mac local_mac() const override { return {}; }

@@ -44,6 +44,7 @@ Options checked_options(Ctx &c) {
     // dlopen searches the library path for a bare name; a person means the file here.
     if (g.opts.cipher.find('/') == std::string::npos && access(g.opts.cipher.c_str(), F_OK) == 0)
         g.opts.cipher = "./" + g.opts.cipher;
+    g.opts.unicast = true;
     if (auto ci = Cipher::load(g.opts.cipher); !ci)
         fail(kExitCipher, ci.error() + " (the cipher library: --cipher PATH or \"cipher\" in the config)");
     return g.opts;
