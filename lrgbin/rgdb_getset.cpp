@@ -11,13 +11,34 @@
 
 #include "lrgbin/rgdb_backend.h"
 
+// The key a format names, composed into `room` (1024 bytes) only when it
+// has to be: most keys are literals or "%s" of one, and the daemon reads
+// dozens of them for every request. Anything longer than the room, or any
+// other conversion, goes through vsnprintf as before.
+static const char *compose(char *room, const char *fmt, va_list ap)
+{
+    const size_t kRoom = 1024;
+    const char *literal = nullptr;
+    if (!strchr(fmt, '%')) {
+        literal = fmt;
+    } else if (strcmp(fmt, "%s") == 0) {
+        va_list copy;
+        va_copy(copy, ap);
+        literal = va_arg(copy, const char *);
+        va_end(copy);
+    }
+    if (literal && strnlen(literal, kRoom) < kRoom)
+        return literal;
+    vsnprintf(room, kRoom, fmt, ap);
+    return room;
+}
+
 static int vget(char *buf, int size, const char *fmt, va_list ap)
 {
     if (!buf || size < 1 || !fmt)
         return -1;
     char key[1024];
-    vsnprintf(key, sizeof(key), fmt, ap);
-    return rgdb_read_key(buf, size, key);
+    return rgdb_read_key(buf, size, compose(key, fmt, ap));
 }
 
 int _rgdb_get_(char *buf, int size, const char *fmt, ...)
@@ -47,8 +68,7 @@ static int vset(const char *value, const char *fmt, va_list ap)
     if (!fmt)
         return -1;
     char key[1024];
-    vsnprintf(key, sizeof(key), fmt, ap);
-    return _rgdb_set_(key, value);
+    return _rgdb_set_(compose(key, fmt, ap), value);
 }
 
 int tav_rgdb_set_digit(int value, const char *fmt, ...)
