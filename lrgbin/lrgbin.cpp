@@ -21,12 +21,28 @@ static_assert(sizeof(xmldb_header) == 16, "xmldb_header must be 16 packed bytes"
 // Receive buffer of redirect_output (not reentrant; the daemon has one thread).
 static char buff[1024];
 
+// The address of the compiled-in socket, made once: the daemon opens a
+// connection for every key it reads.
+static const struct sockaddr_un *default_address(void)
+{
+    static struct sockaddr_un addr;
+    if (addr.sun_family != AF_UNIX) {
+        strncpy(addr.sun_path, XMLDB_SOCK, sizeof(addr.sun_path) - 1);
+        addr.sun_family = AF_UNIX;
+    }
+    return &addr;
+}
+
 int lrgdb_open(const char *path)
 {
     struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path ? path : XMLDB_SOCK, sizeof(addr.sun_path) - 1);
+    if (path) {
+        memset(&addr, 0, sizeof(addr));
+        addr.sun_family = AF_UNIX;
+        strncpy(addr.sun_path, path, sizeof(addr.sun_path) - 1);
+    } else {
+        addr = *default_address();
+    }
 
     // Shell commands started by handlers must not inherit the connection.
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

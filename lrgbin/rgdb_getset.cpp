@@ -11,10 +11,72 @@
 
 #include "lrgbin/rgdb_backend.h"
 
+// What vsnprintf would write for a format of only %d, %u, %s and %%, without
+// flags, width or length (every key format of the daemon); false, with
+// nothing consumed from `ap`, for anything else.
+static bool format_plain(char *out, size_t cap, const char *fmt, va_list ap)
+{
+    va_list a;
+    va_copy(a, ap);
+    size_t n = 0;
+    auto put = [&](char c) {
+        if (n + 1 < cap)
+            out[n] = c;
+        n++;
+    };
+    bool ok = true;
+    for (const char *p = fmt; ok && *p; ++p) {
+        if (*p != '%') {
+            put(*p);
+        } else if (*++p == '%') {
+            put('%');
+        } else if (*p == 's') {
+            const char *s = va_arg(a, const char *);
+            ok = s != nullptr;  // "(null)" is vsnprintf's business
+            while (ok && *s)
+                put(*s++);
+        } else if (*p == 'd' || *p == 'u') {
+            unsigned v;
+            if (*p == 'd') {
+                int x = va_arg(a, int);
+                v = x < 0 ? 0u - static_cast<unsigned>(x) : static_cast<unsigned>(x);
+                if (x < 0)
+                    put('-');
+            } else {
+                v = va_arg(a, unsigned);
+            }
+            char digits[10];
+            int k = 0;
+            do
+                digits[k++] = static_cast<char>('0' + v % 10);
+            while ((v /= 10) != 0);
+            while (k > 0)
+                put(digits[--k]);
+        } else {
+            ok = false;
+        }
+    }
+    va_end(a);
+    if (ok && cap > 0)
+        out[n < cap ? n : cap - 1] = '\0';
+    return ok;
+}
+
+void rgdb_format_key(char *buf, int size, const char *fmt, ...)
+{
+    if (!buf || size < 1 || !fmt)
+        return;
+    va_list ap;
+    va_start(ap, fmt);
+    if (!format_plain(buf, static_cast<size_t>(size), fmt, ap))
+        vsnprintf(buf, static_cast<size_t>(size), fmt, ap);
+    va_end(ap);
+}
+
 // The key a format names, composed into `room` (1024 bytes) only when it
 // has to be: most keys are literals or "%s" of one, and the daemon reads
-// dozens of them for every request. Anything longer than the room, or any
-// other conversion, goes through vsnprintf as before.
+// dozens of them for every request. Anything longer than the room goes as
+// vsnprintf would cut it.
 static const char *compose(char *room, const char *fmt, va_list ap)
 {
     const size_t kRoom = 1024;
@@ -29,7 +91,8 @@ static const char *compose(char *room, const char *fmt, va_list ap)
     }
     if (literal && strnlen(literal, kRoom) < kRoom)
         return literal;
-    vsnprintf(room, kRoom, fmt, ap);
+    if (!format_plain(room, kRoom, fmt, ap))
+        vsnprintf(room, kRoom, fmt, ap);
     return room;
 }
 
