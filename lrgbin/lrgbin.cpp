@@ -35,13 +35,13 @@ static const struct sockaddr_un *default_address(void)
 
 int lrgdb_open(const char *path)
 {
-    struct sockaddr_un addr;
+    struct sockaddr_un given;
+    const struct sockaddr_un *addr = default_address();
     if (path) {
-        memset(&addr, 0, sizeof(addr));
-        addr.sun_family = AF_UNIX;
-        strncpy(addr.sun_path, path, sizeof(addr.sun_path) - 1);
-    } else {
-        addr = *default_address();
+        memset(&given, 0, sizeof(given));
+        given.sun_family = AF_UNIX;
+        strncpy(given.sun_path, path, sizeof(given.sun_path) - 1);
+        addr = &given;
     }
 
     // Shell commands started by handlers must not inherit the connection.
@@ -50,8 +50,8 @@ int lrgdb_open(const char *path)
         fprintf(stderr, "Cound not create unix domain socket: %s.\n", strerror(errno));
         return -1;
     }
-    if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) < 0) {
-        fprintf(stderr, "Cound not connect to unix socket: %s.\n", addr.sun_path);
+    if (connect(fd, reinterpret_cast<const struct sockaddr *>(addr), sizeof(*addr)) < 0) {
+        fprintf(stderr, "Cound not connect to unix socket: %s.\n", addr->sun_path);
         close(fd);
         return -1;
     }

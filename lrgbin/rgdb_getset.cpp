@@ -11,54 +11,65 @@
 
 #include "lrgbin/rgdb_backend.h"
 
+// Appends up to n bytes of `text` within the room left before `end`.
+static char *append(char *o, char *end, const char *text, size_t n)
+{
+    if (n > static_cast<size_t>(end - o))
+        n = static_cast<size_t>(end - o);
+    memcpy(o, text, n);
+    return o + n;
+}
+
 // What vsnprintf would write for a format of only %d, %u, %s and %%, without
 // flags, width or length (every key format of the daemon); false, with
-// nothing consumed from `ap`, for anything else.
+// nothing consumed from `ap`, for anything else. Once the room is full the
+// rest of the format cannot change the text, so it is not read.
 static bool format_plain(char *out, size_t cap, const char *fmt, va_list ap)
 {
+    if (cap == 0)
+        return false;
     va_list a;
     va_copy(a, ap);
-    size_t n = 0;
-    auto put = [&](char c) {
-        if (n + 1 < cap)
-            out[n] = c;
-        n++;
-    };
+    char *o = out, *const end = out + cap - 1;
     bool ok = true;
-    for (const char *p = fmt; ok && *p; ++p) {
-        if (*p != '%') {
-            put(*p);
-        } else if (*++p == '%') {
-            put('%');
-        } else if (*p == 's') {
+    for (const char *p = fmt; ok && o < end;) {
+        const char *pct = strchr(p, '%');
+        const size_t run = pct ? static_cast<size_t>(pct - p) : strlen(p);
+        o = append(o, end, p, run);
+        if (!pct)
+            break;
+        p = pct + 2;
+        if (pct[1] == '%') {
+            o = append(o, end, "%", 1);
+        } else if (pct[1] == 's') {
             const char *s = va_arg(a, const char *);
             ok = s != nullptr;  // "(null)" is vsnprintf's business
-            while (ok && *s)
-                put(*s++);
-        } else if (*p == 'd' || *p == 'u') {
+            if (ok)
+                o = append(o, end, s, strlen(s));
+        } else if (pct[1] == 'd' || pct[1] == 'u') {
             unsigned v;
-            if (*p == 'd') {
+            char digits[11];
+            char *d = digits + sizeof(digits);
+            bool negative = false;
+            if (pct[1] == 'd') {
                 int x = va_arg(a, int);
-                v = x < 0 ? 0u - static_cast<unsigned>(x) : static_cast<unsigned>(x);
-                if (x < 0)
-                    put('-');
+                negative = x < 0;
+                v = negative ? 0u - static_cast<unsigned>(x) : static_cast<unsigned>(x);
             } else {
                 v = va_arg(a, unsigned);
             }
-            char digits[10];
-            int k = 0;
             do
-                digits[k++] = static_cast<char>('0' + v % 10);
+                *--d = static_cast<char>('0' + v % 10);
             while ((v /= 10) != 0);
-            while (k > 0)
-                put(digits[--k]);
+            if (negative)
+                *--d = '-';
+            o = append(o, end, d, static_cast<size_t>(digits + sizeof(digits) - d));
         } else {
             ok = false;
         }
     }
     va_end(a);
-    if (ok && cap > 0)
-        out[n < cap ? n : cap - 1] = '\0';
+    *o = '\0';
     return ok;
 }
 
