@@ -6,7 +6,7 @@
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
-      iproute2 util-linux procps clang libclang-rt-14-dev scdoc man-db "$@")
+      iproute2 util-linux procps clang libclang-rt-14-dev scdoc man-db valgrind "$@")
 
 missing=()
 for p in "${pkgs[@]}"; do
