@@ -197,11 +197,11 @@ bool Store::set(std::string_view key, std::string_view value)
     auto it = map_.find(key);
     if (it == map_.end()) {
         if (journalling_)
-            undo_.push_back({std::string(key), nullptr, {}});
+            undo_.push_back({std::string(key), nullptr, {}, {}, false});
         map_.emplace(std::string(key), std::string(value));
     } else {
         if (journalling_)
-            undo_.push_back({std::move(it->second), &*it, {}});
+            undo_.push_back({std::move(it->second), &*it, {}, {}, false});
         it->second.assign(value);
     }
     return true;
@@ -210,7 +210,7 @@ bool Store::set(std::string_view key, std::string_view value)
 void Store::erase(Map::const_iterator it)
 {
     if (journalling_)
-        undo_.push_back({{}, nullptr, map_.extract(it)});
+        undo_.push_back({{}, nullptr, map_.extract(it), {}, false});
     else
         map_.erase(it);
 }
@@ -228,6 +228,11 @@ void Store::undo()
 {
     auto hint = map_.end();
     for (auto it = undo_.rbegin(); it != undo_.rend(); ++it) {
+        if (it->cleared) {
+            map_ = std::move(it->all);
+            hint = map_.end();
+            continue;
+        }
         if (!it->erased.empty()) {
             hint = map_.insert(hint, std::move(it->erased));
             continue;
@@ -249,6 +254,12 @@ std::size_t Store::erase_subtree(std::string_view key)
         return 0;
     std::size_t n = 0;
     auto first = map_.begin(), last = map_.end();
+    if (key == "/" && journalling_) {
+        n = map_.size();
+        undo_.push_back({{}, nullptr, {}, std::move(map_), true});
+        map_.clear();
+        return n;
+    }
     if (key != "/") {
         // The key, then those below "K/", which sort from "K/" up to, not
         // including, "K0" ('0' follows '/').

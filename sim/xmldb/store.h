@@ -55,11 +55,14 @@ public:
 
 private:
     // One change since the mark: a key added (its name), a value changed
-    // (the entry and its value before) or an entry erased (kept whole).
+    // (the entry and its value before), an entry erased (kept whole) or
+    // everything erased (the map as it was).
     struct Change {
         std::string text;
         Map::value_type *entry = nullptr;
         Map::node_type erased;
+        Map all;
+        bool cleared = false;
     };
 
     void erase(Map::const_iterator it);
