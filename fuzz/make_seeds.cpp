@@ -3,7 +3,8 @@
 // for the engine, a request of every op code in both forms, carrying the
 // precedence, the lab administrator's credentials and every tag that the op
 // code's requests take (from the tag table, so new tags and handlers are
-// covered without touching this file), and the same without a body.
+// covered without touching this file), and the same without a body; for the
+// database server, one request of every command and all of them in a row.
 //
 // Usage: make_seeds OUTDIR
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fuzz/requests.h"
@@ -58,6 +60,37 @@ void engine_seeds() {
     }
 }
 
+// Header in the host's order (the socket never leaves the machine).
+Bytes db_request(uint16_t cmd, std::string_view arg) {
+    Bytes b(16, 0);
+    const uint16_t len = uint16_t(arg.size() + 1);
+    std::memcpy(b.data(), &cmd, 2);
+    std::memcpy(b.data() + 2, &len, 2);
+    b.insert(b.end(), arg.begin(), arg.end());
+    b.push_back(0);
+    return b;
+}
+
+void xmldb_seeds() {
+    const std::pair<uint16_t, std::string_view> cmds[] = {
+        {1, "/sys/hostname"},
+        {2, "/sys/hostname ap9"},
+        {3, "/wlan/inf:1"},
+        {4, "state"},
+        {5, "state"},
+        {6, "patch.txt"},
+        {7, "/sys/a 1\n/sys/b two words\\n\n# note\n"},
+        {8, "/runtime/x 1"},
+        {10, "host=<?rgdb /sys/hostname?> ip=<?rgdb /runtime/wan/inf:1/ip ?>"},
+    };
+    Bytes all;
+    for (auto [cmd, arg] : cmds) {
+        Bytes b = db_request(cmd, arg);
+        write("xmldb", "cmd" + std::to_string(cmd), b);
+        all.insert(all.end(), b.begin(), b.end());
+    }
+    write("xmldb", "sequence", all);
+}
 
 // libFuzzer dictionary entries: the wire's numbers and the texts that would
 // matter if they ever reached a shell or a format.
@@ -79,7 +112,7 @@ void engine_dict() {
 
 int main(int argc, char **argv) {
     if (argc != 2 || std::strcmp(argv[1], "--help") == 0) {
-        std::fputs("usage: make_seeds OUTDIR\nWrites the fuzz corpora (engine) "
+        std::fputs("usage: make_seeds OUTDIR\nWrites the fuzz corpora (engine, xmldb) "
                    "and engine.dict into OUTDIR.\n",
                    argc == 2 ? stdout : stderr);
         return argc == 2 ? 0 : 2;
@@ -87,6 +120,7 @@ int main(int argc, char **argv) {
     g_out = argv[1];
     mkdir(g_out.c_str(), 0755);
     engine_seeds();
+    xmldb_seeds();
     engine_dict();
     return 0;
 }

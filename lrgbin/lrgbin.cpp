@@ -7,12 +7,12 @@
 #include "platform/proc.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -21,22 +21,37 @@ static_assert(sizeof(xmldb_header) == 16, "xmldb_header must be 16 packed bytes"
 // Receive buffer of redirect_output (not reentrant; the daemon has one thread).
 static char buff[1024];
 
+// The address of the compiled-in socket, made once: the daemon opens a
+// connection for every key it reads.
+static const struct sockaddr_un *default_address(void)
+{
+    static struct sockaddr_un addr;
+    if (addr.sun_family != AF_UNIX) {
+        strncpy(addr.sun_path, XMLDB_SOCK, sizeof(addr.sun_path) - 1);
+        addr.sun_family = AF_UNIX;
+    }
+    return &addr;
+}
+
 int lrgdb_open(const char *path)
 {
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path ? path : XMLDB_SOCK, sizeof(addr.sun_path) - 1);
+    struct sockaddr_un given;
+    const struct sockaddr_un *addr = default_address();
+    if (path) {
+        memset(&given, 0, sizeof(given));
+        given.sun_family = AF_UNIX;
+        strncpy(given.sun_path, path, sizeof(given.sun_path) - 1);
+        addr = &given;
+    }
 
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    // Shell commands started by handlers must not inherit the connection.
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         fprintf(stderr, "Cound not create unix domain socket: %s.\n", strerror(errno));
         return -1;
     }
-    // Shell commands started by handlers must not inherit the connection.
-    fcntl(fd, F_SETFD, 1);
-    if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) < 0) {
-        fprintf(stderr, "Cound not connect to unix socket: %s.\n", addr.sun_path);
+    if (connect(fd, reinterpret_cast<const struct sockaddr *>(addr), sizeof(*addr)) < 0) {
+        fprintf(stderr, "Cound not connect to unix socket: %s.\n", addr->sun_path);
         close(fd);
         return -1;
     }
@@ -48,12 +63,18 @@ int lrgdb_close(int fd)
     return close(fd);
 }
 
-// One write; a server that went away must not kill us with SIGPIPE.
-static ssize_t put_bytes(int fd, const void *data, size_t len)
+// One write of header and payload together, so that the server finds the
+// whole request in one read; a server that went away must not kill us with
+// SIGPIPE.
+static ssize_t put_bytes(int fd, const struct iovec *iov, int count)
 {
-    ssize_t n = send(fd, data, len, MSG_NOSIGNAL);
+    struct msghdr m;
+    memset(&m, 0, sizeof(m));
+    m.msg_iov = const_cast<struct iovec *>(iov);
+    m.msg_iovlen = static_cast<size_t>(count);
+    ssize_t n = sendmsg(fd, &m, MSG_NOSIGNAL);
     if (n < 0 && errno == ENOTSOCK)
-        n = write(fd, data, len);
+        n = writev(fd, iov, count);
     return n;
 }
 
@@ -62,11 +83,10 @@ int send_xmldb_cmd(int fd, uint16_t command, uint64_t flags, const void *data, u
     xmldb_header hdr = {command, length, flags, 0};
     unsigned char raw[sizeof(hdr)];
     memcpy(raw, &hdr, sizeof(raw));
-    if (put_bytes(fd, raw, sizeof(raw)) < 1)
-        return -1;
-    if (length > 0 && !data)
-        return -1;
-    if (put_bytes(fd, data, length) < 1)
+    struct iovec iov[2] = {{raw, sizeof(raw)}, {const_cast<void *>(data), length}};
+    // Without a payload only the header goes, and the command counts as failed.
+    const bool payload = length > 0 && data;
+    if (put_bytes(fd, iov, payload ? 2 : 1) < 1 || !payload)
         return -1;
     return 0;
 }

@@ -13,6 +13,8 @@ int tav_rgdb_set_digit(int value, const char *fmt, ...) __attribute__((format(pr
 int tav_rgdb_set_str(const char *value, const char *fmt, ...)
     __attribute__((format(printf, 2, 3)));
 int binary__rgdb_set_(const char *key, unsigned long value);
+// snprintf for keys, without its cost for the daemon's plain formats.
+void rgdb_format_key(char *buf, int size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 int cli_get_val(char *buf, int size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
 #ifdef __cplusplus

@@ -6,7 +6,7 @@
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev binutils
-      iproute2 util-linux procps clang libclang-rt-14-dev scdoc man-db python3-jsonschema tshark
+      iproute2 util-linux procps clang libclang-rt-14-dev scdoc man-db python3-jsonschema tshark valgrind
       pkg-config libcpp-httplib-dev chromium chromium-driver python3-selenium python3-prometheus-client "$@")
 
 missing=()

@@ -84,13 +84,15 @@ int tav_func_find(uint16_t op_code) {
     return -1;
 }
 
-// Runs the row's handler on a zeroed reply body; only the low 16 bits of its
+// Runs the row's handler on an empty reply body; only the low 16 bits of its
 // result go on the wire. The body length is kept within the reply area
 // whatever it stored.
 static void call_handler(int row, const uint8_t *body, uint16_t body_length, int *result,
                          uint16_t *reply_length) {
     tav_tmp_server->functions[0].op_code = tav_function[row].op_code;
-    memset(g_reply_body, 0, sizeof g_reply_body);
+    // Handlers only append through Reply, and only the first n bytes after
+    // the length are sent: a cleared length is a cleared body.
+    memset(g_reply_body, 0, 2);
     int rc = tav_function[row].handler(body, body_length, g_reply_body);
     uint16_t n;
     memcpy(&n, g_reply_body, sizeof n);

@@ -17,9 +17,18 @@ int mac_string2hex(char *text, uint8_t *out) {
     char *save = nullptr;
     char *field = strtok_r(text, ":", &save);
     for (int i = 0; i < 6 && field != nullptr; ++i) {
-        char hex[5];
-        snprintf(hex, sizeof hex, "0x%.2s", field);
-        out[i] = uint8_t(strtoul(hex, nullptr, 0));
+        // The field's first two characters as hexadecimal, up to the first
+        // that is not a digit (rebuilt for every request, so not formatted).
+        unsigned v = 0;
+        for (int k = 0; k < 2; ++k) {
+            const char c = field[k];
+            const int d = c >= '0' && c <= '9' ? c - '0'
+                          : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                          : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+            if (d < 0) break;
+            v = v * 16 + unsigned(d);
+        }
+        out[i] = uint8_t(v);
         field = strtok_r(nullptr, ":", &save);
     }
     return 0;
@@ -38,8 +47,8 @@ void convert_date_time(char *date_time, const char *date, const char *time) {
     // Writable copies, cut apart in place; the year (4 wide) may be read up
     // to its NUL only, so short inputs are never read past.
     char d[64] = {}, t[64] = {};
-    snprintf(d, sizeof d, "%s", date ? date : "");
-    snprintf(t, sizeof t, "%s", time ? time : "");
+    if (date) strncpy(d, date, sizeof d - 1);
+    if (time) strncpy(t, time, sizeof t - 1);
 
     static const struct {
         int pos, width;
@@ -73,8 +82,10 @@ int init_device_status() {
     _rgdb_get_(mac, sizeof mac, "/runtime/wan/inf:1/mac");
     mac_string2hex(mac, d->mac);
 
-    snprintf(d->vendor, sizeof d->vendor, "%s", "Quelbo");
-    snprintf(d->product_type, sizeof d->product_type, "%s", "Access point");
+    static const char kVendor[] = "Quelbo", kProductType[] = "Access point";
+    static_assert(sizeof kVendor <= sizeof d->vendor && sizeof kProductType <= sizeof d->product_type);
+    memcpy(d->vendor, kVendor, sizeof kVendor);
+    memcpy(d->product_type, kProductType, sizeof kProductType);
 
     _rgdb_get_(d->host_name, 32, "/sys/hostname");
     _rgdb_get_(d->firmware_version, 32, "/runtime/sys/info/firmwareversion");
@@ -88,7 +99,7 @@ int init_device_status() {
         memcpy(d->model_name + hn + 1, d->hardware_version, hw);
     }
 
-    snprintf(d->interface_name, sizeof d->interface_name, "%s", tav::kInterface);
+    strncpy(d->interface_name, tav::kInterface, sizeof d->interface_name - 1);
     _rgdb_get_(d->system_name, 64, "/sys/systemName");
 
     read_address(d->ip_address, "/runtime/wan/inf:1/ip");

@@ -8,24 +8,21 @@
 
 tav_server *tav_server_list;
 
+// Records are handed out in pool order as managers appear, so only the pages
+// of records ever used are touched (a device usually knows one to three
+// managers); released ones are taken again first.
 static tav_server g_pool[kTavServerMax];
-static tav_server *g_free;  // free records, linked through next
-static bool g_pool_ready;
-
-static void pool_init() {
-    g_free = nullptr;
-    for (int i = kTavServerMax - 1; i >= 0; --i) {
-        g_pool[i].next = g_free;
-        g_free = &g_pool[i];
-    }
-    g_pool_ready = true;
-}
+static int g_used;          // records of g_pool handed out at least once
+static tav_server *g_free;  // released records, linked through next
 
 tav_server *tav_server_alloc() {
-    if (!g_pool_ready) pool_init();
     tav_server *s = g_free;
-    if (s == nullptr) return nullptr;
-    g_free = s->next;
+    if (s != nullptr)
+        g_free = s->next;
+    else if (g_used < kTavServerMax)
+        s = &g_pool[g_used++];
+    else
+        return nullptr;
     memset(s, 0, sizeof *s);
     return s;
 }

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <iterator>
 
 #include "lrgbin/rgdb_backend.h"
 #include "sim/xmldb/store.h"
@@ -23,18 +25,53 @@ xmldb::Store &store()
 bool online = true;
 unsigned long call_count = 0;
 
+// The daemon reads the same few dozen keys before every request: a read
+// remembers where a key's entry is, in a slot chosen by the key's hash, and
+// compares the text once instead of walking the tree. Entries stay where they
+// are until a key is removed: a rollback forgets the keys added since the
+// mark (all of them, past a few), anything else that removes keys forgets all.
+const xmldb::Map::value_type *seen[512];
+const xmldb::Map::value_type *added[32];
+std::size_t added_count = 0;
+
+const xmldb::Map::value_type *&slot_of(std::string_view key)
+{
+    return seen[std::hash<std::string_view>{}(key) % std::size(seen)];
+}
+
+void forget()
+{
+    std::memset(seen, 0, sizeof(seen));
+    added_count = 0;
+}
+
+std::string_view lookup(const char *key)
+{
+    const std::string_view k(key);
+    const xmldb::Map::value_type *&slot = slot_of(k);
+    if (slot && slot->first == k)
+        return slot->second;
+    auto it = store().map().find(k);
+    if (it == store().map().end())
+        return {};
+    slot = &*it;
+    return it->second;
+}
+
 }  // namespace
 
 namespace lrgbin_store {
 
 void clear()
 {
+    forget();
     store().replace({});
     call_count = 0;
 }
 
 void put(const std::string &key, const std::string &value)
 {
+    forget();
     store().set(key, value);
 }
 
@@ -56,6 +93,7 @@ bool load_profile(const std::string &path, std::string *error)
     std::string text, err;
     xmldb::Entries entries;
     bool ok = xmldb::read_file(path, text, err) && xmldb::parse_profile(text, entries, err);
+    forget();
     if (ok)
         store().apply(entries);
     else if (error)
@@ -65,7 +103,27 @@ bool load_profile(const std::string &path, std::string *error)
 
 void replace(const std::map<std::string, std::string, std::less<>> &contents)
 {
+    forget();
     store().replace(contents);
+}
+
+void checkpoint()
+{
+    added_count = 0;
+    store().mark();
+}
+
+void rollback()
+{
+    if (added_count > std::size(added)) {
+        forget();
+    } else {
+        for (std::size_t i = 0; i < added_count; ++i)
+            if (const xmldb::Map::value_type *&slot = slot_of(added[i]->first); slot == added[i])
+                slot = nullptr;
+        added_count = 0;
+    }
+    store().undo();
 }
 
 void set_online(bool on)
@@ -88,7 +146,7 @@ int rgdb_read_key(char *buf, int size, const char *key)
     call_count++;
     if (!online)
         return -1;
-    std::string_view v = store().get(key);
+    std::string_view v = lookup(key);
     std::size_t n = std::min(v.size(), static_cast<std::size_t>(size));
     if (n > 0)
         std::memcpy(buf, v.data(), n);
@@ -108,7 +166,13 @@ int _rgdb_set_(const char *key, const char *value)
     std::string_view t(text);
     std::size_t sp = t.find(' ');
     std::string_view v = sp == std::string_view::npos ? std::string_view() : t.substr(sp + 1);
-    return store().set(t.substr(0, sp), v) ? 0 : -1;
+    std::string_view k = t.substr(0, sp);
+    const bool is_new = store().map().find(k) == store().map().end();
+    if (!store().set(k, v))
+        return -1;
+    if (is_new && added_count++ < std::size(added))
+        added[added_count - 1] = &*store().map().find(k);  // rollback() removes it
+    return 0;
 }
 
 }  // extern "C"

@@ -17,6 +17,10 @@ std::optional<std::string> find(const std::string &key);
 // profile before every input).
 const std::map<std::string, std::string, std::less<>> &contents();
 void replace(const std::map<std::string, std::string, std::less<>> &contents);
+// The cheap way back: checkpoint() marks the state, rollback() undoes every
+// change since (and marks again).
+void checkpoint();
+void rollback();
 // Loads a profile file (the xmldb format) on top of what is there.
 bool load_profile(const std::string &path, std::string *error = nullptr);
 // While offline every typed call fails as if the database were unreachable.

@@ -195,11 +195,55 @@ bool Store::set(std::string_view key, std::string_view value)
     if (!valid_key(key))
         return false;
     auto it = map_.find(key);
-    if (it != map_.end())
-        it->second.assign(value);
-    else
+    if (it == map_.end()) {
+        if (journalling_)
+            undo_.push_back({std::string(key), nullptr, {}, {}, false});
         map_.emplace(std::string(key), std::string(value));
+    } else {
+        if (journalling_)
+            undo_.push_back({std::move(it->second), &*it, {}, {}, false});
+        it->second.assign(value);
+    }
     return true;
+}
+
+void Store::erase(Map::const_iterator it)
+{
+    if (journalling_)
+        undo_.push_back({{}, nullptr, map_.extract(it), {}, false});
+    else
+        map_.erase(it);
+}
+
+void Store::mark()
+{
+    journalling_ = true;
+    undo_.clear();
+}
+
+// Backwards, so that each change meets the state it was made in. Erased
+// entries go back as the same nodes (an entry whose value changed before it
+// was erased is found again), a run of them in one pass from the top down.
+void Store::undo()
+{
+    auto hint = map_.end();
+    for (auto it = undo_.rbegin(); it != undo_.rend(); ++it) {
+        if (it->cleared) {
+            map_ = std::move(it->all);
+            hint = map_.end();
+            continue;
+        }
+        if (!it->erased.empty()) {
+            hint = map_.insert(hint, std::move(it->erased));
+            continue;
+        }
+        hint = map_.end();
+        if (it->entry)
+            it->entry->second = std::move(it->text);
+        else
+            map_.erase(it->text);
+    }
+    undo_.clear();
 }
 
 std::size_t Store::erase_subtree(std::string_view key)
@@ -209,21 +253,30 @@ std::size_t Store::erase_subtree(std::string_view key)
     if (key.empty())
         return 0;
     std::size_t n = 0;
-    if (key == "/") {
+    auto first = map_.begin(), last = map_.end();
+    if (key == "/" && journalling_) {
         n = map_.size();
+        undo_.push_back({{}, nullptr, {}, std::move(map_), true});
         map_.clear();
         return n;
     }
-    n += map_.erase(std::string(key));
-    // Keys below "K/" sort from "K/" up to, not including, "K0" ('0' follows '/').
-    std::string lo(key), hi(key);
-    lo += '/';
-    hi += '0';
-    auto first = map_.lower_bound(lo);
-    auto last = map_.lower_bound(hi);
-    for (auto it = first; it != last; ++it)
+    if (key != "/") {
+        // The key, then those below "K/", which sort from "K/" up to, not
+        // including, "K0" ('0' follows '/').
+        if (auto it = map_.find(key); it != map_.end()) {
+            erase(it);
+            n++;
+        }
+        std::string lo(key), hi(key);
+        lo += '/';
+        hi += '0';
+        first = map_.lower_bound(lo);
+        last = map_.lower_bound(hi);
+    }
+    while (first != last) {
+        erase(first++);
         n++;
-    map_.erase(first, last);
+    }
     return n;
 }
 

@@ -45,10 +45,31 @@ public:
     std::string expand(std::string_view text, std::size_t limit) const;
 
     const Map &map() const { return map_; }
-    void replace(Map map) { map_ = std::move(map); }
+    void replace(Map map) { map_ = std::move(map); undo_.clear(); }
+
+    // From mark() on every change is journalled, and undo() takes the store
+    // back to the state at the mark (and marks again; replace() marks too): a
+    // fuzzer restores its profile per input without copying the whole map.
+    void mark();
+    void undo();
 
 private:
+    // One change since the mark: a key added (its name), a value changed
+    // (the entry and its value before), an entry erased (kept whole) or
+    // everything erased (the map as it was).
+    struct Change {
+        std::string text;
+        Map::value_type *entry = nullptr;
+        Map::node_type erased;
+        Map all;
+        bool cleared = false;
+    };
+
+    void erase(Map::const_iterator it);
+
     Map map_;
+    bool journalling_ = false;
+    std::vector<Change> undo_;
 };
 
 }  // namespace xmldb

@@ -20,10 +20,10 @@ struct ClientKey {
     char text[96];
     ClientKey(int band, int index, int n, const char *leaf) {
         if (index == 0)
-            snprintf(text, sizeof text, "/runtime/stats/wlan/inf:%d/client:%d/%s", band, n, leaf);
+            rgdb_format_key(text, sizeof text, "/runtime/stats/wlan/inf:%d/client:%d/%s", band, n, leaf);
         else
-            snprintf(text, sizeof text, "/runtime/stats/wlan/inf:%d/mssid:%d/client:%d/%s", band,
-                     index, n, leaf);
+            rgdb_format_key(text, sizeof text, "/runtime/stats/wlan/inf:%d/mssid:%d/client:%d/%s", band,
+                            index, n, leaf);
     }
 };
 

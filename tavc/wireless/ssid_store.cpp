@@ -37,9 +37,9 @@ struct Key {
     char text[64];
     Key(const KeyForm &f, int band, int index) {
         if (index == 0)
-            snprintf(text, sizeof text, f.primary, band);
+            rgdb_format_key(text, sizeof text, f.primary, band);
         else
-            snprintf(text, sizeof text, f.additional, band, index);
+            rgdb_format_key(text, sizeof text, f.additional, band, index);
     }
 };
 

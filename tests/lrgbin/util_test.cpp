@@ -104,3 +104,25 @@ TEST(Text, CliGetValReadsASmallFileNamedPrintfStyle) {
     EXPECT_EQ(cli_get_val(buf, 4, "missing"), -1);
     EXPECT_STREQ(buf, "");
 }
+
+// Keys are composed without vsnprintf where the format allows; the text must
+// be vsnprintf's to the byte, cut included.
+TEST(Text, KeysComposeAsSnprintfWould) {
+    const char *null = nullptr;
+    for (int size : {64, 12, 5, 1}) {
+        char want[64], got[64];
+        auto same = [&](const char *what, auto... args) {
+            std::memset(got, 'x', sizeof got);
+            snprintf(want, size_t(size), what, args...);
+            rgdb_format_key(got, size, what, args...);
+            EXPECT_STREQ(got, want) << what << " in " << size;
+            EXPECT_TRUE(size == 64 || got[size] == 'x') << what << ": written past " << size;
+        };
+        same("/wlan/inf:%d/multi/index:%d/ssid", 2, 7);
+        same("/a/%d/%u/%s/%%", -2147483647 - 1, 4294967295u, "leaf");
+        same("%s:%d", "", 0);
+        same("/x/%02d/%ld/%x", 3, 5L, 255);  // width, length, hex: vsnprintf itself
+        same("/x/%s", null);
+        same("trailing %");
+    }
+}

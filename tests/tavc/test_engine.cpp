@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: ISC
 // Unit tests of the daemon's engine on the in-process store and the recorder: what only
 // the engine can show. Discovery, dispatch, verification and start-up are e2e tests.
+#include <set>
+
 #include "platform/command.h"
 #include "tavc/credentials.h"
 #include "tavc/identity.h"
@@ -185,6 +187,14 @@ TEST_F(Registry, AtMost1024Managers) {
     free_tav_server();
     expect_precedence({{0xE1, 1, &x, 0}});
     EXPECT_EQ(size(), 1) << "released records are reused";
+    // Refilled from released records and the untouched rest: no record twice.
+    for (int i = 0; i < 1100; ++i) {
+        tav_server s = sender(uint16_t(0x3000 + i));
+        check_server_precedence(0x10, 1, &s);
+    }
+    std::set<const tav_server *> records;
+    for (tav_server *s = tav_server_list; s; s = s->next) records.insert(s);
+    EXPECT_EQ(std::pair(size(), records.size()), std::pair(1024, size_t(1024)));
 }
 
 // Verification results on the wire are end-to-end tests; here the edges of the comparison:

@@ -112,6 +112,8 @@ TEST(Xmldb, DeviceClientAndRgdbTool) {
     char buf[8] = "junk";
     EXPECT_EQ(_rgdb_get_(buf, sizeof(buf), "/sys/name"), 0);
     EXPECT_STREQ(buf, "a b");
+    // Four commands so far; asking for the count is none.
+    EXPECT_EQ(s.get("/runtime/xmldb/commands") + s.get("/runtime/xmldb/commands"), "44");
 
     std::filesystem::create_directory("sub");
     const std::pair<std::string, int> cases[] = {  // paths relative to rgdb's directory, sub/
