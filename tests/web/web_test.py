@@ -60,10 +60,12 @@ def browser(url):
     d = webdriver.Chrome(service=__import__("selenium.webdriver.chrome.service", fromlist=["Service"]).Service("/usr/bin/chromedriver"), options=opts)
     try:
         d.get(url)
-        rows = lambda: {r.get_attribute("data-mac") for r in d.find_elements(By.CSS_SELECTOR, "#aps tbody tr")}
+        # Read in one script: the page redraws rows while a test looks.
+        rows = lambda: set(d.execute_script(
+            "return [...document.querySelectorAll('#aps tbody tr')].map(r => r.dataset.mac)"))
         until("three access points listed", lambda: rows() == set(MACS))
-        d.find_element(By.CSS_SELECTOR, f'tr[data-mac="{MACS[0]}"]').click()
-        text = lambda sel: d.find_element(By.CSS_SELECTOR, sel).text
+        d.execute_script("document.querySelector(arguments[0]).click()", f'tr[data-mac="{MACS[0]}"]')
+        text = lambda sel: d.execute_script("const e = document.querySelector(arguments[0]); return e ? e.innerText : ''", sel)
         ssid = tavctl("ssid", "list")[MACS[0]]["ssids"][0]["name"]
         client = tavctl("clients")[MACS[0]]["clients"][0]["mac"]
         shown = lambda: {s: text(s) for s in ("#d-title", "#d-identity", "#d-status", "#d-ssids", "#d-clients")}
