@@ -15,6 +15,7 @@
 #include <random>
 #include <string>
 
+#include "bench/shell.h"
 #include "fuzz/requests.h"
 #include "tools/client/client.h"
 
@@ -28,18 +29,10 @@ std::string g_build = BENCH_BUILD_DIR;
 std::string g_instance = "soak";
 std::string kLab;
 
-std::string run(const std::string &cmd) {
-    std::string out;
-    if (FILE *p = popen((cmd + " 2>&1").c_str(), "r")) {
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-        pclose(p);
-    }
-    return out;
-}
+using bench::sh;
 // A number read inside the access point.
 long on_ap(const std::string &cmd) {
-    return std::atol(run(kLab + "exec ap1 sh -c '" + cmd + "'").c_str());
+    return std::atol(sh(kLab + "exec ap1 sh -c '" + cmd + "'").c_str());
 }
 
 struct Figures {
@@ -75,9 +68,9 @@ int main(int argc, char **argv) {
     }
     kLab = std::string(BENCH_TAVLAB) + " --instance " + g_instance + " ";
     if (geteuid() != 0) return std::fprintf(stderr, "bench_soak: the lab needs root\n"), 1;
-    run(kLab + "down");
+    sh(kLab + "down");
     std::printf("bench_soak: lab up with the daemon of %s\n", g_build.c_str());
-    const std::string up = run(kLab + "up -n 1 --build '" + g_build + "'");
+    const std::string up = sh(kLab + "up -n 1 --build '" + g_build + "'");
     sleep(2);
     const std::string cipher = g_build + "/sim/cipher/TAV_Auth.so";
     int rc = 0;
@@ -160,6 +153,6 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "bench_soak: %s\n%s\n", e.what(), up.c_str());
         rc = 1;
     }
-    run(kLab + "down");
+    sh(kLab + "down");
     return rc;
 }

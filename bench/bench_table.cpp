@@ -33,6 +33,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/shell.h"
 #include "tools/client/client.h"
 
 namespace {
@@ -54,15 +55,7 @@ std::string run_dir() { return "/run/tavlab-" + cfg.instance + "/ap1/"; }
 std::string mgr_ns() { return "tavlab-" + cfg.instance + "-mgr"; }
 constexpr const char *kApIp = "192.0.2.11", *kApMac = "02:7a:76:00:00:01";
 
-std::string sh(const std::string &cmd) {
-    std::string out;
-    if (FILE *p = popen((cmd + " 2>&1").c_str(), "r")) {
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-        pclose(p);
-    }
-    return out;
-}
+using bench::sh;
 
 [[noreturn]] void die(const std::string &why) {
     std::fprintf(stderr, "bench_table: %s\n", why.c_str());
@@ -304,15 +297,19 @@ std::vector<Instr> instructions(Helper &ap, Helper &mgr, const std::string &daem
     return rows;
 }
 
+// A set request that carries a precedence and is refused at authentication:
+// it registers its manager and changes nothing.
+tav::client::TlvList registering_request() {
+    using namespace tav::client;
+    return {tlv_u8(tav::kTagServerPrecedence, 1), tlv_text(tav::kTagUserName, "admin"),
+            tlv_text(tav::kTagPassword, "not-the-password")};
+}
+
 void mixed_traffic(Client &udp, Client &raw, long count) {
     const auto all = ops();
     auto &rt = static_cast<tav::client::RawTransport &>(raw.transport());
     const tav::Mac own = rt.interface_mac();
-    using namespace tav::client;
-    // A set request that carries a precedence and is refused at
-    // authentication: it registers its manager and changes nothing.
-    const TlvList managed = {tlv_u8(tav::kTagServerPrecedence, 1), tlv_text(tav::kTagUserName, "admin"),
-                             tlv_text(tav::kTagPassword, "not-the-password")};
+    const auto managed = registering_request();
     for (long i = 0; i < count; ++i) {
         if (i % 7 == 6) {
             tav::Mac m = own;
@@ -330,9 +327,7 @@ void mixed_traffic(Client &udp, Client &raw, long count) {
 void many_managers(Client &raw, long count) {
     auto &rt = static_cast<tav::client::RawTransport &>(raw.transport());
     const tav::Mac own = rt.interface_mac();
-    using namespace tav::client;
-    const TlvList managed = {tlv_u8(tav::kTagServerPrecedence, 1), tlv_text(tav::kTagUserName, "admin"),
-                             tlv_text(tav::kTagPassword, "not-the-password")};
+    const auto managed = registering_request();
     for (long i = 0; i < count; ++i) {
         tav::Mac m = {0x02, 0x7a, 0x76, 0x80, uint8_t(i >> 8), uint8_t(i)};
         rt.set_source_mac(m);
