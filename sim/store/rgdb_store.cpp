@@ -91,12 +91,11 @@ const std::map<std::string, std::string, std::less<>> &contents()
 bool load_profile(const std::string &path, std::string *error)
 {
     std::string text, err;
-    xmldb::Entries entries;
-    bool ok = xmldb::read_file(path, text, err) && xmldb::parse_profile(text, entries, err);
+    std::size_t count = 0;
+    bool ok = xmldb::read_file(path, text, err);
     forget();
-    if (ok)
-        store().apply(entries);
-    else if (error)
+    ok = ok && store().apply_text(text, count, err);
+    if (!ok && error)
         *error = err;
     return ok;
 }

@@ -33,13 +33,11 @@ struct Request {
 // there; nothing while they are not.
 std::optional<Request> parse_request(std::string_view data);
 
-// Header-only reply: the request's command and flags echoed with `status`.
-std::string status_reply(uint16_t cmd, uint64_t flags, int32_t status);
-
-// Runs `req` on `store` and returns the reply bytes; nothing for an unknown
-// command. Reload and dump fall back to `state` when their argument is empty.
-// Reload, dump and patch read or write files named by the request.
-std::optional<std::string> run_command(Store &store, const std::string &state, const Request &req);
+// Runs `req` on `store` and puts the reply bytes in `out`, whose storage a
+// caller keeps from one request to the next; false for an unknown command.
+// Reload and dump fall back to `state` when their argument is empty. Reload,
+// dump and patch read or write files named by the request.
+bool run_command(Store &store, const std::string &state, const Request &req, std::string &out);
 
 // Commands that name a file the server reads or writes.
 constexpr bool touches_files(uint16_t cmd) { return cmd == RELOAD || cmd == DUMP || cmd == PATCH; }

@@ -20,61 +20,82 @@ bool valid_key(std::string_view key)
     return true;
 }
 
-static bool unescape(std::string_view in, std::string &out)
+// Escapes are \\ \n \r \t; anything else after a backslash is malformed.
+static bool valid_escapes(std::string_view in)
+{
+    for (std::size_t i = 0; i < in.size(); i++) {
+        if (in[i] != '\\')
+            continue;
+        if (++i == in.size())
+            return false;
+        if (in[i] != '\\' && in[i] != 'n' && in[i] != 'r' && in[i] != 't')
+            return false;
+    }
+    return true;
+}
+
+// `in` has passed valid_escapes().
+static void unescape(std::string_view in, std::string &out)
 {
     out.clear();
     out.reserve(in.size());
     for (std::size_t i = 0; i < in.size(); i++) {
         char c = in[i];
-        if (c != '\\') {
-            out += c;
-            continue;
+        if (c == '\\') {
+            switch (in[++i]) {
+            case 'n': c = '\n'; break;
+            case 'r': c = '\r'; break;
+            case 't': c = '\t'; break;
+            default: c = '\\'; break;
+            }
         }
-        if (++i == in.size())
-            return false;
-        switch (in[i]) {
-        case '\\': out += '\\'; break;
-        case 'n': out += '\n'; break;
-        case 'r': out += '\r'; break;
-        case 't': out += '\t'; break;
-        default: return false;
-        }
+        out += c;
     }
-    return true;
 }
 
-bool parse_profile(std::string_view text, Entries &out, std::string &err)
+// Each entry line of profile text, split at its first space into the key
+// and the value, still escaped; blank lines and comments skipped.
+template <class Entry>
+static void split_lines(std::string_view text, Entry &&entry)
 {
-    out.clear();
-    std::size_t lineno = 0;
-    while (!text.empty()) {
-        lineno++;
+    for (std::size_t lineno = 1; !text.empty(); lineno++) {
         std::size_t nl = text.find('\n');
         std::string_view line = text.substr(0, nl);
         text = nl == std::string_view::npos ? std::string_view() : text.substr(nl + 1);
         if (!line.empty() && line.back() == '\r')
             line.remove_suffix(1);
-
         std::size_t first = line.find_first_not_of(" \t");
         if (first == std::string_view::npos || line[first] == '#')
             continue;
-        auto fail = [&](const char *why) {
-            err = "line " + std::to_string(lineno) + ": " + why;
-            return false;
-        };
-        if (line.find('\0') != std::string_view::npos)
-            return fail("NUL byte");
         std::size_t sp = line.find(' ');
-        std::string_view key = line.substr(0, sp);
-        std::string_view raw = sp == std::string_view::npos ? std::string_view() : line.substr(sp + 1);
-        if (!valid_key(key))
-            return fail("invalid key");
-        std::string value;
-        if (!unescape(raw, value))
-            return fail("bad escape in value");
-        out.emplace_back(std::string(key), std::move(value));
+        if (!entry(lineno, line, line.substr(0, sp),
+                   sp == std::string_view::npos ? std::string_view() : line.substr(sp + 1)))
+            return;
     }
-    return true;
+}
+
+// The entries of profile text, each checked before entry(key, value still
+// escaped) sees it; at the first malformed line false and "line N: reason".
+template <class Entry>
+static bool walk_profile(std::string_view text, std::string &err, Entry &&entry)
+{
+    const char *why = nullptr;
+    std::size_t at = 0;
+    split_lines(text, [&](std::size_t lineno, std::string_view line, std::string_view key, std::string_view raw) {
+        if (line.find('\0') != std::string_view::npos)
+            why = "NUL byte";
+        else if (!valid_key(key))
+            why = "invalid key";
+        else if (!valid_escapes(raw))
+            why = "bad escape in value";
+        else
+            entry(key, raw);
+        at = lineno;
+        return why == nullptr;
+    });
+    if (why)
+        err = "line " + std::to_string(at) + ": " + why;
+    return why == nullptr;
 }
 
 std::string escape_value(std::string_view value)
@@ -141,14 +162,15 @@ bool load_file(const std::string &path, Map &out, std::string &err)
     std::string text;
     if (!read_file(path, text, err))
         return false;
-    Entries entries;
-    if (!parse_profile(text, entries, err)) {
+    out.clear();
+    std::string value;
+    if (!walk_profile(text, err, [&](std::string_view key, std::string_view raw) {
+            unescape(raw, value);
+            out.insert_or_assign(std::string(key), value);
+        })) {
         err = path + ": " + err;
         return false;
     }
-    out.clear();
-    for (auto &[key, value] : entries)
-        out.insert_or_assign(std::move(key), std::move(value));
     return true;
 }
 
@@ -194,17 +216,23 @@ bool Store::set(std::string_view key, std::string_view value)
 {
     if (!valid_key(key))
         return false;
-    auto it = map_.find(key);
-    if (it == map_.end()) {
+    put(key, value);
+    return true;
+}
+
+void Store::put(std::string_view key, std::string_view value)
+{
+    // One descent: the place found serves the insert too.
+    auto it = map_.lower_bound(key);
+    if (it == map_.end() || std::string_view(it->first) != key) {
         if (journalling_)
             undo_.push_back({std::string(key), nullptr, {}, {}, false});
-        map_.emplace(std::string(key), std::string(value));
+        map_.emplace_hint(it, std::string(key), std::string(value));
     } else {
         if (journalling_)
             undo_.push_back({std::move(it->second), &*it, {}, {}, false});
         it->second.assign(value);
     }
-    return true;
 }
 
 void Store::erase(Map::const_iterator it)
@@ -241,7 +269,7 @@ void Store::undo()
         if (it->entry)
             it->entry->second = std::move(it->text);
         else
-            map_.erase(it->text);
+            map_.erase(map_.find(it->text));  // added since the mark, so there
     }
     undo_.clear();
 }
@@ -280,13 +308,23 @@ std::size_t Store::erase_subtree(std::string_view key)
     return n;
 }
 
-bool Store::apply(const Entries &entries)
+bool Store::apply_text(std::string_view text, std::size_t &count, std::string &err)
 {
-    for (const auto &e : entries)
-        if (!valid_key(e.first))
-            return false;
-    for (const auto &[key, value] : entries)
-        set(key, value);
+    // Checked whole first: a malformed line leaves the store as it was.
+    std::size_t n = 0;
+    count = 0;
+    if (!walk_profile(text, err, [&](std::string_view, std::string_view) { n++; }))
+        return false;
+    count = n;
+    split_lines(text, [&](std::size_t, std::string_view, std::string_view key, std::string_view raw) {
+        if (raw.find('\\') == std::string_view::npos) {
+            put(key, raw);
+        } else {
+            unescape(raw, scratch_);
+            put(key, scratch_);
+        }
+        return true;
+    });
     return true;
 }
 

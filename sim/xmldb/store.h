@@ -13,21 +13,19 @@
 namespace xmldb {
 
 using Map = std::map<std::string, std::string, std::less<>>;
-using Entries = std::vector<std::pair<std::string, std::string>>;
 
 // A key that can be stored and written back to a profile line: not empty,
 // no control characters (spaces are impossible: a set splits at the first),
 // and not starting with '#', which would read back as a comment.
 bool valid_key(std::string_view key);
 
-// Profile text: one "KEY VALUE" per line, value escapes \\ \n \r \t, blank
-// lines and '#' comments skipped. Returns false and sets err to
-// "line N: reason" on the first malformed line; out then holds nothing useful.
-bool parse_profile(std::string_view text, Entries &out, std::string &err);
 std::string escape_value(std::string_view value);
 std::string format_profile(const Map &map);
 
 bool read_file(const std::string &path, std::string &out, std::string &err);
+// Profile text: one "KEY VALUE" per line, value escapes \\ \n \r \t, blank
+// lines and '#' comments skipped. On the first malformed line: false, err
+// "PATH: line N: reason", and out holds nothing useful.
 bool load_file(const std::string &path, Map &out, std::string &err);
 // Writes a temporary file beside the target, syncs it and renames it over.
 bool dump_file(const std::string &path, const Map &map, std::string &err);
@@ -39,8 +37,9 @@ public:
     bool set(std::string_view key, std::string_view value);
     // Removes the key and every key below it; returns how many went.
     std::size_t erase_subtree(std::string_view key);
-    // Applies every entry, or none when one has an invalid key.
-    bool apply(const Entries &entries);
+    // Applies profile text (a patch buffer) with count = its entries, or
+    // nothing at all and err = "line N: reason" when a line is malformed.
+    bool apply_text(std::string_view text, std::size_t &count, std::string &err);
     // Replaces every <?rgdb KEY?> with the key's value.
     std::string expand(std::string_view text, std::size_t limit) const;
 
@@ -66,10 +65,12 @@ private:
     };
 
     void erase(Map::const_iterator it);
+    void put(std::string_view key, std::string_view value);  // a valid key
 
     Map map_;
     bool journalling_ = false;
     std::vector<Change> undo_;
+    std::string scratch_;  // an unescaped value on its way in
 };
 
 }  // namespace xmldb

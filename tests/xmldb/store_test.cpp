@@ -32,3 +32,36 @@ TEST(XmldbStore, UndoGivesBackTheMarkedMap) {
     s.set("/only", "2"), s.undo();
     EXPECT_EQ(s.map(), (xmldb::Map{{"/only", "1"}}));
 }
+
+// A patch buffer applies whole or not at all, and names its first bad line.
+TEST(XmldbStore, PatchTextAppliesWholeOrNotAtAll) {
+    struct Case {
+        const char *text;
+        bool ok;
+        std::size_t count;
+        const char *err;
+        xmldb::Map after;
+    };
+    const xmldb::Map before = {{"/a", "1"}};
+    const Case cases[] = {
+        {"/a 2\n\n# note\n/b x\\ty\\\\z\r\n/c", true, 3, "", {{"/a", "2"}, {"/b", "x\ty\\z"}, {"/c", ""}}},
+        {"/b 1\n  \n#x\n/c bad\\q", false, 0, "line 4: bad escape in value", before},
+        {"/b 1\n#k 2\n x 3", false, 0, "line 3: invalid key", before},
+        {"/b 1\n/c a\\", false, 0, "line 2: bad escape in value", before},
+    };
+    for (const auto &c : cases) {
+        xmldb::Store s;
+        s.replace(before);
+        std::size_t count = 99;
+        std::string err;
+        EXPECT_EQ(s.apply_text(c.text, count, err), c.ok) << c.text;
+        EXPECT_EQ(count, c.count) << c.text;
+        EXPECT_EQ(err, c.err) << c.text;
+        EXPECT_EQ(s.map(), c.after) << c.text;
+    }
+    xmldb::Store s;
+    std::size_t count = 0;
+    std::string err;
+    EXPECT_FALSE(s.apply_text(std::string_view("/a 1\n/b \0", 9), count, err));
+    EXPECT_EQ(err, "line 2: NUL byte");
+}
