@@ -7,10 +7,15 @@
 //   db N KEY          N database round trips (connect, get KEY, one read,
 //                     close) back to back: nanoseconds for all of them
 //   count             commands the database server has served so far
-//   echo IF           from now on, echo UDP datagrams to port 62977 and
-//                     Ethernet frames of EtherType 0x88B5 on IF to their sender
+//   echo IF           from now on, echo UDP datagrams to port 62977 to their
+//                     sender, and Ethernet frames of EtherType 0x88B5 on IF
+//                     by broadcast (as the daemon's replies go)
 //   ping udp IP       one datagram to IP:62977 and its echo: nanoseconds
 //   ping raw IF MAC   one frame to MAC through IF and its echo: nanoseconds
+//   send udp IP HEX   HEX (an enciphered request) to IP:62976 and the first
+//                     datagram back from there: nanoseconds
+//   send raw IF MAC HEX  HEX in a frame of EtherType 0x2386 to MAC through
+//                     IF and the first such frame back from MAC: nanoseconds
 //   arm IF            listen for frames of EtherType 0x2386 on IF
 //   hello TIMEOUT_MS  the monotonic clock (ns) when the next such frame came
 //   mem PID           private dirty memory of PID in kB
@@ -40,6 +45,7 @@
 #define ECHO_PORT 62977
 #define ECHO_TYPE 0x88B5
 #define TAV_TYPE 0x2386
+#define TAV_PORT 62976
 #define DB_SOCK "/var/run/xmldb_sock"
 
 static int64_t now_ns(void) {
@@ -140,6 +146,59 @@ static int64_t ping_raw(const char *ifname, const char *mac) {
     return r;
 }
 
+static size_t unhex(const char *hex, unsigned char *out, size_t cap) {
+    size_t n = 0;
+    while (hex[0] && hex[1] && n < cap && sscanf(hex, "%2hhx", &out[n]) == 1) hex += 2, n++;
+    return hex[0] ? 0 : n;
+}
+
+// A request sent as the manager's tool would send it, timed like a ping: the
+// same sockets, no library, nothing deciphered.
+static int64_t send_udp(const char *ip, const char *hex) {
+    unsigned char b[1500], in[2048];
+    size_t len = unhex(hex, b, sizeof b);
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in to = {.sin_family = AF_INET, .sin_port = htons(TAV_PORT)}, from;
+    inet_pton(AF_INET, ip, &to.sin_addr);
+    int64_t t0 = now_ns(), r = -1;
+    if (len > 0 && sendto(fd, b, len, 0, (struct sockaddr *)&to, sizeof to) == (ssize_t)len)
+        while (wait_readable(fd, 2000) == 0) {
+            socklen_t fl = sizeof from;
+            if (recvfrom(fd, in, sizeof in, 0, (struct sockaddr *)&from, &fl) > 0 &&
+                from.sin_addr.s_addr == to.sin_addr.s_addr && from.sin_port == to.sin_port) {
+                r = now_ns() - t0;
+                break;
+            }
+        }
+    close(fd);
+    return r;
+}
+
+static int64_t send_raw(const char *ifname, const char *mac, const char *hex) {
+    int fd = raw_socket(ifname, TAV_TYPE);
+    unsigned char f[1514], dst[6], in[2048];
+    struct ifreq ifr = {0};
+    size_t len = unhex(hex, f + 14, sizeof f - 14);
+    if (fd < 0 || parse_mac(mac, dst) < 0 || len == 0) {
+        if (fd >= 0) close(fd);
+        return -1;
+    }
+    strncpy(ifr.ifr_name, ifname, IFNAMSIZ - 1);
+    ioctl(fd, SIOCGIFHWADDR, &ifr);
+    memcpy(f, dst, 6);
+    memcpy(f + 6, ifr.ifr_hwaddr.sa_data, 6);
+    f[12] = TAV_TYPE >> 8, f[13] = TAV_TYPE & 0xff;
+    int64_t t0 = now_ns(), r = -1;
+    if (send(fd, f, 14 + len, 0) == (ssize_t)(14 + len))
+        while (wait_readable(fd, 2000) == 0)
+            if (recv(fd, in, sizeof in, 0) >= 14 && memcmp(in + 6, dst, 6) == 0) {
+                r = now_ns() - t0;
+                break;
+            }
+    close(fd);
+    return r;
+}
+
 static void echo_one(void) {
     unsigned char b[2048];
     struct sockaddr_storage from;
@@ -154,9 +213,12 @@ static void echo_frame(void) {
     socklen_t fl = sizeof from;
     ssize_t n = recvfrom(raw_echo_fd, b, sizeof b, MSG_DONTWAIT, (struct sockaddr *)&from, &fl);
     if (n < 14 || from.sll_pkttype == PACKET_OUTGOING) return;
+    // Answered as the daemon answers on this path: to every station.
     memcpy(t, b, 6);
-    memcpy(b, b + 6, 6);
+    memset(b, 0xff, 6);
     memcpy(b + 6, t, 6);
+    from.sll_pkttype = 0;
+    memset(from.sll_addr, 0xff, 6);
     (void)sendto(raw_echo_fd, b, (size_t)n, 0, (struct sockaddr *)&from, fl);
 }
 
@@ -174,6 +236,7 @@ static long private_dirty(const char *pid) {
 static void command(char *line) {
     char *save = NULL, *w = strtok_r(line, " \n", &save);
     char *a = strtok_r(NULL, " \n", &save), *b = strtok_r(NULL, " \n", &save), *c = strtok_r(NULL, " \n", &save);
+    char *d = strtok_r(NULL, " \n", &save);
     if (w == NULL) return;
     if (strcmp(w, "quit") == 0) exit(0);
     if (strcmp(w, "db") == 0 && a && b) {
@@ -197,6 +260,8 @@ static void command(char *line) {
         printf("%s\n", ok ? "ok" : "failed");
     } else if (strcmp(w, "ping") == 0 && a && b) {
         printf("%lld\n", (long long)(strcmp(a, "udp") == 0 ? ping_udp(b) : c ? ping_raw(b, c) : -1));
+    } else if (strcmp(w, "send") == 0 && a && b && c) {
+        printf("%lld\n", (long long)(strcmp(a, "udp") == 0 ? send_udp(b, c) : d ? send_raw(b, c, d) : -1));
     } else if (strcmp(w, "arm") == 0 && a) {
         if (arm_fd >= 0) close(arm_fd);
         arm_fd = raw_socket(a, TAV_TYPE);
@@ -231,7 +296,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     setvbuf(stdout, NULL, _IOLBF, 0);
-    char line[512];
+    char line[4096];
     for (;;) {
         struct pollfd p[3] = {{0, POLLIN, 0}, {udp_fd, POLLIN, 0}, {raw_echo_fd, POLLIN, 0}};
         if (poll(p, 3, -1) < 0 && errno != EINTR) return 1;

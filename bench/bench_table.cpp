@@ -9,7 +9,9 @@
 // managers. Prints one Markdown table and writes it to --out.
 //
 //   bench_table [--quick] [--out FILE] [--build DIR] [--baseline DAEMON] [--profiles DIR] [--instance NAME]
+#include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -45,7 +47,7 @@ using Clock = std::chrono::steady_clock;
 
 struct Config {
     std::string build = BENCH_BUILD_DIR, out, baseline, instance, profiles, daemon;
-    bool quick = false, instructions_only = false;
+    bool quick = false, instructions_only = false, latency_only = false, pin = true;
     int runs = 5, rounds = 60, cg_requests = 40, startups = 5;
     long mixed = 100000, managers = 1000;
 } cfg;
@@ -80,7 +82,41 @@ pid_t spawn(const std::vector<std::string> &args, int in = -1, int out = -1) {
     return pid;
 }
 
+// With --pin (the default on two CPUs or more) the access point's processes
+// share CPU 0, as on the single core of an access point, and the manager's
+// side runs on CPU 1, as on another machine. Left to the scheduler, the
+// daemon and the database server land on one CPU for some requests and on
+// two for others (a wake-up across CPUs costs tens of microseconds in a VM),
+// and that, not the daemon, decided the ratio.
+bool pinned() { return cfg.pin && sysconf(_SC_NPROCESSORS_ONLN) >= 2; }
+
+void pin_self(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    if (sched_setaffinity(0, sizeof set, &set) != 0) std::perror("bench_table: sched_setaffinity");
+}
+
+// Every process in the network namespace of `host` to `cpu`.
+void pin_host(const std::string &host, int cpu) {
+    struct stat ns{};
+    if (stat(("/run/netns/tavlab-" + cfg.instance + "-" + host).c_str(), &ns) != 0) return;
+    const std::string want = "net:[" + std::to_string(ns.st_ino) + "]";
+    DIR *d = opendir("/proc");
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    while (dirent *e = d ? readdir(d) : nullptr) {
+        char link[64] = {};
+        const std::string path = std::string("/proc/") + e->d_name + "/ns/net";
+        if (e->d_name[0] < '1' || e->d_name[0] > '9' || readlink(path.c_str(), link, sizeof link - 1) < 0) continue;
+        if (want == link) sched_setaffinity(pid_t(std::atol(e->d_name)), sizeof set, &set);
+    }
+    if (d) closedir(d);
+}
+
 std::vector<std::string> on(const std::string &host, std::vector<std::string> cmd) {
+    if (pinned() && host.rfind("ap", 0) == 0) cmd.insert(cmd.begin(), {"/usr/bin/taskset", "-c", "0"});
     std::vector<std::string> v = {BENCH_TAVLAB, "--instance", cfg.instance, "exec", host};
     v.insert(v.end(), cmd.begin(), cmd.end());
     return v;
@@ -199,10 +235,26 @@ bool ask_daemon(Client &c, const Op &op, std::chrono::milliseconds window = 2s) 
 struct Row {
     std::string op, path;
     long commands = 0;
-    double p50 = 0, p99 = 0, floor = 0, ratio = 0, ratio_lo = 0, ratio_hi = 0;
+    double p50 = 0, p99 = 0, floor = 0, ratio = 0, ratio_lo = 0, ratio_hi = 0, library = 0;
 };
 
-Row latency(Helper &ap, Helper &mgr, Client &c, bool raw, const Op &op) {
+// The request as bytes on the wire (selector and ciphertext) in hex, for
+// bench_floor to send: the timing then leaves out what a manager's tool does
+// around it, as the floor's network round trip does.
+std::string sealed_hex(const tav::client::Cipher &cipher, bool raw, const Op &op, uint16_t seq) {
+    const auto plain = tav::client::build_request(!raw, seq, op.code, raw ? tav::kBroadcastMac : tav::kZeroMac,
+                                                  {}, op.tlvs);
+    auto sealed = cipher.encode(plain);
+    if (!sealed) die("cannot encipher: " + sealed.error());
+    std::string hex;
+    char b[3];
+    std::snprintf(b, sizeof b, "%02x", unsigned(sealed->selector >> 8)), hex += b;
+    std::snprintf(b, sizeof b, "%02x", unsigned(sealed->selector & 0xff)), hex += b;
+    for (uint8_t c : sealed->ciphertext) std::snprintf(b, sizeof b, "%02x", unsigned(c)), hex += b;
+    return hex;
+}
+
+Row latency(Helper &ap, Helper &mgr, Client &c, const tav::client::Cipher &cipher, bool raw, const Op &op) {
     Row row{op.name, raw ? "raw" : "UDP"};
     // The commands one request causes, the least of three (a minute report
     // may fall between two counts).
@@ -214,7 +266,9 @@ Row latency(Helper &ap, Helper &mgr, Client &c, bool raw, const Op &op) {
         row.commands = std::min<long>(row.commands, long(ap.num("count") - before));
     }
     const std::string ping = raw ? "ping raw eth0 " + std::string(kApMac) : "ping udp " + std::string(kApIp);
-    std::vector<double> ratios, p50s, p99s, floors;
+    const std::string send = raw ? "send raw eth0 " + std::string(kApMac) + " " : "send udp " + std::string(kApIp) + " ";
+    static uint16_t seq = 0x5000;
+    std::vector<double> ratios, p50s, p99s, floors, library;
     for (int r = 0; r < cfg.runs; ++r) {
         std::vector<double> lat, fl;
         for (int i = 0; i < cfg.rounds; ++i) {
@@ -222,14 +276,24 @@ Row latency(Helper &ap, Helper &mgr, Client &c, bool raw, const Op &op) {
             const long long net = mgr.num(ping);
             if (db < 0 || net < 0) die("floor measurement failed");
             fl.push_back(double(db + net) / 1e6);
-            const auto t0 = Clock::now();
-            if (!ask_daemon(c, op)) die(std::string("no reply to ") + op.name);
-            lat.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+            const long long req = mgr.num(send + sealed_hex(cipher, raw, op, seq++));
+            if (req < 0) die(std::string("no reply to ") + op.name);
+            lat.push_back(double(req) / 1e6);
         }
         p50s.push_back(pct(lat, 50)), p99s.push_back(pct(lat, 99)), floors.push_back(pct(fl, 50));
         ratios.push_back(p50s.back() / floors.back());
     }
-    row.p50 = pct(p50s, 50), row.p99 = pct(p99s, 50), row.floor = pct(floors, 50);
+    // The same request through the manager's client library, in rounds of
+    // their own: interleaved, the library's reading of every broadcast reply
+    // it saw meanwhile would weigh on the rounds above.
+    std::vector<double> lib;
+    for (int i = 0; i < cfg.rounds; ++i) {
+        const auto t0 = Clock::now();
+        if (!ask_daemon(c, op)) die(std::string("no reply to ") + op.name);
+        lib.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+    }
+    library.push_back(pct(lib, 50));
+    row.p50 = pct(p50s, 50), row.p99 = pct(p99s, 50), row.floor = pct(floors, 50), row.library = pct(library, 50);
     row.ratio = pct(ratios, 50), row.ratio_lo = pct(ratios, 0), row.ratio_hi = pct(ratios, 100);
     return row;
 }
@@ -367,12 +431,17 @@ int main(int argc, char **argv) {
         else if (a == "--profiles") cfg.profiles = value();
         else if (a == "--daemon") cfg.daemon = value();
         else if (a == "--instructions-only") cfg.instructions_only = true;
+        else if (a == "--latency-only") cfg.latency_only = true;
+        else if (a == "--no-pin") cfg.pin = false;
         else {
             std::puts("usage: bench_table [--quick] [--out FILE] [--build DIR] [--baseline DAEMON] [--profiles DIR]\n"
-                      "                   [--daemon PATH] [--instructions-only] [--instance NAME]\n"
+                      "                   [--daemon PATH] [--instructions-only | --latency-only] [--no-pin]\n"
+                      "                   [--instance NAME]\n"
                       "The daemon of DIR (default the build this came from) against its floor, in a lab\n"
                       "instance of its own (needs root); --baseline adds another daemon's instructions;\n"
-                      "--profiles keeps each op code's callgrind output in DIR (callgrind_annotate reads them).");
+                      "--profiles keeps each op code's callgrind output in DIR (callgrind_annotate reads them);\n"
+                      "--no-pin leaves the lab's processes to the scheduler instead of the access point on\n"
+                      "CPU 0 and the manager on CPU 1; --latency-only prints the latency rows alone.");
             return a == "--help" || a == "-h" ? 0 : 2;
         }
     }
@@ -390,6 +459,7 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "bench_table: lab up (%s)\n", cfg.build.c_str());
     const std::string up = sh(lab() + "up -n 1 --no-daemon --build '" + cfg.build + "'");
     if (access((run_dir() + "xmldb_sock").c_str(), F_OK) != 0) die("lab did not come up:\n" + up);
+    if (pinned()) pin_self(1), pin_host("ap1", 0);
     std::string table;
     {
         Helper ap("ap1"), mgr("mgr");
@@ -405,7 +475,7 @@ int main(int argc, char **argv) {
         sh(lab() + "down");
         return 0;
     }
-    {
+    do {  // a block that --latency-only leaves early, its helpers and lab closed behind it
         Helper ap("ap1"), mgr("mgr");
         if (ap.ask("echo br0") != "ok") die("no echo responder in the access point");
         // Start-up to the hello frame, then the daemon that serves the rest.
@@ -426,7 +496,17 @@ int main(int argc, char **argv) {
         Client udp = udp_client(), raw = raw_client();
         std::vector<Row> rows;
         for (const Op &op : ops())
-            for (bool r : {false, true}) rows.push_back(latency(ap, mgr, r ? raw : udp, r, op));
+            for (bool r : {false, true}) rows.push_back(latency(ap, mgr, r ? raw : udp, udp.cipher(), r, op));
+        if (cfg.latency_only) {
+            for (const Row &r : rows) {
+                char line[160];
+                std::snprintf(line, sizeof line, "%-14s %-4s p50 %6.2f floor %6.2f ratio %.2f (%.2f-%.2f) library %6.2f\n",
+                              r.op.c_str(), r.path.c_str(), r.p50, r.floor, r.ratio, r.ratio_lo, r.ratio_hi, r.library);
+                table += line;
+            }
+            stop_daemon(ap, d);
+            break;
+        }
 
         std::fprintf(stderr, "bench_table: %ld mixed requests\n", cfg.mixed);
         mixed_traffic(udp, raw, cfg.mixed);
@@ -449,9 +529,9 @@ int main(int argc, char **argv) {
         t << "Measured " << machine() << "; " << (cfg.quick ? "quick mode" : "full mode") << ": " << cfg.runs
           << " runs of " << cfg.rounds << " rounds (floor, then request) per row.\n\n";
         t << "| Op code | Path | DB commands | p50 ms | p99 ms | Floor ms | p50 / floor (runs' min-max) | "
-             "Instructions: daemon | libc |"
+             "Client library p50 ms | Instructions: daemon | libc |"
           << (before.empty() ? "" : " daemon before | libc before |") << "\n";
-        t << "|---|---|---:|---:|---:|---:|---|---:|---:|" << (before.empty() ? "" : "---:|---:|") << "\n";
+        t << "|---|---|---:|---:|---:|---:|---|---:|---:|---:|" << (before.empty() ? "" : "---:|---:|") << "\n";
         for (size_t i = 0; i < rows.size(); ++i) {
             const Row &r = rows[i];
             auto same = [&](const Instr &x) { return x.op == r.op && x.path == r.path; };
@@ -459,8 +539,8 @@ int main(int argc, char **argv) {
             auto bt = std::find_if(before.begin(), before.end(), same);
             t << "| " << r.op << " | " << r.path << " | " << r.commands << " | " << fmt("%.2f", r.p50) << " | "
               << fmt("%.2f", r.p99) << " | " << fmt("%.2f", r.floor) << " | " << fmt("%.2f", r.ratio) << " ("
-              << fmt("%.2f", r.ratio_lo) << "-" << fmt("%.2f", r.ratio_hi) << ") | "
-              << thousands(std::llround(it->own)) << " | " << thousands(std::llround(it->libc)) << " |";
+              << fmt("%.2f", r.ratio_lo) << "-" << fmt("%.2f", r.ratio_hi) << ") | " << fmt("%.2f", r.library)
+              << " | " << thousands(std::llround(it->own)) << " | " << thousands(std::llround(it->libc)) << " |";
             if (bt != before.end()) t << " " << thousands(std::llround(bt->own)) << " | " << thousands(std::llround(bt->libc)) << " |";
             t << "\n";
         }
@@ -472,7 +552,7 @@ int main(int argc, char **argv) {
         t << "| ... after " << thousands(cfg.mixed) << " mixed requests (4 managers) | " << mixed << " KiB |\n";
         t << "| ... then after " << thousands(cfg.managers) << " managers | " << managers << " KiB |\n";
         table = t.str();
-    }
+    } while (false);
     sh(lab() + "down");
     std::fputs(table.c_str(), stdout);
     if (!cfg.out.empty()) std::ofstream(cfg.out) << table;
