@@ -12,6 +12,7 @@ import os
 import pathlib
 import subprocess
 import sys
+import tempfile
 import time
 import urllib.error
 import urllib.request
@@ -55,7 +56,11 @@ def browser(url):
     from selenium import webdriver
     from selenium.webdriver.common.by import By
     opts = webdriver.ChromeOptions()
-    for a in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--window-size=1400,900"):
+    # A profile of its own, removed afterwards: left to itself the browser
+    # leaves one in /tmp per run.
+    profile = tempfile.TemporaryDirectory(prefix="tav-web-test.")
+    for a in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--window-size=1400,900",
+              "--user-data-dir=" + profile.name):
         opts.add_argument(a)
     d = webdriver.Chrome(service=__import__("selenium.webdriver.chrome.service", fromlist=["Service"]).Service("/usr/bin/chromedriver"), options=opts)
     try:
@@ -82,6 +87,7 @@ def browser(url):
         until("the access point that said bye gone", lambda: rows() == set(MACS[:2]), timeout=10)
     finally:
         d.quit()
+        profile.cleanup()
     status, headers, _ = get(url + "api/aps", host="attacker.example:" + url.rsplit(":", 1)[1].strip("/"))
     assert status == 403, f"foreign Host: {status}"
     status, headers, _ = get(url + "api/aps")
