@@ -17,7 +17,8 @@
 //   send raw IF MAC HEX  HEX in a frame of EtherType 0x2386 to MAC through
 //                     IF and the first such frame back from MAC: nanoseconds
 //   arm IF            listen for frames of EtherType 0x2386 on IF
-//   hello TIMEOUT_MS  the monotonic clock (ns) when the next such frame came
+//   hello TIMEOUT_MS  the monotonic clock (ns) when the next such frame came;
+//                     disarms
 //   mem PID           private dirty memory of PID in kB
 //   stop PID          SIGTERM to PID
 //   quit
@@ -101,34 +102,66 @@ static int wait_readable(int fd, int ms) {
 
 static uint32_t ping_seq;
 
+// The sender's sockets are kept from one request to the next, as a manager's
+// tool keeps its own: closing a packet socket waits for an RCU grace period
+// (tens of milliseconds here) and the kernel work it leaves behind would fall
+// into the next measurement. Whatever came in meanwhile is dropped before
+// each send.
+struct kept {
+    int fd;
+    char ifname[IFNAMSIZ];
+};
+static struct kept udp_kept = {-1, ""}, echo_kept = {-1, ""}, tav_kept = {-1, ""};
+
+static void drain(int fd) {
+    unsigned char b[2048];
+    while (recv(fd, b, sizeof b, MSG_DONTWAIT) >= 0) {
+    }
+}
+
+static int kept_socket(struct kept *k, const char *ifname, uint16_t type) {
+    if (k->fd >= 0 && strcmp(k->ifname, ifname ? ifname : "") != 0) close(k->fd), k->fd = -1;
+    if (k->fd < 0) {
+        k->fd = ifname ? raw_socket(ifname, type) : socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        snprintf(k->ifname, sizeof k->ifname, "%s", ifname ? ifname : "");
+    }
+    if (k->fd >= 0) drain(k->fd);
+    return k->fd;
+}
+
+static int frame_header(int fd, const char *ifname, const char *mac, uint16_t type, unsigned char *f,
+                        unsigned char *dst) {
+    struct ifreq ifr = {0};
+    if (fd < 0 || parse_mac(mac, dst) < 0) return -1;
+    strncpy(ifr.ifr_name, ifname, IFNAMSIZ - 1);
+    if (ioctl(fd, SIOCGIFHWADDR, &ifr) < 0) return -1;
+    memcpy(f, dst, 6);
+    memcpy(f + 6, ifr.ifr_hwaddr.sa_data, 6);
+    f[12] = (unsigned char)(type >> 8), f[13] = type & 0xff;
+    return 0;
+}
+
 static int64_t ping_udp(const char *ip) {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int fd = kept_socket(&udp_kept, NULL, 0);
     struct sockaddr_in to = {.sin_family = AF_INET, .sin_port = htons(ECHO_PORT)};
     inet_pton(AF_INET, ip, &to.sin_addr);
     char b[64] = {0}, in[64];
     uint32_t seq = ++ping_seq;
     memcpy(b, &seq, 4);
     int64_t t0 = now_ns(), r = -1;
-    if (sendto(fd, b, sizeof b, 0, (struct sockaddr *)&to, sizeof to) == sizeof b)
+    if (fd >= 0 && sendto(fd, b, sizeof b, 0, (struct sockaddr *)&to, sizeof to) == sizeof b)
         while (wait_readable(fd, 1000) == 0)
             if (recv(fd, in, sizeof in, 0) >= 4 && memcmp(in, &seq, 4) == 0) {
                 r = now_ns() - t0;
                 break;
             }
-    close(fd);
     return r;
 }
 
 static int64_t ping_raw(const char *ifname, const char *mac) {
-    int fd = raw_socket(ifname, ECHO_TYPE);
+    int fd = kept_socket(&echo_kept, ifname, ECHO_TYPE);
     unsigned char f[64] = {0}, dst[6];
-    struct ifreq ifr = {0};
-    if (fd < 0 || parse_mac(mac, dst) < 0) return -1;
-    strncpy(ifr.ifr_name, ifname, IFNAMSIZ - 1);
-    ioctl(fd, SIOCGIFHWADDR, &ifr);
-    memcpy(f, dst, 6);
-    memcpy(f + 6, ifr.ifr_hwaddr.sa_data, 6);
-    f[12] = ECHO_TYPE >> 8, f[13] = ECHO_TYPE & 0xff;
+    if (frame_header(fd, ifname, mac, ECHO_TYPE, f, dst) < 0) return -1;
     uint32_t seq = ++ping_seq;
     memcpy(f + 14, &seq, 4);
     int64_t t0 = now_ns(), r = -1;
@@ -142,7 +175,6 @@ static int64_t ping_raw(const char *ifname, const char *mac) {
             }
         }
     }
-    close(fd);
     return r;
 }
 
@@ -157,11 +189,11 @@ static size_t unhex(const char *hex, unsigned char *out, size_t cap) {
 static int64_t send_udp(const char *ip, const char *hex) {
     unsigned char b[1500], in[2048];
     size_t len = unhex(hex, b, sizeof b);
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int fd = kept_socket(&udp_kept, NULL, 0);
     struct sockaddr_in to = {.sin_family = AF_INET, .sin_port = htons(TAV_PORT)}, from;
     inet_pton(AF_INET, ip, &to.sin_addr);
     int64_t t0 = now_ns(), r = -1;
-    if (len > 0 && sendto(fd, b, len, 0, (struct sockaddr *)&to, sizeof to) == (ssize_t)len)
+    if (fd >= 0 && len > 0 && sendto(fd, b, len, 0, (struct sockaddr *)&to, sizeof to) == (ssize_t)len)
         while (wait_readable(fd, 2000) == 0) {
             socklen_t fl = sizeof from;
             if (recvfrom(fd, in, sizeof in, 0, (struct sockaddr *)&from, &fl) > 0 &&
@@ -170,24 +202,14 @@ static int64_t send_udp(const char *ip, const char *hex) {
                 break;
             }
         }
-    close(fd);
     return r;
 }
 
 static int64_t send_raw(const char *ifname, const char *mac, const char *hex) {
-    int fd = raw_socket(ifname, TAV_TYPE);
+    int fd = kept_socket(&tav_kept, ifname, TAV_TYPE);
     unsigned char f[1514], dst[6], in[2048];
-    struct ifreq ifr = {0};
     size_t len = unhex(hex, f + 14, sizeof f - 14);
-    if (fd < 0 || parse_mac(mac, dst) < 0 || len == 0) {
-        if (fd >= 0) close(fd);
-        return -1;
-    }
-    strncpy(ifr.ifr_name, ifname, IFNAMSIZ - 1);
-    ioctl(fd, SIOCGIFHWADDR, &ifr);
-    memcpy(f, dst, 6);
-    memcpy(f + 6, ifr.ifr_hwaddr.sa_data, 6);
-    f[12] = TAV_TYPE >> 8, f[13] = TAV_TYPE & 0xff;
+    if (len == 0 || frame_header(fd, ifname, mac, TAV_TYPE, f, dst) < 0) return -1;
     int64_t t0 = now_ns(), r = -1;
     if (send(fd, f, 14 + len, 0) == (ssize_t)(14 + len))
         while (wait_readable(fd, 2000) == 0)
@@ -195,7 +217,6 @@ static int64_t send_raw(const char *ifname, const char *mac, const char *hex) {
                 r = now_ns() - t0;
                 break;
             }
-    close(fd);
     return r;
 }
 
@@ -269,7 +290,10 @@ static void command(char *line) {
     } else if (strcmp(w, "hello") == 0 && a) {
         unsigned char f[2048];
         int got = arm_fd >= 0 && wait_readable(arm_fd, atoi(a)) == 0 && recv(arm_fd, f, sizeof f, 0) > 0;
-        printf("%lld\n", got ? (long long)now_ns() : -1LL);
+        int64_t t = now_ns();
+        // Disarmed: left open, it would take a copy of every later reply.
+        if (arm_fd >= 0) close(arm_fd), arm_fd = -1;
+        printf("%lld\n", got ? (long long)t : -1LL);
     } else if (strcmp(w, "mem") == 0 && a) {
         printf("%ld\n", private_dirty(a));
     } else if (strcmp(w, "stop") == 0 && a) {

@@ -48,6 +48,7 @@ using Clock = std::chrono::steady_clock;
 struct Config {
     std::string build = BENCH_BUILD_DIR, out, baseline, instance, profiles, daemon;
     bool quick = false, instructions_only = false, latency_only = false, pin = true;
+    std::string only, rounds_file;  // --op NAME: that op code's rows alone; --rounds-file: every round's figures
     int runs = 5, rounds = 60, cg_requests = 40, startups = 5;
     long mixed = 100000, managers = 1000;
 } cfg;
@@ -254,48 +255,94 @@ std::string sealed_hex(const tav::client::Cipher &cipher, bool raw, const Op &op
     return hex;
 }
 
-Row latency(Helper &ap, Helper &mgr, Client &c, const tav::client::Cipher &cipher, bool raw, const Op &op) {
-    Row row{op.name, raw ? "raw" : "UDP"};
-    // The commands one request causes, the least of three (a minute report
-    // may fall between two counts).
-    row.commands = 1L << 30;
+// --rounds-file: every round as a line (op code, path, run, round, database
+// ns, network ns, request ns, monotonic ns at its end), for looking closer.
+FILE *rounds_out = nullptr;
+
+Client client(bool raw) { return raw ? raw_client() : udp_client(); }
+
+// One row's measurement: its request as the lean sender sends it and its
+// figures, run by run.
+struct Series {
+    const Op *op = nullptr;
+    bool raw = false;
+    Row row;
+    std::string ping, send;
+    std::vector<double> ratios, p50s, p99s, floors;
+};
+
+// The commands one request causes, the least of three (a minute report may
+// fall between two counts). The client library is open only while it is
+// used: its packet socket would take a copy of every reply of the lean rounds.
+long commands_of(Helper &ap, bool raw, const Op &op) {
+    Client c = client(raw);
+    long least = 1L << 30;
     for (int i = 0; i < 3; ++i) {
         long long before = ap.num("count");
         if (!ask_daemon(c, op)) die(std::string("no successful reply to ") + op.name);
         std::this_thread::sleep_for(50ms);  // the loop reads the trace switch after the reply
-        row.commands = std::min<long>(row.commands, long(ap.num("count") - before));
+        least = std::min<long>(least, long(ap.num("count") - before));
     }
-    const std::string ping = raw ? "ping raw eth0 " + std::string(kApMac) : "ping udp " + std::string(kApIp);
-    const std::string send = raw ? "send raw eth0 " + std::string(kApMac) + " " : "send udp " + std::string(kApIp) + " ";
+    return least;
+}
+
+// One run of a row: `cfg.rounds` rounds of floor (database, then network),
+// then request.
+void run_once(Helper &ap, Helper &mgr, const tav::client::Cipher &cipher, Series &s, int run) {
     static uint16_t seq = 0x5000;
-    std::vector<double> ratios, p50s, p99s, floors, library;
-    for (int r = 0; r < cfg.runs; ++r) {
-        std::vector<double> lat, fl;
-        for (int i = 0; i < cfg.rounds; ++i) {
-            const long long db = ap.num("db " + std::to_string(row.commands) + " /sys/hostname");
-            const long long net = mgr.num(ping);
-            if (db < 0 || net < 0) die("floor measurement failed");
-            fl.push_back(double(db + net) / 1e6);
-            const long long req = mgr.num(send + sealed_hex(cipher, raw, op, seq++));
-            if (req < 0) die(std::string("no reply to ") + op.name);
-            lat.push_back(double(req) / 1e6);
-        }
-        p50s.push_back(pct(lat, 50)), p99s.push_back(pct(lat, 99)), floors.push_back(pct(fl, 50));
-        ratios.push_back(p50s.back() / floors.back());
-    }
-    // The same request through the manager's client library, in rounds of
-    // their own: interleaved, the library's reading of every broadcast reply
-    // it saw meanwhile would weigh on the rounds above.
-    std::vector<double> lib;
+    std::vector<double> lat, fl;
     for (int i = 0; i < cfg.rounds; ++i) {
-        const auto t0 = Clock::now();
-        if (!ask_daemon(c, op)) die(std::string("no reply to ") + op.name);
-        lib.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+        const long long db = ap.num("db " + std::to_string(s.row.commands) + " /sys/hostname");
+        const long long net = mgr.num(s.ping);
+        if (db < 0 || net < 0) die("floor measurement failed");
+        fl.push_back(double(db + net) / 1e6);
+        const long long req = mgr.num(s.send + sealed_hex(cipher, s.raw, *s.op, seq++));
+        if (req < 0) die(std::string("no reply to ") + s.op->name);
+        lat.push_back(double(req) / 1e6);
+        if (rounds_out)
+            std::fprintf(rounds_out, "%s\t%s\t%d\t%d\t%lld\t%lld\t%lld\t%lld\n", s.op->name, s.row.path.c_str(), run, i,
+                         db, net, req, static_cast<long long>(Clock::now().time_since_epoch() / 1ns));
     }
-    library.push_back(pct(lib, 50));
-    row.p50 = pct(p50s, 50), row.p99 = pct(p99s, 50), row.floor = pct(floors, 50), row.library = pct(library, 50);
-    row.ratio = pct(ratios, 50), row.ratio_lo = pct(ratios, 0), row.ratio_hi = pct(ratios, 100);
-    return row;
+    s.p50s.push_back(pct(lat, 50)), s.p99s.push_back(pct(lat, 99)), s.floors.push_back(pct(fl, 50));
+    s.ratios.push_back(s.p50s.back() / s.floors.back());
+}
+
+// Every row, run after run: each run goes through all rows, so that a slow
+// stretch of the machine falls on one run of many rows, which the median
+// over runs sets aside, rather than on every run of one row.
+std::vector<Row> latency(Helper &ap, Helper &mgr, const tav::client::Cipher &cipher) {
+    static const std::vector<Op> every = ops();  // the rows point into it
+    std::vector<Series> all;
+    for (const Op &op : every)
+        for (bool raw : {false, true}) {
+            if (!cfg.only.empty() && cfg.only != op.name) continue;
+            Series s;
+            s.op = &op, s.raw = raw, s.row = Row{op.name, raw ? "raw" : "UDP"};
+            s.row.commands = commands_of(ap, raw, op);
+            s.ping = raw ? "ping raw eth0 " + std::string(kApMac) : "ping udp " + std::string(kApIp);
+            s.send = raw ? "send raw eth0 " + std::string(kApMac) + " " : "send udp " + std::string(kApIp) + " ";
+            all.push_back(std::move(s));
+        }
+    for (int r = 0; r < cfg.runs; ++r)
+        for (Series &s : all) run_once(ap, mgr, cipher, s, r);
+    std::vector<Row> rows;
+    for (Series &s : all) {
+        // The same request through the manager's client library, in rounds
+        // of their own: interleaved, the library's reading of every broadcast
+        // reply it saw meanwhile would weigh on the rounds above.
+        Client c = client(s.raw);
+        std::vector<double> lib;
+        for (int i = 0; i < cfg.rounds; ++i) {
+            const auto t0 = Clock::now();
+            if (!ask_daemon(c, *s.op)) die(std::string("no reply to ") + s.op->name);
+            lib.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+        }
+        Row &row = s.row;
+        row.p50 = pct(s.p50s, 50), row.p99 = pct(s.p99s, 50), row.floor = pct(s.floors, 50), row.library = pct(lib, 50);
+        row.ratio = pct(s.ratios, 50), row.ratio_lo = pct(s.ratios, 0), row.ratio_hi = pct(s.ratios, 100);
+        rows.push_back(row);
+    }
+    return rows;
 }
 
 // Instructions per object of one callgrind output.
@@ -417,6 +464,7 @@ std::string machine() {
 }  // namespace
 
 int main(int argc, char **argv) {
+    int runs = 0, rounds = 0;  // given on the command line: over the mode's own
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         auto value = [&]() -> std::string {
@@ -433,20 +481,29 @@ int main(int argc, char **argv) {
         else if (a == "--instructions-only") cfg.instructions_only = true;
         else if (a == "--latency-only") cfg.latency_only = true;
         else if (a == "--no-pin") cfg.pin = false;
+        else if (a == "--op") cfg.only = value();
+        else if (a == "--runs") runs = std::atoi(value().c_str());
+        else if (a == "--rounds") rounds = std::atoi(value().c_str());
+        else if (a == "--rounds-file") cfg.rounds_file = value();
         else {
             std::puts("usage: bench_table [--quick] [--out FILE] [--build DIR] [--baseline DAEMON] [--profiles DIR]\n"
                       "                   [--daemon PATH] [--instructions-only | --latency-only] [--no-pin]\n"
-                      "                   [--instance NAME]\n"
+                      "                   [--op NAME] [--runs N] [--rounds N] [--rounds-file FILE] [--instance NAME]\n"
                       "The daemon of DIR (default the build this came from) against its floor, in a lab\n"
                       "instance of its own (needs root); --baseline adds another daemon's instructions;\n"
                       "--profiles keeps each op code's callgrind output in DIR (callgrind_annotate reads them);\n"
                       "--no-pin leaves the lab's processes to the scheduler instead of the access point on\n"
-                      "CPU 0 and the manager on CPU 1; --latency-only prints the latency rows alone.");
+                      "CPU 0 and the manager on CPU 1; --latency-only prints the latency rows alone;\n"
+                      "--op measures one op code (its name in the table); --runs and --rounds replace the\n"
+                      "mode's own counts; --rounds-file writes every round (op code, path, run, round, then\n"
+                      "database, network and request ns and the monotonic clock at its end, tab-separated).");
             return a == "--help" || a == "-h" ? 0 : 2;
         }
     }
     if (cfg.quick) cfg.runs = 5, cfg.rounds = 12, cfg.cg_requests = 10, cfg.startups = 3, cfg.mixed = 3000,
                    cfg.managers = 1000;
+    if (runs > 0) cfg.runs = runs;
+    if (rounds > 0) cfg.rounds = rounds;
     if (cfg.instance.empty()) {
         // Named after the build, so that benchmarks of other trees run beside it.
         char name[16];
@@ -493,10 +550,10 @@ int main(int argc, char **argv) {
         const long idle = long(ap.num("mem " + std::to_string(d.pid)));
 
         std::fprintf(stderr, "bench_table: latency against the floor\n");
-        Client udp = udp_client(), raw = raw_client();
-        std::vector<Row> rows;
-        for (const Op &op : ops())
-            for (bool r : {false, true}) rows.push_back(latency(ap, mgr, r ? raw : udp, udp.cipher(), r, op));
+        auto cipher = tav::client::Cipher::load(cfg.build + "/sim/cipher/TAV_Auth.so");
+        if (!cipher) die("cannot load the cipher library: " + cipher.error());
+        if (!cfg.rounds_file.empty()) rounds_out = std::fopen(cfg.rounds_file.c_str(), "w");
+        const std::vector<Row> rows = latency(ap, mgr, *cipher);
         if (cfg.latency_only) {
             for (const Row &r : rows) {
                 char line[160];
@@ -508,6 +565,7 @@ int main(int argc, char **argv) {
             break;
         }
 
+        Client udp = udp_client(), raw = raw_client();
         std::fprintf(stderr, "bench_table: %ld mixed requests\n", cfg.mixed);
         mixed_traffic(udp, raw, cfg.mixed);
         const long mixed = long(ap.num("mem " + std::to_string(d.pid)));
@@ -553,6 +611,7 @@ int main(int argc, char **argv) {
         t << "| ... then after " << thousands(cfg.managers) << " managers | " << managers << " KiB |\n";
         table = t.str();
     } while (false);
+    if (rounds_out) std::fclose(rounds_out);
     sh(lab() + "down");
     std::fputs(table.c_str(), stdout);
     if (!cfg.out.empty()) std::ofstream(cfg.out) << table;
