@@ -49,7 +49,7 @@ struct Config {
     std::string build = BENCH_BUILD_DIR, out, baseline, instance, profiles, daemon;
     bool quick = false, instructions_only = false, latency_only = false, pin = true;
     std::string only, rounds_file;  // --op NAME: that op code's rows alone; --rounds-file: every round's figures
-    int runs = 5, rounds = 60, cg_requests = 40, startups = 5;
+    int runs = 7, rounds = 150, cg_requests = 40, startups = 5;
     long mixed = 100000, managers = 1000;
 } cfg;
 
@@ -363,7 +363,7 @@ std::map<std::string, double> objects(const std::string &file) {
 
 struct Instr {
     std::string op, path;
-    double own = 0, libc = 0, other = 0;
+    double own = 0, libc = 0, cipher = 0, other = 0;
 };
 
 // One daemon run under callgrind: `n` requests of `op` (none: start and stop).
@@ -400,6 +400,7 @@ std::vector<Instr> instructions(Helper &ap, Helper &mgr, const std::string &daem
                 const double per = (ir - base[obj]) / cfg.cg_requests;
                 if (obj == self) r.own += per;
                 else if (obj.rfind("libc.so", 0) == 0) r.libc += per;
+                else if (obj.rfind("TAV_Auth", 0) == 0) r.cipher += per;
                 else r.other += per;
             }
             rows.push_back(r);
@@ -500,7 +501,7 @@ int main(int argc, char **argv) {
             return a == "--help" || a == "-h" ? 0 : 2;
         }
     }
-    if (cfg.quick) cfg.runs = 5, cfg.rounds = 12, cfg.cg_requests = 10, cfg.startups = 3, cfg.mixed = 3000,
+    if (cfg.quick) cfg.runs = 5, cfg.rounds = 40, cfg.cg_requests = 10, cfg.startups = 3, cfg.mixed = 3000,
                    cfg.managers = 1000;
     if (runs > 0) cfg.runs = runs;
     if (rounds > 0) cfg.rounds = rounds;
@@ -524,8 +525,8 @@ int main(int argc, char **argv) {
 
         if (cfg.instructions_only) {
             for (const auto &r : instructions(ap, mgr, daemon))
-                std::printf("%-14s %-4s daemon %8.0f libc %8.0f other %8.0f\n", r.op.c_str(), r.path.c_str(), r.own,
-                            r.libc, r.other);
+                std::printf("%-14s %-4s daemon %8.0f libc %8.0f cipher %8.0f other %8.0f\n", r.op.c_str(),
+                            r.path.c_str(), r.own, r.libc, r.cipher, r.other);
         }
     }
     if (cfg.instructions_only) {
@@ -587,9 +588,9 @@ int main(int argc, char **argv) {
         t << "Measured " << machine() << "; " << (cfg.quick ? "quick mode" : "full mode") << ": " << cfg.runs
           << " runs of " << cfg.rounds << " rounds (floor, then request) per row.\n\n";
         t << "| Op code | Path | DB commands | p50 ms | p99 ms | Floor ms | p50 / floor (runs' min-max) | "
-             "Client library p50 ms | Instructions: daemon | libc |"
+             "Client library p50 ms | Instructions: daemon | libc | cipher library |"
           << (before.empty() ? "" : " daemon before | libc before |") << "\n";
-        t << "|---|---|---:|---:|---:|---:|---|---:|---:|---:|" << (before.empty() ? "" : "---:|---:|") << "\n";
+        t << "|---|---|---:|---:|---:|---:|---|---:|---:|---:|---:|" << (before.empty() ? "" : "---:|---:|") << "\n";
         for (size_t i = 0; i < rows.size(); ++i) {
             const Row &r = rows[i];
             auto same = [&](const Instr &x) { return x.op == r.op && x.path == r.path; };
@@ -598,7 +599,8 @@ int main(int argc, char **argv) {
             t << "| " << r.op << " | " << r.path << " | " << r.commands << " | " << fmt("%.2f", r.p50) << " | "
               << fmt("%.2f", r.p99) << " | " << fmt("%.2f", r.floor) << " | " << fmt("%.2f", r.ratio) << " ("
               << fmt("%.2f", r.ratio_lo) << "-" << fmt("%.2f", r.ratio_hi) << ") | " << fmt("%.2f", r.library)
-              << " | " << thousands(std::llround(it->own)) << " | " << thousands(std::llround(it->libc)) << " |";
+              << " | " << thousands(std::llround(it->own)) << " | " << thousands(std::llround(it->libc)) << " | "
+              << thousands(std::llround(it->cipher)) << " |";
             if (bt != before.end()) t << " " << thousands(std::llround(bt->own)) << " | " << thousands(std::llround(bt->libc)) << " |";
             t << "\n";
         }
