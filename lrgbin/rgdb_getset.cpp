@@ -136,6 +136,23 @@ int rgdb_get_digit(const char *fmt, ...)
     return atoi(value);
 }
 
+int rgdb_get_key(char *buf, int size, const char *key)
+{
+    if (!buf || size < 1)
+        return -1;
+    if (key && strnlen(key, 1024) < 1024)
+        return rgdb_read_key(buf, size, key);
+    return _rgdb_get_(buf, size, "%s", key);  // cut as the room cuts it
+}
+
+int rgdb_get_digit_key(const char *key)
+{
+    char value[32];
+    memset(value, 0, sizeof(value));
+    rgdb_get_key(value, 31, key);
+    return atoi(value);
+}
+
 // Composes the key (1024-byte buffer) and writes the value under it.
 static int vset(const char *value, const char *fmt, va_list ap)
 {

@@ -8,6 +8,10 @@ extern "C" {
 
 int _rgdb_get_(char *buf, int size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 int rgdb_get_digit(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// The same for a key composed already: _rgdb_get_(buf, size, "%s", key) and
+// rgdb_get_digit("%s", key), without scanning a format for every key.
+int rgdb_get_key(char *buf, int size, const char *key);
+int rgdb_get_digit_key(const char *key);
 int _rgdb_set_(const char *key, const char *value);
 int tav_rgdb_set_digit(int value, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 int tav_rgdb_set_str(const char *value, const char *fmt, ...)

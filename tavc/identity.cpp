@@ -66,7 +66,7 @@ void convert_date_time(char *date_time, const char *date, const char *time) {
 // An IPv4 text key into 4 network-order bytes; zero when empty or no address.
 static void read_address(uint8_t *out, const char *key) {
     char text[32] = {};
-    _rgdb_get_(text, sizeof text, "%s", key);
+    rgdb_get_key(text, sizeof text, key);
     if (text[0] != '\0') {
         in_addr a;
         if (inet_pton(AF_INET, text, &a) == 1) memcpy(out, &a, 4);

@@ -48,7 +48,7 @@ constexpr TlvRequest<AgentProfile> kAgentProfile{
 // compares equal to itself.
 bool same_stored(const char *key, char *buf, int cap, const char *given) {
     memset(buf, 0, size_t(cap));
-    _rgdb_get_(buf, cap, "%s", key);
+    rgdb_get_key(buf, cap, key);
     return strlen(buf) == strlen(given) && strcmp(buf, given) == 0;
 }
 

@@ -28,7 +28,7 @@ constexpr int kRunning = 2;
 int answer(uint8_t *reply, const Transfer &req, const char *progress_key) {
     Reply r(reply);
     r.add(tav::kTagSubserviceType, req.subservice_type);
-    r.add(tav::kTagReplyStatus, uint8_t(rgdb_get_digit("%s", progress_key)));
+    r.add(tav::kTagReplyStatus, uint8_t(rgdb_get_digit_key(progress_key)));
     return r.finish(tav::kResultSuccess);
 }
 
@@ -70,7 +70,7 @@ TAV_HANDLER(tav_configuration_backup) {
     req.server_type = maint::kTftpServer;  // a backup request may leave it out
     if (Step s = tlv_request_prologue(kTransfer, body, body_length, reply, &req); s.ended())
         return s.result();
-    if (starts(req, rgdb_get_digit("%s", kBackupStatusKey))) {
+    if (starts(req, rgdb_get_digit_key(kBackupStatusKey))) {
         binary__rgdb_set_(kBackupStatusKey, kRunning);
         // The saved configuration must be in place before the upload starts.
         proc_system("/usr/sbin/sys -s configsave");
@@ -84,7 +84,7 @@ TAV_HANDLER(tav_configuration_restore) {
     Transfer req{};
     if (Step s = tlv_request_prologue(kTransfer, body, body_length, reply, &req); s.ended())
         return s.result();
-    if (starts(req, rgdb_get_digit("%s", kRestoreStatusKey))) {
+    if (starts(req, rgdb_get_digit_key(kRestoreStatusKey))) {
         binary__rgdb_set_(kRestoreStatusKey, kRunning);
         configuration_restore(req.server, req.file_name);
     }

@@ -39,7 +39,7 @@ void upgrade_child(void *arg) {
     }
     tftp.system();
     char verdict[64] = {};
-    _rgdb_get_(verdict, sizeof verdict, "%s", kUpdateVerdictKey);
+    rgdb_get_key(verdict, sizeof verdict, kUpdateVerdictKey);
     printf("firmware upgrade:%s\n", verdict);
     fflush(stdout);
     if (strcmp(verdict, "FW_SUCCESS") == 0) {
@@ -62,7 +62,7 @@ TAV_HANDLER(tav_firmware_upgrade) {
     if (Step s = tlv_request_prologue(kUpgrade, body, body_length, reply, &req); s.ended())
         return s.result();
 
-    int progress = rgdb_get_digit("%s", kFwUpgradeStatusKey);
+    int progress = rgdb_get_digit_key(kFwUpgradeStatusKey);
     uint8_t status = 0;
     if (req.server_type == maint::kTftpServer && req.subservice_type == maint::kConfigure) {
         // A run in progress, or one that succeeded and reboots, is left alone.

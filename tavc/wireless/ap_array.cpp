@@ -114,8 +114,7 @@ constexpr TlvRequest<DeviceListReq> kDeviceList{
 
 void parse_mac(const char *text, uint8_t mac[6]) {
     memset(mac, 0, 6);
-    sscanf(text, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
-           &mac[5]);
+    scan_mac(text, mac);
 }
 
 // One list of the mesh service; `member` lists carry a system name and a

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
 // Op 0x2008: the stations associated with each SSID of the bands in
 // access-point mode. Read-only; the request body is not looked at.
-#include <stdio.h>
+#include <limits.h>
 #include <string.h>
 
 #include "lrgbin/rgdb_getset.h"
@@ -29,17 +29,16 @@ struct ClientKey {
 
 int get_client_mac(uint8_t mac[6], int band, int index, int n) {
     char text[32] = {};
-    _rgdb_get_(text, 31, "%s", ClientKey(band, index, n, "mac").text);
+    rgdb_get_key(text, 31, ClientKey(band, index, n, "mac").text);
     if (text[0] == '\0') return -1;
     memset(mac, 0, 6);
-    sscanf(text, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
-           &mac[5]);
+    scan_mac(text, mac);
     return 0;
 }
 
 uint8_t get_client_auth(int band, int index, int n) {
     char text[32] = {};
-    _rgdb_get_(text, 32, "%s", ClientKey(band, index, n, "auth").text);
+    rgdb_get_key(text, 32, ClientKey(band, index, n, "auth").text);
     for (const auto &a : wireless::kStationAuth) {
         const bool match =
             a.whole ? strcmp(text, a.text) == 0 : strncmp(text, a.text, strlen(a.text)) == 0;
@@ -49,7 +48,7 @@ uint8_t get_client_auth(int band, int index, int n) {
 }
 
 int get_client_rssi(int band, int index, int n) {
-    return rgdb_get_digit("%s", ClientKey(band, index, n, "rssi").text);
+    return rgdb_get_digit_key(ClientKey(band, index, n, "rssi").text);
 }
 
 // Appends the band's stations; false when the reply area is full (the list
@@ -81,6 +80,38 @@ bool get_client_list(int band, Reply &r) {
 }
 
 }  // namespace
+
+// Each field as %hhx reads it: blanks skipped, a sign, a "0x" after a
+// leading 0, hex digits into an unsigned long (all ones once it overflows),
+// the low byte stored; a field without a digit ends the scan, as does a
+// character other than ':' between fields.
+void scan_mac(const char *text, uint8_t mac[6]) {
+    const char *p = text;
+    for (int i = 0; i < 6; ++i) {
+        if (i > 0 && *p++ != ':') return;
+        while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
+        const bool negative = *p == '-';
+        if (*p == '-' || *p == '+') ++p;
+        bool digits = false, overflow = false;
+        if (*p == '0') {
+            digits = true;
+            if (*++p == 'x' || *p == 'X') ++p;
+        }
+        unsigned long v = 0;
+        for (;; ++p) {
+            unsigned d;
+            if (*p >= '0' && *p <= '9') d = unsigned(*p - '0');
+            else if (*p >= 'a' && *p <= 'f') d = unsigned(*p - 'a' + 10);
+            else if (*p >= 'A' && *p <= 'F') d = unsigned(*p - 'A' + 10);
+            else break;
+            digits = true;
+            if (v > (ULONG_MAX - d) / 16) overflow = true;
+            else v = v * 16 + d;
+        }
+        if (!digits) return;
+        mac[i] = uint8_t(overflow ? ULONG_MAX : negative ? 0UL - v : v);
+    }
+}
 
 TAV_HANDLER(tav_get_client_list) {
     (void)body;

@@ -44,7 +44,7 @@ struct Key {
 };
 
 int get_text(const KeyForm &f, char *buf, int size, int band, int index) {
-    return _rgdb_get_(buf, size, "%s", Key(f, band, index).text);
+    return rgdb_get_key(buf, size, Key(f, band, index).text);
 }
 int set_text(const KeyForm &f, const char *value, int band, int index) {
     return tav_rgdb_set_str(value, "%s", Key(f, band, index).text);

@@ -13,7 +13,7 @@ namespace {
 // At most 30 characters of the counter's text; anything unreadable is 0.
 uint64_t counter(const char *key) {
     char text[32] = {};
-    _rgdb_get_(text, 31, "%s", key);
+    rgdb_get_key(text, 31, key);
     return uint64_t(atoll(text));
 }
 

@@ -191,3 +191,30 @@ TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
 }
 
 }  // namespace
+
+// The MAC scanner stores what sscanf's "%hhx:" fields store, wherever sscanf
+// would stop: blanks, signs, "0x", overflow, short and odd texts, and random
+// texts over the characters that matter.
+TEST(ScanMac, StoresWhatSscanfStores) {
+    std::vector<std::string> texts = {"02:7a:76:00:00:01", "2:7A:76:0:0:1", " 0x1f:+ff:-1:0X:0x:g",
+                                      "fffffffffffffffff1:ffffffffffffffff:100", "-ffffffffffffffffff:1",
+                                      "\t\n\v\f\r a:b", "1:2:3", "", ":", "1::2", "- 1", "0xx", "1;2", "+0x-1"};
+    uint32_t seed = 12345;
+    const std::string alphabet = " \t-+0x19afAFg:";
+    for (int n = 0; n < 3000; ++n) {
+        std::string t;
+        seed = seed * 1103515245u + 12345u;
+        for (int len = int(seed >> 27); len > 0; --len) {
+            seed = seed * 1103515245u + 12345u;
+            t += alphabet[(seed >> 16) % alphabet.size()];
+        }
+        texts.push_back(t);
+    }
+    for (const std::string &t : texts) {
+        uint8_t want[6] = {9, 9, 9, 9, 9, 9}, got[6] = {9, 9, 9, 9, 9, 9};
+        sscanf(t.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &want[0], &want[1], &want[2], &want[3], &want[4],
+               &want[5]);
+        scan_mac(t.c_str(), got);
+        EXPECT_EQ(std::vector<uint8_t>(got, got + 6), std::vector<uint8_t>(want, want + 6)) << '"' << t << '"';
+    }
+}
