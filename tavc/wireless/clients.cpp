@@ -15,30 +15,38 @@ namespace {
 
 constexpr int kMaxClients = 255;
 
-// A station's key: the SSID part is left out for the primary SSID.
-struct ClientKey {
+// A station's keys: its prefix is composed once and each leaf written after
+// it (the SSID part is left out for the primary SSID).
+struct StationKey {
     char text[96];
-    ClientKey(int band, int index, int n, const char *leaf) {
+    size_t prefix;
+    StationKey(int band, int index, int n) {
         if (index == 0)
-            rgdb_format_key(text, sizeof text, "/runtime/stats/wlan/inf:%d/client:%d/%s", band, n, leaf);
+            rgdb_format_key(text, sizeof text, "/runtime/stats/wlan/inf:%d/client:%d/", band, n);
         else
-            rgdb_format_key(text, sizeof text, "/runtime/stats/wlan/inf:%d/mssid:%d/client:%d/%s", band,
-                            index, n, leaf);
+            rgdb_format_key(text, sizeof text, "/runtime/stats/wlan/inf:%d/mssid:%d/client:%d/", band, index, n);
+        prefix = strlen(text);
+    }
+    const char *leaf(const char *name) {
+        size_t i = prefix;
+        while (*name && i < sizeof text - 1) text[i++] = *name++;
+        text[i] = '\0';
+        return text;
     }
 };
 
-int get_client_mac(uint8_t mac[6], int band, int index, int n) {
+int get_client_mac(uint8_t mac[6], StationKey &key) {
     char text[32] = {};
-    rgdb_get_key(text, 31, ClientKey(band, index, n, "mac").text);
+    rgdb_get_key(text, 31, key.leaf("mac"));
     if (text[0] == '\0') return -1;
     memset(mac, 0, 6);
     scan_mac(text, mac);
     return 0;
 }
 
-uint8_t get_client_auth(int band, int index, int n) {
+uint8_t get_client_auth(StationKey &key) {
     char text[32] = {};
-    rgdb_get_key(text, 32, ClientKey(band, index, n, "auth").text);
+    rgdb_get_key(text, 32, key.leaf("auth"));
     for (const auto &a : wireless::kStationAuth) {
         const bool match =
             a.whole ? strcmp(text, a.text) == 0 : strncmp(text, a.text, strlen(a.text)) == 0;
@@ -47,33 +55,37 @@ uint8_t get_client_auth(int band, int index, int n) {
     return 0;
 }
 
-int get_client_rssi(int band, int index, int n) {
-    return rgdb_get_digit_key(ClientKey(band, index, n, "rssi").text);
-}
+int get_client_rssi(StationKey &key) { return rgdb_get_digit_key(key.leaf("rssi")); }
 
 // Appends the band's stations; false when the reply area is full (the list
 // then stops there, before the group that does not fit).
 bool get_client_list(int band, Reply &r) {
+    // Keys that stay the same from station to station are composed once;
+    // each station still reads them all, in the same order.
+    char channel_key[64];
+    rgdb_format_key(channel_key, sizeof channel_key, "/runtime/stats/wlan/inf:%d/channel", band);
     for (int index = 0; index <= 7; ++index) {
         if (index > 0) {
             if (multi_enabled(band) == 0) break;
             if (rgdb_get_digit("/wlan/inf:%d/multi/index:%d/state", band, index) == 0) continue;
         }
+        char name_key[64];
+        ssid_name_key(name_key, band, index);
         for (int n = 1; n <= kMaxClients; ++n) {
+            StationKey key(band, index, n);
             uint8_t mac[6];
-            if (get_client_mac(mac, band, index, n) != 0) break;
+            if (get_client_mac(mac, key) != 0) break;
             char ssid[64] = {};
-            get_ssid_name(ssid, 63, band, index);
+            rgdb_get_key(ssid, 63, name_key);
             const size_t group = Reply::tlv_size(6) + Reply::tlv_size(strlen(ssid) + 1) +
                                  3 * Reply::tlv_size(1) + Reply::tlv_size(4);
             if (!r.fits(group)) return false;
             r.add(tav::kTagMac, mac);
             r.add(tav::kTagClientSsid, ssid);
             r.add(tav::kTagTlvBand, uint8_t(band == 1 ? 0 : 1));
-            r.add(tav::kTagChannel,
-                     uint8_t(rgdb_get_digit("/runtime/stats/wlan/inf:%d/channel", band)));
-            r.add(tav::kTagClientAuth, get_client_auth(band, index, n));
-            r.add(tav::kTagRssi, int32_t(get_client_rssi(band, index, n)));
+            r.add(tav::kTagChannel, uint8_t(rgdb_get_digit_key(channel_key)));
+            r.add(tav::kTagClientAuth, get_client_auth(key));
+            r.add(tav::kTagRssi, int32_t(get_client_rssi(key)));
         }
     }
     return true;

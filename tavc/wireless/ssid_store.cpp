@@ -58,6 +58,7 @@ int set_number(const KeyForm &f, int value, int band, int index) {
 int get_ssid_name(char *buf, int size, int band, int index) {
     return get_text(kName, buf, size, band, index);
 }
+void ssid_name_key(char out[64], int band, int index) { memcpy(out, Key(kName, band, index).text, 64); }
 int set_ssid_name(int band, int index, const char *name) {
     return set_text(kName, name, band, index);
 }

@@ -27,6 +27,8 @@ struct ssid_info {
 };
 
 int get_ssid_name(char *buf, int size, int band, int index);
+// The key get_ssid_name reads, for a caller that reads it again and again.
+void ssid_name_key(char out[64], int band, int index);
 int set_ssid_name(int band, int index, const char *name);
 uint16_t get_vlan_id(int band, int index);  // host order
 int set_vlan_id(int band, int index, uint16_t vlan_id);
