@@ -15,31 +15,53 @@
 
 namespace {
 
-// Key forms: the primary SSID's (band) and an additional SSID's (band, index).
+// A setting's leaf under the primary SSID ("/wlan/inf:B/") and under an
+// additional one ("/wlan/inf:B/multi/index:I/").
 struct KeyForm {
     const char *primary;
     const char *additional;
 };
-constexpr KeyForm kName{"/wlan/inf:%d/ssid", "/wlan/inf:%d/multi/index:%d/ssid"};
-constexpr KeyForm kVlan{"/wlan/inf:%d/vlan_id", "/wlan/inf:%d/multi/index:%d/vlan_id"};
-constexpr KeyForm kAuth{"/wlan/inf:%d/authentication", "/wlan/inf:%d/multi/index:%d/auth"};
-constexpr KeyForm kCipher{"/wlan/inf:%d/wpa/wepmode", "/wlan/inf:%d/multi/index:%d/cipher"};
-constexpr KeyForm kPassFormat{"/wlan/inf:%d/wpa/passphraseformat",
-                              "/wlan/inf:%d/multi/index:%d/passphraseformat"};
-constexpr KeyForm kPassphrase{"/wlan/inf:%d/wpa/wpapsk", "/wlan/inf:%d/multi/index:%d/passphrase"};
-constexpr KeyForm kRadiusServer{"/wlan/inf:%d/wpa/radiusserver",
-                                "/wlan/inf:%d/multi/index:%d/radius_server"};
-constexpr KeyForm kRadiusSecret{"/wlan/inf:%d/wpa/radiussecret",
-                                "/wlan/inf:%d/multi/index:%d/radius_secret"};
+constexpr KeyForm kName{"ssid", "ssid"};
+constexpr KeyForm kVlan{"vlan_id", "vlan_id"};
+constexpr KeyForm kAuth{"authentication", "auth"};
+constexpr KeyForm kCipher{"wpa/wepmode", "cipher"};
+constexpr KeyForm kPassFormat{"wpa/passphraseformat", "passphraseformat"};
+constexpr KeyForm kPassphrase{"wpa/wpapsk", "passphrase"};
+constexpr KeyForm kRadiusServer{"wpa/radiusserver", "radius_server"};
+constexpr KeyForm kRadiusSecret{"wpa/radiussecret", "radius_secret"};
 
-// The key of a setting for (band, index); both forms fit easily.
+// The key of a setting for (band, index); both forms fit easily. An SSID
+// list composes some hundred of them: bands and indexes of one digit, all
+// the daemon asks for, are written directly, the rest go through the
+// formatter.
 struct Key {
     char text[64];
     Key(const KeyForm &f, int band, int index) {
-        if (index == 0)
-            rgdb_format_key(text, sizeof text, f.primary, band);
-        else
-            rgdb_format_key(text, sizeof text, f.additional, band, index);
+        if (band < 0 || band > 9 || index < 0 || index > 9) {
+            if (index == 0)
+                rgdb_format_key(text, sizeof text, "/wlan/inf:%d/%s", band, f.primary);
+            else
+                rgdb_format_key(text, sizeof text, "/wlan/inf:%d/multi/index:%d/%s", band, index, f.additional);
+            return;
+        }
+        char *o = put(text, "/wlan/inf:");
+        *o++ = char('0' + band);
+        *o++ = '/';
+        if (index != 0) {
+            o = put(o, "multi/index:");
+            *o++ = char('0' + index);
+            *o++ = '/';
+        }
+        const char *leaf = index == 0 ? f.primary : f.additional;
+        while (*leaf && o < text + sizeof text - 1) *o++ = *leaf++;
+        *o = '\0';
+    }
+
+  private:
+    template <size_t N>
+    static char *put(char *o, const char (&literal)[N]) {
+        memcpy(o, literal, N - 1);
+        return o + N - 1;
     }
 };
 
