@@ -209,6 +209,7 @@ Client udp_client() {
 Client raw_client() {
     return Client(tav::client::Options::raw("eth0", mgr_ns(), cfg.build + "/sim/cipher/TAV_Auth.so"));
 }
+Client client(bool raw) { return raw ? raw_client() : udp_client(); }
 
 struct Op {
     uint16_t code;
@@ -258,8 +259,6 @@ std::string sealed_hex(const tav::client::Cipher &cipher, bool raw, const Op &op
 // --rounds-file: every round as a line (op code, path, run, round, database
 // ns, network ns, request ns, monotonic ns at its end), for looking closer.
 FILE *rounds_out = nullptr;
-
-Client client(bool raw) { return raw ? raw_client() : udp_client(); }
 
 // One row's measurement: its request as the lean sender sends it and its
 // figures, run by run.
@@ -375,7 +374,7 @@ std::map<std::string, double> callgrind_run(Helper &ap, Helper &mgr, const std::
     Daemon d = start_daemon({"/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=" + out, daemon});
     if (mgr.num("hello 30000") < 0) die("no hello from the daemon under callgrind");
     if (op) {
-        Client c = raw ? raw_client() : udp_client();
+        Client c = client(raw);
         for (int i = 0; i < n; ++i)
             if (!ask_daemon(c, *op, 10s)) die(std::string("no reply under callgrind to ") + op->name);
     }

@@ -112,11 +112,6 @@ constexpr TlvRequest<DeviceListReq> kDeviceList{
     kDeviceListRules, Take::Declared, NoParamCheck{}, PrecedenceRefusal{tav::kResultRefused},
     NoAuth{}};
 
-void parse_mac(const char *text, uint8_t mac[6]) {
-    memset(mac, 0, 6);
-    scan_mac(text, mac);
-}
-
 // One list of the mesh service; `member` lists carry a system name and a
 // status. False when the reply area is full: the list stops before the group
 // that does not fit.
@@ -134,7 +129,7 @@ bool list_devices(Reply &r, bool member) {
         char mac_text[32] = {};
         uint8_t mac[6];
         _rgdb_get_(mac_text, 32, "/runtime/super_mesh/%s/index:%d/mac", list, index);
-        parse_mac(mac_text, mac);
+        scan_mac(mac_text, mac);
         const size_t group = Reply::tlv_size(2) + Reply::tlv_size(1) +
                              Reply::tlv_size(strlen(model) + 1) +
                              Reply::tlv_size(strlen(name) + 1) + Reply::tlv_size(6) +

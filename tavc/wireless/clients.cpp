@@ -39,7 +39,6 @@ int get_client_mac(uint8_t mac[6], StationKey &key) {
     char text[32] = {};
     rgdb_get_key(text, 31, key.leaf("mac"));
     if (text[0] == '\0') return -1;
-    memset(mac, 0, 6);
     scan_mac(text, mac);
     return 0;
 }
@@ -98,6 +97,7 @@ bool get_client_list(int band, Reply &r) {
 // the low byte stored; a field without a digit ends the scan, as does a
 // character other than ':' between fields.
 void scan_mac(const char *text, uint8_t mac[6]) {
+    memset(mac, 0, 6);
     const char *p = text;
     for (int i = 0; i < 6; ++i) {
         if (i > 0 && *p++ != ':') return;

@@ -54,9 +54,10 @@ void get_ssid_info(int band, Reply &reply);
 int set_ssid_info(const ssid_info &rec);
 int set_ssid_info_with_band(int band, const ssid_info &rec);
 
-// What sscanf(text, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", ...) stores, field by
-// field, stopping where it would; fields it does not reach are left alone.
-// The stdio scanner's first touches cost more than a station's key read.
+// Zeroes the six bytes, then stores what sscanf(text,
+// "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", ...) stores, field by field, stopping
+// where it would. The stdio scanner's first touches cost more than a
+// station's key read.
 void scan_mac(const char *text, uint8_t mac[6]);
 
 // Runs the AP-array command of `action` for the MAC text and waits for it;

@@ -192,7 +192,7 @@ TEST_F(Wireless, ListsFillTheReplyAreaAndStayClosed) {
 
 }  // namespace
 
-// The MAC scanner stores what sscanf's "%hhx:" fields store, wherever sscanf
+// The MAC scanner stores what sscanf's "%hhx:" fields store over zeroes, wherever sscanf
 // would stop: blanks, signs, "0x", overflow, short and odd texts, and random
 // texts over the characters that matter.
 TEST(ScanMac, StoresWhatSscanfStores) {
@@ -211,7 +211,7 @@ TEST(ScanMac, StoresWhatSscanfStores) {
         texts.push_back(t);
     }
     for (const std::string &t : texts) {
-        uint8_t want[6] = {9, 9, 9, 9, 9, 9}, got[6] = {9, 9, 9, 9, 9, 9};
+        uint8_t want[6] = {}, got[6] = {9, 9, 9, 9, 9, 9};  // zeroed by the scanner
         sscanf(t.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &want[0], &want[1], &want[2], &want[3], &want[4],
                &want[5]);
         scan_mac(t.c_str(), got);
